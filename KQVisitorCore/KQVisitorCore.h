@@ -1,0 +1,35 @@
+#pragma once
+
+// The public interface of KQVisitorCore in one include.
+
+#include <KQVisitorCore/KQVisitorCoreVersion.h>
+
+#include <KQVisitorCore/Platform/AlertView.h>
+#include <KQVisitorCore/Platform/Clock.h>
+#include <KQVisitorCore/Platform/Color.h>
+#include <KQVisitorCore/Platform/Date.h>
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/Platform/HostApplication.h>
+#include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/LocalNotification.h>
+#include <KQVisitorCore/Platform/Localization.h>
+#include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/ManualClock.h>
+#include <KQVisitorCore/Platform/Notification.h>
+#include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Platform/UserDefaults.h>
+
+#include <KQVisitorCore/Model/KQVisitorMessage.h>
+#include <KQVisitorCore/Model/KQVisitorMessageType.h>
+#include <KQVisitorCore/Model/KQVisitorRoomTable.h>
+#include <KQVisitorCore/Model/KQVisitorSite.h>
+#include <KQVisitorCore/Model/KQVisitorUser.h>
+
+#include <KQVisitorCore/Utilities/ColorKQVisitor.h>
+#include <KQVisitorCore/Utilities/DatePlus.h>
+#include <KQVisitorCore/Utilities/MulticastDelegate.h>
+
+#include <KQVisitorCore/Network/KQVisitorWebService.h>

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <KQVisitorCore/Model/KQVisitorMessageType.h>
+#include <KQVisitorCore/Model/KQVisitorUser.h>
+#include <KQVisitorCore/Platform/Date.h>
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq {
+
+/// One line of a conversation as the host application shows it. Fields may be read and written
+/// from any thread; a new message has every field absent and messageType 0.
+class KQ_EXPORT KQVisitorMessage {
+ public:
+  KQVisitorMessage() = default;
+  KQVisitorMessage(const KQVisitorMessage&) = delete;
+  KQVisitorMessage& operator=(const KQVisitorMessage&) = delete;
+
+  /// The text.
+  [[nodiscard]] std::optional<std::string> message() const;
+  void setMessage(std::optional<std::string> message);
+  /// The operator (manager) id of the packet; "0" for the greeting and HTTP messages.
+  [[nodiscard]] std::optional<std::string> managerId() const;
+  void setManagerId(std::optional<std::string> managerId);
+  /// Who wrote it.
+  [[nodiscard]] std::shared_ptr<KQVisitorUser> sender() const;
+  void setSender(std::shared_ptr<KQVisitorUser> sender);
+  /// When it was sent.
+  [[nodiscard]] std::optional<Date> timeStamp() const;
+  void setTimeStamp(std::optional<Date> timeStamp);
+  /// One of KQVisitorMessageType.
+  [[nodiscard]] std::int64_t messageType() const;
+  void setMessageType(std::int64_t messageType);
+
+  /// True when the sender is the very user object that is the web service's current user; a
+  /// different user object with the same fields does not count, nor does an absent sender.
+  [[nodiscard]] bool isMessageByCurrentUser() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<std::string> message_;      // guarded by mutex_
+  std::optional<std::string> managerId_;    // guarded by mutex_
+  std::shared_ptr<KQVisitorUser> sender_;   // guarded by mutex_
+  std::optional<Date> timeStamp_;           // guarded by mutex_
+  std::int64_t messageType_ = 0;            // guarded by mutex_
+};
+
+}  // namespace kq

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kq {
+
+class KQVisitorRoom;
+
+/// A dictionary of rooms by key, safe to use from several threads. Walks go over snapshot(), so
+/// that a room may change the table (closing a room empties its site's table) during the walk.
+class KQ_EXPORT KQVisitorRoomTable {
+ public:
+  using Entry = std::pair<std::string, std::shared_ptr<KQVisitorRoom>>;
+
+  KQVisitorRoomTable() = default;
+  KQVisitorRoomTable(const KQVisitorRoomTable&) = delete;
+  KQVisitorRoomTable& operator=(const KQVisitorRoomTable&) = delete;
+
+  /// The room under `key`, or null.
+  [[nodiscard]] std::shared_ptr<KQVisitorRoom> objectForKey(const std::string& key) const;
+  /// Files `room` under `key`, replacing what was there; a null room removes the key.
+  void setObject(std::shared_ptr<KQVisitorRoom> room, const std::string& key);
+  void removeObjectForKey(const std::string& key);
+  void removeAllObjects();
+  [[nodiscard]] std::size_t count() const;
+  /// The keys and rooms at this moment, ordered by key.
+  [[nodiscard]] std::vector<Entry> snapshot() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<KQVisitorRoom>> rooms_;  // guarded by mutex_
+};
+
+}  // namespace kq

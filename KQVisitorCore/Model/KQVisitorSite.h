@@ -1,0 +1,48 @@
+#pragma once
+
+#include <KQVisitorCore/Model/KQVisitorRoomTable.h>
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq {
+
+/// One website of the chat service, with the chat rooms opened for it. Fields may be read and
+/// written from any thread.
+class KQ_EXPORT KQVisitorSite {
+ public:
+  KQVisitorSite() = default;
+  KQVisitorSite(const KQVisitorSite&) = delete;
+  KQVisitorSite& operator=(const KQVisitorSite&) = delete;
+
+  /// The website id of the chat service.
+  [[nodiscard]] std::optional<std::string> siteId() const;
+  void setSiteId(std::optional<std::string> siteId);
+  [[nodiscard]] std::optional<std::string> siteName() const;
+  void setSiteName(std::optional<std::string> siteName);
+  [[nodiscard]] std::optional<std::string> siteDesc() const;
+  void setSiteDesc(std::optional<std::string> siteDesc);
+  /// The site's position in its owner's list.
+  [[nodiscard]] std::int64_t indexInArray() const;
+  void setIndexInArray(std::int64_t indexInArray);
+
+  /// The site's rooms by key; the room of the running chat is filed under "currentRoom". Made
+  /// empty on the first read and the same table on every read until setRooms() replaces it.
+  [[nodiscard]] std::shared_ptr<KQVisitorRoomTable> rooms();
+  /// Replaces the table; null makes the next read of rooms() create a fresh one.
+  void setRooms(std::shared_ptr<KQVisitorRoomTable> rooms);
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<std::string> siteId_;          // guarded by mutex_
+  std::optional<std::string> siteName_;        // guarded by mutex_
+  std::optional<std::string> siteDesc_;        // guarded by mutex_
+  std::int64_t indexInArray_ = 0;              // guarded by mutex_
+  std::shared_ptr<KQVisitorRoomTable> rooms_;  // guarded by mutex_
+};
+
+}  // namespace kq

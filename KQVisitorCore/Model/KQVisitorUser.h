@@ -1,0 +1,46 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq {
+
+/// A person taking part in a chat: the visitor or an operator.
+///
+/// Users are compared by identity (the same object), never by their fields: two users with the
+/// same id and name are different users. Absent fields are nullopt, which is not the empty
+/// string. Fields may be read and written from any thread.
+class KQ_EXPORT KQVisitorUser {
+ public:
+  KQVisitorUser() = default;
+  KQVisitorUser(const KQVisitorUser&) = delete;
+  KQVisitorUser& operator=(const KQVisitorUser&) = delete;
+
+  /// Display name: the nickname under which the visitor joins a room; for an operator, the name
+  /// carried by the chat packet.
+  [[nodiscard]] std::optional<std::string> username() const;
+  void setUsername(std::optional<std::string> username);
+  /// Full name.
+  [[nodiscard]] std::optional<std::string> name() const;
+  void setName(std::optional<std::string> name);
+  [[nodiscard]] std::optional<std::string> email() const;
+  void setEmail(std::optional<std::string> email);
+  [[nodiscard]] std::optional<std::string> phone() const;
+  void setPhone(std::optional<std::string> phone);
+  /// The service's id of the person; the key of a room's occupant table.
+  [[nodiscard]] std::optional<std::string> userId() const;
+  void setUserId(std::optional<std::string> userId);
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<std::string> username_;  // guarded by mutex_
+  std::optional<std::string> name_;      // guarded by mutex_
+  std::optional<std::string> email_;     // guarded by mutex_
+  std::optional<std::string> phone_;     // guarded by mutex_
+  std::optional<std::string> userId_;    // guarded by mutex_
+};
+
+}  // namespace kq

@@ -1,0 +1,78 @@
+#include <KQVisitorCore/Platform/Clock.h>
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/ManualClock.h>
+
+#include <algorithm>
+
+namespace kq {
+namespace {
+
+class SystemClock final : public Clock {
+ public:
+  [[nodiscard]] TimePoint now() const override { return std::chrono::steady_clock::now(); }
+
+  void waitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                 TimePoint deadline, TimePoint realLimit) override {
+    const TimePoint until = std::min(deadline, realLimit);
+    if (until == TimePoint::max()) {
+      condition.wait(lock);
+    } else {
+      condition.wait_until(lock, until);
+    }
+  }
+};
+
+std::mutex& sharedClockMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::shared_ptr<Clock>& sharedClockSlot() {
+  static std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
+  return clock;
+}
+
+}  // namespace
+
+Clock::~Clock() = default;
+
+std::shared_ptr<Clock> Clock::shared() {
+  std::scoped_lock lock(sharedClockMutex());
+  return sharedClockSlot();
+}
+
+void Clock::setShared(std::shared_ptr<Clock> clock) {
+  {
+    std::scoped_lock lock(sharedClockMutex());
+    sharedClockSlot() = clock ? std::move(clock) : std::make_shared<SystemClock>();
+  }
+  DispatchQueue::wakeAll();
+}
+
+ManualClock::ManualClock() : ticks_(std::chrono::steady_clock::now().time_since_epoch().count()) {}
+
+Clock::TimePoint ManualClock::now() const { return TimePoint(Duration(ticks_.load())); }
+
+void ManualClock::waitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                            TimePoint deadline, TimePoint realLimit) {
+  // Manual time only moves in advance(), which wakes every queue; real time bounds the wait.
+  if (now() >= deadline) {
+    return;
+  }
+  if (realLimit == TimePoint::max()) {
+    condition.wait(lock);
+  } else {
+    condition.wait_until(lock, realLimit);
+  }
+}
+
+void ManualClock::advance(Duration by) {
+  if (by <= Duration::zero()) {
+    return;
+  }
+  ticks_.fetch_add(by.count());
+  DispatchQueue::wakeAll();
+}
+
+}  // namespace kq

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+namespace kq {
+
+/// The time base of every queue deadline and timer interval in the library. The system's
+/// monotonic clock is the default; tests install a ManualClock and move time themselves.
+class KQ_EXPORT Clock {
+ public:
+  using Duration = std::chrono::steady_clock::duration;
+  using TimePoint = std::chrono::steady_clock::time_point;
+
+  Clock() = default;
+  Clock(const Clock&) = delete;
+  Clock& operator=(const Clock&) = delete;
+  virtual ~Clock();
+
+  [[nodiscard]] virtual TimePoint now() const = 0;
+
+  /// Blocks on `condition` (with `lock` held on entry, as for a condition variable) until it is
+  /// notified, this clock reaches `deadline`, or the real monotonic time reaches `realLimit`.
+  /// Spurious returns are allowed; callers re-check their state.
+  virtual void waitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                         TimePoint deadline, TimePoint realLimit = TimePoint::max()) = 0;
+
+  /// The clock in use, process-wide. Never null.
+  static std::shared_ptr<Clock> shared();
+
+  /// Installs `clock` (null restores the system clock) and wakes every queue so that waits are
+  /// measured on the new clock. Install a clock before scheduling the timers that should use it.
+  static void setShared(std::shared_ptr<Clock> clock);
+};
+
+}  // namespace kq

@@ -1,0 +1,299 @@
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kq {
+
+struct DispatchQueue::Impl {
+  explicit Impl(std::string name);
+  ~Impl();
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  // Moves every timed task whose deadline has passed to the end of `ready`, earliest first.
+  void promoteDue(TimePoint now);
+  // Runs the tasks ready at the start of the pass; returns how many ran. Expects `lock` held.
+  std::size_t runPass(std::unique_lock<std::mutex>& lock);
+  void threadMain();
+  [[nodiscard]] TimePoint nextDeadline() const;
+
+  const std::string label;
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<Task> ready;
+  std::map<std::pair<TimePoint, TaskId>, Task> timed;
+  std::unordered_map<TaskId, TimePoint> deadlineOf;
+  TaskId nextId = 1;
+  bool stopping = false;      // the queue is being destroyed
+  bool stopRequested = false; // main queue: run() should return
+  int running = 0;            // main queue: nesting depth of run()
+  std::thread thread;
+  std::atomic<std::thread::id> owner{};
+};
+
+namespace {
+
+thread_local const DispatchQueue::Impl* currentQueue = nullptr;
+
+// Marks the calling thread as running `queue` for the lifetime of the scope.
+class CurrentQueueScope {
+ public:
+  explicit CurrentQueueScope(const DispatchQueue::Impl* queue) : previous_(currentQueue) {
+    currentQueue = queue;
+  }
+  ~CurrentQueueScope() { currentQueue = previous_; }
+  CurrentQueueScope(const CurrentQueueScope&) = delete;
+  CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
+
+ private:
+  const DispatchQueue::Impl* previous_;
+};
+
+std::mutex& registryMutex() {
+  static auto* mutex = new std::mutex;  // never destroyed: queues may outlive static teardown
+  return *mutex;
+}
+
+std::vector<DispatchQueue::Impl*>& registry() {
+  static auto* queues = new std::vector<DispatchQueue::Impl*>;
+  return *queues;
+}
+
+}  // namespace
+
+DispatchQueue::Impl::Impl(std::string name) : label(std::move(name)) {
+  std::scoped_lock lock(registryMutex());
+  registry().push_back(this);
+}
+
+DispatchQueue::Impl::~Impl() {
+  std::scoped_lock lock(registryMutex());
+  auto& queues = registry();
+  queues.erase(std::remove(queues.begin(), queues.end(), this), queues.end());
+}
+
+void DispatchQueue::Impl::promoteDue(TimePoint now) {
+  while (!timed.empty() && timed.begin()->first.first <= now) {
+    auto node = timed.extract(timed.begin());
+    deadlineOf.erase(node.key().second);
+    ready.push_back(std::move(node.mapped()));
+  }
+}
+
+DispatchQueue::TimePoint DispatchQueue::Impl::nextDeadline() const {
+  return timed.empty() ? TimePoint::max() : timed.begin()->first.first;
+}
+
+std::size_t DispatchQueue::Impl::runPass(std::unique_lock<std::mutex>& lock) {
+  promoteDue(Clock::shared()->now());
+  std::size_t count = ready.size();
+  std::size_t ran = 0;
+  while (ran < count && !ready.empty() && !stopping && !stopRequested) {
+    Task task = std::move(ready.front());
+    ready.pop_front();
+    lock.unlock();
+    task();
+    task = nullptr;  // Destroy what the task captured before taking the lock again.
+    lock.lock();
+    ++ran;
+  }
+  return ran;
+}
+
+void DispatchQueue::Impl::threadMain() {
+  CurrentQueueScope scope(this);
+  owner = std::this_thread::get_id();
+  std::unique_lock lock(mutex);
+  while (!stopping) {
+    if (runPass(lock) > 0) {
+      continue;
+    }
+    if (stopping) {
+      break;
+    }
+    promoteDue(Clock::shared()->now());
+    if (ready.empty()) {
+      Clock::shared()->waitUntil(wake, lock, nextDeadline());
+    }
+  }
+}
+
+DispatchQueue::DispatchQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+DispatchQueue::~DispatchQueue() {
+  std::deque<Task> droppedReady;
+  std::map<std::pair<TimePoint, TaskId>, Task> droppedTimed;
+  {
+    std::scoped_lock lock(impl_->mutex);
+    impl_->stopping = true;
+    droppedReady.swap(impl_->ready);
+    droppedTimed.swap(impl_->timed);
+    impl_->deadlineOf.clear();
+  }
+  impl_->wake.notify_all();
+  if (impl_->thread.joinable()) {
+    if (impl_->thread.get_id() == std::this_thread::get_id()) {
+      impl_->thread.detach();  // threadMain keeps Impl alive through its own reference
+    } else {
+      impl_->thread.join();
+    }
+  }
+  // droppedReady and droppedTimed are destroyed here, outside every lock.
+}
+
+const std::shared_ptr<DispatchQueue>& DispatchQueue::main() {
+  static auto* mainQueue =
+      new std::shared_ptr<DispatchQueue>(new DispatchQueue(std::make_shared<Impl>("main")));
+  return *mainQueue;
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
+  auto impl = std::make_shared<Impl>(std::move(label));
+  impl->thread = std::thread([impl] {
+    // The thread name shows in debuggers and crash reports; Linux allows 15 characters.
+    pthread_setname_np(pthread_self(), impl->label.substr(0, 15).c_str());
+    impl->threadMain();
+  });
+  return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(impl)));
+}
+
+const std::string& DispatchQueue::label() const { return impl_->label; }
+
+void DispatchQueue::async(Task task) {
+  {
+    std::scoped_lock lock(impl_->mutex);
+    if (impl_->stopping) {
+      return;
+    }
+    impl_->ready.push_back(std::move(task));
+  }
+  impl_->wake.notify_one();
+}
+
+void DispatchQueue::asyncAfter(Duration delay, Task task) {
+  scheduleAt(Clock::shared()->now() + std::max(delay, Duration::zero()), std::move(task));
+}
+
+DispatchQueue::TaskId DispatchQueue::scheduleAt(TimePoint deadline, Task task) {
+  TaskId id = 0;
+  {
+    std::scoped_lock lock(impl_->mutex);
+    if (impl_->stopping) {
+      return 0;
+    }
+    id = impl_->nextId++;
+    impl_->timed.emplace(std::make_pair(deadline, id), std::move(task));
+    impl_->deadlineOf.emplace(id, deadline);
+  }
+  impl_->wake.notify_one();
+  return id;
+}
+
+DispatchQueue::Task DispatchQueue::cancel(TaskId id) {
+  std::scoped_lock lock(impl_->mutex);
+  const auto found = impl_->deadlineOf.find(id);
+  if (found == impl_->deadlineOf.end()) {
+    return nullptr;
+  }
+  auto node = impl_->timed.extract(std::make_pair(found->second, id));
+  impl_->deadlineOf.erase(found);
+  return node.empty() ? nullptr : std::move(node.mapped());
+}
+
+void DispatchQueue::sync(const Task& task) {
+  if (isCurrent()) {
+    task();
+    return;
+  }
+  std::promise<void> done;
+  auto finished = done.get_future();
+  async([&task, &done] {
+    try {
+      task();
+      done.set_value();
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
+  });
+  finished.get();
+}
+
+bool DispatchQueue::isCurrent() const {
+  return currentQueue == impl_.get() || impl_->owner.load() == std::this_thread::get_id();
+}
+
+void DispatchQueue::run() {
+  if (impl_->thread.joinable()) {
+    throw std::logic_error("DispatchQueue::run: queue \"" + impl_->label + "\" runs on its own thread");
+  }
+  impl_->owner = std::this_thread::get_id();
+  CurrentQueueScope scope(impl_.get());
+  std::unique_lock lock(impl_->mutex);
+  ++impl_->running;
+  while (!impl_->stopRequested) {
+    if (impl_->runPass(lock) > 0 || impl_->stopRequested) {
+      continue;
+    }
+    impl_->promoteDue(Clock::shared()->now());
+    if (impl_->ready.empty()) {
+      Clock::shared()->waitUntil(impl_->wake, lock, impl_->nextDeadline());
+    }
+  }
+  if (--impl_->running == 0) {
+    impl_->stopRequested = false;
+  }
+}
+
+void DispatchQueue::stop() {
+  {
+    std::scoped_lock lock(impl_->mutex);
+    if (impl_->running == 0) {
+      return;
+    }
+    impl_->stopRequested = true;
+  }
+  impl_->wake.notify_all();
+}
+
+std::size_t DispatchQueue::pump(Duration maxWait) {
+  if (impl_->thread.joinable()) {
+    throw std::logic_error("DispatchQueue::pump: queue \"" + impl_->label + "\" runs on its own thread");
+  }
+  impl_->owner = std::this_thread::get_id();
+  CurrentQueueScope scope(impl_.get());
+  const TimePoint realLimit = std::chrono::steady_clock::now() + std::max(maxWait, Duration::zero());
+  std::unique_lock lock(impl_->mutex);
+  std::size_t ran = impl_->runPass(lock);
+  while (ran == 0 && std::chrono::steady_clock::now() < realLimit) {
+    impl_->promoteDue(Clock::shared()->now());
+    if (impl_->ready.empty()) {
+      Clock::shared()->waitUntil(impl_->wake, lock, impl_->nextDeadline(), realLimit);
+    }
+    ran = impl_->runPass(lock);
+  }
+  return ran;
+}
+
+void DispatchQueue::wakeAll() {
+  std::scoped_lock registryLock(registryMutex());
+  for (Impl* queue : registry()) {
+    // Taking the queue's lock orders this wake after any check-then-wait in progress.
+    { std::scoped_lock lock(queue->mutex); }
+    queue->wake.notify_all();
+  }
+}
+
+}  // namespace kq

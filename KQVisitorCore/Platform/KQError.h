@@ -1,0 +1,33 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+
+namespace kq {
+
+/// An error as the library reports it through its callbacks.
+///
+/// Library errors carry the human-readable message as `domain`, a code of 400, 500 or 1001 and
+/// one user-information entry "status" with a small integer. Transport errors keep the domain
+/// and code of the layer that failed (for example "CURLE" and libcurl's code) and describe
+/// themselves under "NSLocalizedDescription".
+struct KQ_EXPORT KQError {
+  std::string domain;
+  long code = 0;
+  nlohmann::ordered_json userInfo = nlohmann::ordered_json::object();
+
+  /// A library error: `domain` is the message, userInfo is {"status": status}.
+  static KQError withStatus(std::string domain, long code, long status);
+
+  /// The "status" entry when it holds an integer.
+  [[nodiscard]] std::optional<long> status() const;
+
+  /// "Error Domain=<domain> Code=<code> UserInfo=<userInfo as JSON>", for logs.
+  [[nodiscard]] std::string description() const;
+};
+
+}  // namespace kq

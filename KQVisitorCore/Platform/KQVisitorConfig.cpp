@@ -1,0 +1,238 @@
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+
+#include <KQVisitorCore/Platform/Log.h>
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+
+namespace kq {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct StringSetting {
+  std::string_view name;
+  std::string KQVisitorConfig::*member;
+};
+
+constexpr StringSetting kStringSettings[] = {
+    {"jsonServiceProductionOrigin", &KQVisitorConfig::jsonServiceProductionOrigin},
+    {"jsonServiceBetaOrigin", &KQVisitorConfig::jsonServiceBetaOrigin},
+    {"soapServiceOrigin", &KQVisitorConfig::soapServiceOrigin},
+    {"soapNamespace", &KQVisitorConfig::soapNamespace},
+    {"uploadServiceOrigin", &KQVisitorConfig::uploadServiceOrigin},
+    {"xmppHost", &KQVisitorConfig::xmppHost},
+    {"caFile", &KQVisitorConfig::caFile},
+    {"reachabilityHost", &KQVisitorConfig::reachabilityHost},
+    {"userDefaultsPath", &KQVisitorConfig::userDefaultsPath},
+};
+constexpr std::string_view kPortKey = "xmppPort";
+
+std::string knownKeys() {
+  std::string keys;
+  for (const auto& setting : kStringSettings) {
+    keys.append(setting.name).append(", ");
+  }
+  return keys.append(kPortKey);
+}
+
+bool hasSpace(std::string_view text) {
+  return text.find_first_of(" \t\r\n") != std::string_view::npos;
+}
+
+// "scheme://host[:port]" with scheme http or https, no user information, path or query.
+std::optional<std::string> originProblem(std::string_view origin) {
+  const auto schemeEnd = origin.find("://");
+  if (schemeEnd == std::string_view::npos) {
+    return "must be an origin such as https://host or https://host:8443";
+  }
+  const auto scheme = origin.substr(0, schemeEnd);
+  if (scheme != "http" && scheme != "https") {
+    return "must use http or https, not \"" + std::string(scheme) + "\"";
+  }
+  auto authority = origin.substr(schemeEnd + 3);
+  if (authority.find_first_of("/?#@") != std::string_view::npos || hasSpace(authority)) {
+    return "must hold only scheme, host and port (the library adds the paths)";
+  }
+  std::string_view host = authority;
+  if (!authority.empty() && authority.front() == '[') {  // IPv6 literal
+    const auto close = authority.find(']');
+    if (close == std::string_view::npos) {
+      return "has an unclosed IPv6 address";
+    }
+    host = authority.substr(0, close + 1);
+    authority.remove_prefix(close + 1);
+    if (!authority.empty() && authority.front() != ':') {
+      return "must hold only scheme, host and port (the library adds the paths)";
+    }
+  } else {
+    const auto colon = authority.find(':');
+    host = authority.substr(0, colon);
+    authority = colon == std::string_view::npos ? std::string_view() : authority.substr(colon);
+  }
+  if (host.empty()) {
+    return "has no host";
+  }
+  if (!authority.empty()) {
+    const auto port = authority.substr(1);
+    const bool digits = !port.empty() && port.size() <= 5 &&
+                        port.find_first_not_of("0123456789") == std::string_view::npos;
+    if (!digits || std::atoi(std::string(port).c_str()) < 1 ||
+        std::atoi(std::string(port).c_str()) > 65535) {
+      return "has a port that is not a number from 1 to 65535";
+    }
+  }
+  return std::nullopt;
+}
+
+std::mutex& sharedMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::optional<KQVisitorConfig>& sharedSlot() {
+  static std::optional<KQVisitorConfig> config;
+  return config;
+}
+
+}  // namespace
+
+KQVisitorConfig::Error::Error(std::string key, const std::string& message)
+    : std::invalid_argument(message), key_(std::move(key)) {}
+
+void KQVisitorConfig::validate() const {
+  const auto fail = [](std::string_view key, const std::string& problem) {
+    throw Error(std::string(key), "\"" + std::string(key) + "\" " + problem);
+  };
+  const std::pair<std::string_view, const std::string*> origins[] = {
+      {"jsonServiceProductionOrigin", &jsonServiceProductionOrigin},
+      {"jsonServiceBetaOrigin", &jsonServiceBetaOrigin},
+      {"soapServiceOrigin", &soapServiceOrigin},
+      {"uploadServiceOrigin", &uploadServiceOrigin},
+  };
+  for (const auto& [key, value] : origins) {
+    if (auto problem = originProblem(*value)) {
+      fail(key, *problem + " (got \"" + *value + "\")");
+    }
+  }
+  if (soapNamespace.empty() || hasSpace(soapNamespace)) {
+    fail("soapNamespace", "must be a namespace URI without spaces (got \"" + soapNamespace + "\")");
+  }
+  if (xmppHost.empty() || hasSpace(xmppHost) || xmppHost.find('/') != std::string::npos) {
+    fail("xmppHost", "must be a host name or address (got \"" + xmppHost + "\")");
+  }
+  if (xmppPort < 1 || xmppPort > 65535) {
+    fail(kPortKey, "must be an integer from 1 to 65535 (got " + std::to_string(xmppPort) + ")");
+  }
+  if (reachabilityHost.empty() || hasSpace(reachabilityHost)) {
+    fail("reachabilityHost", "must be a host name or address (got \"" + reachabilityHost + "\")");
+  }
+  if (!caFile.empty() && !std::ifstream(caFile).good()) {
+    fail("caFile", "names a file that cannot be read: " + caFile);
+  }
+}
+
+KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text, const KQVisitorConfig& base) {
+  const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (json.is_discarded()) {
+    throw Error("", "is not valid JSON");
+  }
+  if (!json.is_object()) {
+    throw Error("", "must hold a JSON object of settings, not " + std::string(json.type_name()));
+  }
+  KQVisitorConfig config = base;
+  for (const auto& [key, value] : json.items()) {
+    if (key == kPortKey) {
+      if (!value.is_number_integer()) {
+        throw Error(key, "\"" + key + "\" must be an integer from 1 to 65535, not " + value.dump());
+      }
+      const auto port = value.get<long long>();
+      config.xmppPort = port < 1 || port > 65535 ? 0 : static_cast<int>(port);
+      continue;
+    }
+    const auto* setting = std::find_if(std::begin(kStringSettings), std::end(kStringSettings),
+                                       [&](const StringSetting& known) { return known.name == key; });
+    if (setting == std::end(kStringSettings)) {
+      throw Error(key, "unknown key \"" + key + "\" (known keys: " + knownKeys() + ")");
+    }
+    if (!value.is_string()) {
+      throw Error(key, "\"" + key + "\" must be a string, not " + value.dump());
+    }
+    config.*(setting->member) = value.get<std::string>();
+  }
+  config.validate();
+  return config;
+}
+
+KQVisitorConfig KQVisitorConfig::fromFile(const std::string& path, const KQVisitorConfig& base) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    throw Error("", "configuration file " + path + " cannot be read");
+  }
+  std::ostringstream contents;
+  contents << file.rdbuf();
+  try {
+    return fromJSON(contents.str(), base);
+  } catch (const Error& error) {
+    throw Error(error.key(), "configuration file " + path + ": " + error.what());
+  }
+}
+
+KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text) {
+  return fromJSON(text, KQVisitorConfig{});
+}
+
+KQVisitorConfig KQVisitorConfig::fromFile(const std::string& path) {
+  return fromFile(path, KQVisitorConfig{});
+}
+
+KQVisitorConfig KQVisitorConfig::fromEnvironment() {
+  const char* path = std::getenv(std::string(kEnvironmentVariable).c_str());
+  if (path == nullptr || *path == '\0') {
+    return KQVisitorConfig{};
+  }
+  return fromFile(path);
+}
+
+KQVisitorConfig KQVisitorConfig::shared() {
+  std::scoped_lock lock(sharedMutex());
+  auto& slot = sharedSlot();
+  if (!slot) {
+    try {
+      slot = fromEnvironment();
+    } catch (const Error& error) {
+      log("KQVisitorConfig: ", error.what(), "; fix the file named by KQVISITOR_CONFIG");
+      throw;
+    }
+  }
+  return *slot;
+}
+
+void KQVisitorConfig::setShared(const KQVisitorConfig& config) {
+  config.validate();
+  std::scoped_lock lock(sharedMutex());
+  sharedSlot() = config;
+}
+
+std::string KQVisitorConfig::resolvedUserDefaultsPath() const {
+  if (!userDefaultsPath.empty()) {
+    return userDefaultsPath;
+  }
+  std::string base;
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg != nullptr && *xdg == '/') {
+    base = xdg;
+  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
+    base = std::string(home) + "/.config";
+  } else {
+    base = "/tmp";
+  }
+  return base + "/KQVisitorCore/UserDefaults.json";
+}
+
+}  // namespace kq

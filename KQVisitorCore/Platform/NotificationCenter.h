@@ -1,0 +1,65 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/Notification.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kq {
+
+/// Delivers named notifications to the observers registered for them, synchronously, on the
+/// posting thread, in order of registration. Thread-safe; observers are called with no lock
+/// held, so they may post, add or remove observers themselves.
+class KQ_EXPORT NotificationCenter {
+ public:
+  using Handler = std::function<void(const Notification&)>;
+  using Token = std::uint64_t;
+
+  NotificationCenter() = default;
+  NotificationCenter(const NotificationCenter&) = delete;
+  NotificationCenter& operator=(const NotificationCenter&) = delete;
+
+  /// The process-wide centre through which the library posts its notifications.
+  static NotificationCenter& defaultCenter();
+
+  /// Registers `handler` for notifications called `name`. With a `sender`, only notifications
+  /// posted with that sender reach it. `owner` (optional) groups observers for removal by
+  /// removeObserver(owner). Returns a token for removeObserver(token).
+  Token addObserver(std::string name, Handler handler, const void* sender = nullptr,
+                    const void* owner = nullptr);
+
+  /// Removes one observer. Once this returns no new delivery to it starts; a delivery already
+  /// running on another thread may still be finishing.
+  void removeObserver(Token token);
+
+  /// Removes every observer registered with `owner`.
+  void removeObserver(const void* owner);
+
+  void post(Notification notification);
+  void post(std::string name, std::any object = {}, nlohmann::ordered_json userInfo = nullptr,
+            const void* sender = nullptr);
+
+ private:
+  struct Observer {
+    Token token;
+    std::string name;
+    const void* sender;
+    const void* owner;
+    Handler handler;
+    bool removed = false;  // guarded by the centre's mutex
+  };
+
+  bool isRemoved(const Observer& observer) const;
+  void removeWhere(const std::function<bool(const Observer&)>& predicate);
+
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<Observer>> observers_;  // guarded by mutex_
+  Token nextToken_ = 1;                               // guarded by mutex_
+};
+
+}  // namespace kq

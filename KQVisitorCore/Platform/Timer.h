@@ -1,0 +1,72 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Clock.h>
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace kq {
+
+/// A one-shot or repeating timer whose ticks run on a DispatchQueue, timed by Clock::shared().
+///
+/// A scheduled timer keeps itself alive until it is invalidated (or, for a one-shot timer, has
+/// fired), as a run loop keeps its timers. A repeating timer keeps its rhythm: each deadline is
+/// the previous one plus the interval, and deadlines missed while the queue was busy are
+/// skipped, not fired in a burst.
+class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
+ public:
+  using Duration = Clock::Duration;
+  using Tick = std::function<void(Timer&)>;
+
+  /// Repeating intervals shorter than this are raised to it.
+  static constexpr Duration kMinimumRepeatingInterval = std::chrono::microseconds(100);
+
+  /// Schedules `tick` on `queue` after `interval`, and then every `interval` when `repeats`.
+  static std::shared_ptr<Timer> scheduledTimer(const std::shared_ptr<DispatchQueue>& queue,
+                                               Duration interval, bool repeats, Tick tick);
+
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+  ~Timer();
+
+  /// Stops the timer: once this returns, no tick starts, also not one already queued. From
+  /// another thread it waits for a tick in progress to finish; from inside a tick it returns at
+  /// once and the running tick is the last. Releases the tick function. Idempotent.
+  void invalidate();
+
+  [[nodiscard]] bool isValid() const;
+  [[nodiscard]] Duration timeInterval() const { return interval_; }
+
+  struct Token {
+   private:
+    friend class Timer;
+    Token() = default;
+  };
+  /// Use scheduledTimer(); the token keeps this constructor to it.
+  Timer(Token, const std::shared_ptr<DispatchQueue>& queue, Duration interval, bool repeats,
+        Tick tick);
+
+ private:
+  void scheduleLocked(Clock::TimePoint deadline);
+  void fire();
+
+  const std::weak_ptr<DispatchQueue> queue_;
+  const Duration interval_;
+  const bool repeats_;
+
+  mutable std::mutex mutex_;
+  std::condition_variable tickFinished_;
+  std::shared_ptr<Tick> tick_;            // guarded by mutex_
+  bool valid_ = true;                     // guarded by mutex_
+  bool firing_ = false;                   // guarded by mutex_
+  std::thread::id firingThread_;          // guarded by mutex_
+  DispatchQueue::TaskId pendingTask_ = 0; // guarded by mutex_
+  Clock::TimePoint deadline_;             // guarded by mutex_
+};
+
+}  // namespace kq

@@ -1,0 +1,324 @@
+#include <KQVisitorCore/Platform/UserDefaults.h>
+
+#include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/Log.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <cstdlib>
+
+namespace kq {
+namespace {
+
+std::string errnoText() { return std::strerror(errno); }
+
+std::string folderOf(const std::string& path) {
+  const auto slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    return ".";
+  }
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// mkdir -p, private to the user.
+bool makeFolders(const std::string& folder) {
+  if (folder.empty() || folder == "." || folder == "/") {
+    return true;
+  }
+  struct stat info {};
+  if (::stat(folder.c_str(), &info) == 0) {
+    return S_ISDIR(info.st_mode);
+  }
+  if (!makeFolders(folderOf(folder))) {
+    return false;
+  }
+  return ::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+bool writeAll(int fd, const std::string& data) {
+  const char* cursor = data.data();
+  size_t left = data.size();
+  while (left > 0) {
+    const ssize_t written = ::write(fd, cursor, left);
+    if (written < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    cursor += written;
+    left -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+// Reads the whole file; on failure returns false with errno set.
+bool readFile(const std::string& path, std::string& contents) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  char buffer[16384];
+  while (true) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got <= 0) {
+      const int error = errno;
+      ::close(fd);
+      errno = error;
+      return got == 0;
+    }
+    contents.append(buffer, static_cast<size_t>(got));
+  }
+}
+
+// A name beside `path` that no file has yet, so that no earlier damaged file is replaced.
+std::string damagedName(const std::string& path) {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+  const std::string base = path + ".damaged-" + stamp;
+  std::string candidate = base;
+  for (int n = 2; ::access(candidate.c_str(), F_OK) == 0; ++n) {
+    candidate = base + "-" + std::to_string(n);
+  }
+  return candidate;
+}
+
+}  // namespace
+
+UserDefaults& UserDefaults::standard() {
+  // Never destroyed: the library may write settings from its threads during process exit.
+  static auto* defaults = [] {
+    auto* created = new UserDefaults(KQVisitorConfig::shared().resolvedUserDefaultsPath());
+    std::atexit([] { standard().synchronize(); });  // Changes of the last moments are not lost.
+    return created;
+  }();
+  return *defaults;
+}
+
+UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) { load(); }
+
+UserDefaults::~UserDefaults() {
+  std::shared_ptr<DispatchQueue> writer;
+  {
+    std::scoped_lock lock(mutex_);
+    writer = std::move(writer_);
+  }
+  writer.reset();  // Joins the writer thread; a write it had queued is done here instead.
+  synchronize();
+}
+
+void UserDefaults::load() {
+  std::string contents;
+  if (!readFile(path_, contents)) {
+    if (errno == ENOENT) {
+      return;  // No settings saved yet.
+    }
+    setAside("cannot be read (" + errnoText() + ")");
+    return;
+  }
+  Json parsed = Json::parse(contents, nullptr, /*allow_exceptions=*/false);
+  if (parsed.is_discarded()) {
+    setAside("is not valid JSON");
+  } else if (!parsed.is_object()) {
+    setAside("does not hold a JSON object");
+  } else {
+    values_ = std::move(parsed);
+  }
+}
+
+void UserDefaults::setAside(const std::string& problem) const {
+  const std::string aside = damagedName(path_);
+  if (::rename(path_.c_str(), aside.c_str()) == 0) {
+    log("UserDefaults: ", path_, " ", problem, "; moved it to ", aside,
+        " and started with empty settings");
+  } else {
+    log("UserDefaults: ", path_, " ", problem, " and cannot be moved aside (", errnoText(),
+        "); started with empty settings, which the next save writes over it");
+  }
+}
+
+std::optional<UserDefaults::Json> UserDefaults::objectForKey(const std::string& key) const {
+  std::scoped_lock lock(mutex_);
+  const auto found = values_.find(key);
+  if (found == values_.end()) {
+    return std::nullopt;
+  }
+  return *found;
+}
+
+void UserDefaults::setObject(Json value, const std::string& key) {
+  if (value.is_null()) {
+    removeObjectForKey(key);
+    return;
+  }
+  {
+    std::scoped_lock lock(mutex_);
+    values_[key] = std::move(value);
+  }
+  markChanged();
+}
+
+void UserDefaults::removeObjectForKey(const std::string& key) {
+  {
+    std::scoped_lock lock(mutex_);
+    if (values_.erase(key) == 0) {
+      return;
+    }
+  }
+  markChanged();
+}
+
+std::optional<std::string> UserDefaults::stringForKey(const std::string& key) const {
+  const auto value = objectForKey(key);
+  if (!value) {
+    return std::nullopt;
+  }
+  if (value->is_string()) {
+    return value->get<std::string>();
+  }
+  if (value->is_number()) {
+    return value->dump();
+  }
+  return std::nullopt;
+}
+
+std::optional<UserDefaults::Json> UserDefaults::dictionaryForKey(const std::string& key) const {
+  auto value = objectForKey(key);
+  if (!value || !value->is_object()) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::int64_t UserDefaults::integerForKey(const std::string& key) const {
+  const auto value = objectForKey(key);
+  if (!value) {
+    return 0;
+  }
+  if (value->is_number_integer()) {
+    return value->get<std::int64_t>();
+  }
+  if (value->is_number_float()) {
+    const double number = value->get<double>();
+    return std::isfinite(number) ? static_cast<std::int64_t>(number) : 0;
+  }
+  if (value->is_boolean()) {
+    return value->get<bool>() ? 1 : 0;
+  }
+  if (value->is_string()) {
+    return integerValue(value->get<std::string>());
+  }
+  return 0;
+}
+
+void UserDefaults::setInteger(std::int64_t value, const std::string& key) { setObject(value, key); }
+
+bool UserDefaults::boolForKey(const std::string& key) const {
+  const auto value = objectForKey(key);
+  if (!value) {
+    return false;
+  }
+  if (value->is_boolean()) {
+    return value->get<bool>();
+  }
+  if (value->is_number()) {
+    return value->get<double>() != 0;
+  }
+  if (value->is_string()) {
+    const auto text = value->get<std::string>();
+    const auto first = text.find_first_not_of(" \t\n\r");
+    if (first == std::string::npos) {
+      return false;
+    }
+    const char c = text[first];
+    return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+  }
+  return false;
+}
+
+void UserDefaults::setBool(bool value, const std::string& key) { setObject(value, key); }
+
+void UserDefaults::markChanged() {
+  std::shared_ptr<DispatchQueue> writer;
+  {
+    std::scoped_lock lock(mutex_);
+    ++changeCount_;
+    if (writeScheduled_) {
+      return;
+    }
+    writeScheduled_ = true;
+    if (!writer_) {
+      writer_ = DispatchQueue::create("kq.userdefaults");
+    }
+    writer = writer_;
+  }
+  writer->asyncAfter(kDeferredWriteDelay, [this] { synchronize(); });
+}
+
+bool UserDefaults::synchronize() {
+  std::scoped_lock writeLock(writeMutex_);
+  Json snapshot;
+  std::uint64_t count = 0;
+  {
+    std::scoped_lock lock(mutex_);
+    writeScheduled_ = false;
+    if (changeCount_ == savedCount_) {
+      return true;  // The file already holds these settings.
+    }
+    snapshot = values_;
+    count = changeCount_;
+  }
+  if (!writeSnapshot(snapshot)) {
+    return false;
+  }
+  std::scoped_lock lock(mutex_);
+  savedCount_ = count;
+  return true;
+}
+
+bool UserDefaults::writeSnapshot(const Json& snapshot) {
+  const std::string folder = folderOf(path_);
+  if (!makeFolders(folder)) {
+    log("UserDefaults: cannot create the folder ", folder, " (", errnoText(),
+        "); settings not saved");
+    return false;
+  }
+  std::string temporary = path_ + ".XXXXXX";
+  const int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    log("UserDefaults: cannot create a file in ", folder, " (", errnoText(), "); settings not saved");
+    return false;
+  }
+  const std::string text = snapshot.dump(2) + "\n";
+  const bool written = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
+  const std::string writeError = written ? "" : errnoText();
+  ::close(fd);
+  if (!written || ::rename(temporary.c_str(), path_.c_str()) != 0) {
+    log("UserDefaults: cannot write ", path_, " (", written ? errnoText() : writeError,
+        "); settings not saved");
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  // The rename is durable only once the folder's entry is on disk too.
+  const int folderFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folderFd >= 0) {
+    ::fsync(folderFd);
+    ::close(folderFd);
+  }
+  return true;
+}
+
+}  // namespace kq

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq {
+
+/// Persistent key-value settings kept in one JSON file.
+///
+/// Values are JSON values. Changes are visible at once to every reader and reach the file soon
+/// after (a write is scheduled kDeferredWriteDelay after the first unsaved change);
+/// synchronize() writes at once and returns only when the file is on disk. A write replaces the
+/// file atomically, so it never holds half of one state and half of another. A file that cannot
+/// be read as settings is reported in the log and moved aside (renamed with a ".damaged-<time>"
+/// suffix), never silently dropped, and the settings start empty. Thread-safe.
+class KQ_EXPORT UserDefaults {
+ public:
+  using Json = nlohmann::ordered_json;
+
+  static constexpr Clock::Duration kDeferredWriteDelay = std::chrono::milliseconds(500);
+
+  /// The settings file of the configuration (KQVisitorConfig::userDefaultsPath), opened on first
+  /// use and kept for the life of the process.
+  static UserDefaults& standard();
+
+  /// Opens the settings kept in `path`; the file and its folder are created on the first write.
+  explicit UserDefaults(std::string path);
+  UserDefaults(const UserDefaults&) = delete;
+  UserDefaults& operator=(const UserDefaults&) = delete;
+  /// Writes unsaved changes.
+  ~UserDefaults();
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+  /// The value stored under `key`; nullopt when there is none.
+  [[nodiscard]] std::optional<Json> objectForKey(const std::string& key) const;
+  /// Stores `value` under `key`; a null value removes the key.
+  void setObject(Json value, const std::string& key);
+  void removeObjectForKey(const std::string& key);
+
+  /// A string value, or a number written in decimal; nullopt otherwise.
+  [[nodiscard]] std::optional<std::string> stringForKey(const std::string& key) const;
+  /// An object value; nullopt otherwise.
+  [[nodiscard]] std::optional<Json> dictionaryForKey(const std::string& key) const;
+  /// A number (truncated), a boolean (1 or 0) or a string read as integerValue does; 0 otherwise.
+  [[nodiscard]] std::int64_t integerForKey(const std::string& key) const;
+  void setInteger(std::int64_t value, const std::string& key);
+  /// True for true, a non-zero number, or a string beginning "Y", "y", "T", "t" or a non-zero
+  /// digit; false otherwise.
+  [[nodiscard]] bool boolForKey(const std::string& key) const;
+  void setBool(bool value, const std::string& key);
+
+  /// Writes the settings to the file now, durably: once this returns true they survive a crash
+  /// or power loss. Returns false, after logging why, when the file could not be written.
+  bool synchronize();
+
+ private:
+  void load();
+  void setAside(const std::string& problem) const;
+  void markChanged();
+  bool writeSnapshot(const Json& snapshot);
+
+  const std::string path_;
+  mutable std::mutex mutex_;
+  Json values_ = Json::object();  // guarded by mutex_
+  std::uint64_t changeCount_ = 0;  // guarded by mutex_
+  std::uint64_t savedCount_ = 0;   // guarded by mutex_
+  bool writeScheduled_ = false;    // guarded by mutex_
+  std::mutex writeMutex_;          // one writer of the file at a time
+  std::shared_ptr<DispatchQueue> writer_;
+};
+
+}  // namespace kq

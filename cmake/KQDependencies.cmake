@@ -1,0 +1,5 @@
+# Every dependency comes from the system (Debian packages); nothing is fetched at build time.
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-i18n icu-uc)

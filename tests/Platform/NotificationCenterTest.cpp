@@ -1,0 +1,93 @@
+#include <KQVisitorCore/Platform/NotificationCenter.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace kq {
+namespace {
+
+TEST(NotificationCenterTest, DeliversByNameAndSenderInOrderOfRegistration) {
+  NotificationCenter center;
+  std::vector<std::string> calls;
+  int room = 0;
+  int otherRoom = 0;
+  center.addObserver("LoginSuccess", [&](const Notification& n) {
+    calls.push_back(std::string("first:") + (std::any_cast<bool>(n.object) ? "yes" : "no"));
+  });
+  center.addObserver("LoginSuccess", [&](const Notification&) { calls.push_back("second"); });
+  center.addObserver("RoomStatusFirstMessage", [&](const Notification&) { calls.push_back("room"); }, &room);
+  center.addObserver("reloadData", [&](const Notification&) { calls.push_back("reload"); });
+
+  center.post("LoginSuccess", true);
+  center.post("RoomStatusFirstMessage", {}, nullptr, &otherRoom);
+  center.post("RoomStatusFirstMessage", {}, nullptr, &room);
+  EXPECT_EQ(calls, (std::vector<std::string>{"first:yes", "second", "room"}));
+}
+
+TEST(NotificationCenterTest, UserInfoReachesTheObserver) {
+  NotificationCenter center;
+  nlohmann::ordered_json seen;
+  center.addObserver("removeIdleRooms", [&](const Notification& n) { seen = n.userInfo; });
+  center.post("removeIdleRooms", {}, {{"roomId", "42"}, {"siteId", "7"}});
+  EXPECT_EQ(seen, (nlohmann::ordered_json{{"roomId", "42"}, {"siteId", "7"}}));
+}
+
+TEST(NotificationCenterTest, RemovalByTokenAndByOwner) {
+  NotificationCenter center;
+  int owner = 0;
+  int calls = 0;
+  const auto token = center.addObserver("n", [&](const Notification&) { calls += 1; });
+  center.addObserver("n", [&](const Notification&) { calls += 10; }, nullptr, &owner);
+  center.addObserver("m", [&](const Notification&) { calls += 100; }, nullptr, &owner);
+  center.post("n");
+  EXPECT_EQ(calls, 11);
+  center.removeObserver(token);
+  center.post("n");
+  EXPECT_EQ(calls, 21);
+  center.removeObserver(&owner);
+  center.post("n");
+  center.post("m");
+  EXPECT_EQ(calls, 21);
+}
+
+TEST(NotificationCenterTest, ObserversMayChangeTheCentreDuringDelivery) {
+  NotificationCenter center;
+  std::vector<std::string> calls;
+  NotificationCenter::Token second = 0;
+  center.addObserver("n", [&](const Notification&) {
+    calls.push_back("first");
+    center.removeObserver(second);  // a later observer of the same post
+    center.addObserver("n", [&](const Notification&) { calls.push_back("added"); });
+    center.post("nested");
+  });
+  second = center.addObserver("n", [&](const Notification&) { calls.push_back("second"); });
+  center.addObserver("nested", [&](const Notification&) { calls.push_back("nested"); });
+  center.post("n");
+  EXPECT_EQ(calls, (std::vector<std::string>{"first", "nested"}))
+      << "a removed observer is not called; one added during delivery waits for the next post";
+}
+
+TEST(NotificationCenterTest, PostingAndObservingFromManyThreads) {
+  NotificationCenter center;
+  std::atomic<int> delivered = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 200; ++i) {
+        const auto token = center.addObserver("t" + std::to_string(t), [&](const Notification&) { ++delivered; });
+        center.post("t" + std::to_string(t));
+        center.removeObserver(token);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(delivered.load(), 800);
+}
+
+}  // namespace
+}  // namespace kq

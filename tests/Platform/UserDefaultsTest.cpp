@@ -1,0 +1,138 @@
+#include <KQVisitorCore/Platform/UserDefaults.h>
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+extern char** environ;
+
+namespace kq {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::vector<std::string> filesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+TEST(UserDefaultsTest, SynchronizedValuesSurviveAProcessKilledRightAfterwards) {
+  test::TemporaryDirectory folder;
+  const std::string path = folder.file("nested/folder/defaults.json");
+  int output[2];
+  ASSERT_EQ(::pipe(output), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+  posix_spawn_file_actions_addclose(&actions, output[0]);
+  std::string program = KQ_DEFAULTS_WRITER;
+  std::string key = "V_Inf:12";
+  std::string value = "visitor \"record\" & more";
+  char* argv[] = {program.data(), const_cast<char*>(path.c_str()), key.data(), value.data(), nullptr};
+  pid_t child = 0;
+  ASSERT_EQ(posix_spawn(&child, program.c_str(), &actions, nullptr, argv, environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(output[1]);
+
+  char buffer[64] = {};
+  const ssize_t got = ::read(output[0], buffer, sizeof buffer - 1);  // blocks until reported
+  ::close(output[0]);
+  ::kill(child, SIGKILL);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_GT(got, 0) << "the child did not report a synchronize";
+  ASSERT_EQ(std::string(buffer), "synchronized\n");
+  ASSERT_TRUE(WIFSIGNALED(status));
+
+  UserDefaults reopened(path);
+  EXPECT_EQ(reopened.stringForKey(key), value);
+  EXPECT_EQ(filesIn(folder.file("nested/folder")), std::vector<std::string>{"defaults.json"})
+      << "no temporary file is left behind";
+  struct stat info {};
+  ASSERT_EQ(::stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600U) << "the settings hold visitor details: private to the user";
+}
+
+TEST(UserDefaultsTest, UnsynchronizedChangesAreWrittenWhenTheObjectGoes) {
+  test::TemporaryDirectory folder;
+  const std::string path = folder.file("defaults.json");
+  {
+    UserDefaults defaults(path);
+    defaults.setObject(Json{{"V_I", "12"}, {"V_N", "Ann"}}, "V_Inf:3");
+    defaults.setInteger(4, "kqroom7");
+  }
+  UserDefaults reopened(path);
+  EXPECT_EQ(reopened.dictionaryForKey("V_Inf:3"), (Json{{"V_I", "12"}, {"V_N", "Ann"}}));
+  EXPECT_EQ(reopened.integerForKey("kqroom7"), 4);
+}
+
+TEST(UserDefaultsTest, ADamagedFileIsSetAsideAndReported) {
+  test::TemporaryDirectory folder;
+  const std::string path = folder.file("defaults.json");
+  for (const std::string& damaged : std::vector<std::string>{"{\"d_time\": \"2016-03-", "[1, 2, 3]", std::string("\0\xff", 2)}) {
+    test::writeFile(path, damaged);
+    test::LogCapture log;
+    UserDefaults defaults(path);
+    EXPECT_FALSE(defaults.objectForKey("d_time"));
+    EXPECT_TRUE(log.contains(path)) << "the log names the damaged file";
+    EXPECT_TRUE(log.contains("moved it to " + path + ".damaged-"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    bool keptAside = false;
+    for (const auto& name : filesIn(folder.path())) {
+      if (name.starts_with("defaults.json.damaged-")) {
+        keptAside = keptAside || test::readFile(folder.file(name)) == damaged;
+        std::filesystem::remove(folder.file(name));
+      }
+    }
+    EXPECT_TRUE(keptAside) << "the damaged contents are kept for inspection";
+    defaults.setObject("x", "d_time");
+    EXPECT_TRUE(defaults.synchronize()) << "a damaged file does not stop new settings";
+  }
+}
+
+TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
+  test::TemporaryDirectory folder;
+  const std::string path = folder.file("defaults.json");
+  std::filesystem::create_directory(path);  // reading a folder fails
+  test::LogCapture log;
+  UserDefaults defaults(path);
+  EXPECT_TRUE(log.contains(path));
+  EXPECT_FALSE(defaults.objectForKey("anything"));
+}
+
+TEST(UserDefaultsTest, TypedReadsFollowFoundationRules) {
+  test::TemporaryDirectory folder;
+  UserDefaults defaults(folder.file("defaults.json"));
+  defaults.setObject("12abc", "text");
+  defaults.setObject(3.9, "fraction");
+  defaults.setObject(Json::array({1}), "list");
+  defaults.setObject(" yes", "yes");
+  EXPECT_EQ(defaults.integerForKey("text"), 12);
+  EXPECT_EQ(defaults.integerForKey("fraction"), 3);
+  EXPECT_EQ(defaults.integerForKey("list"), 0);
+  EXPECT_EQ(defaults.integerForKey("missing"), 0);
+  EXPECT_EQ(defaults.stringForKey("fraction"), "3.9");
+  EXPECT_FALSE(defaults.stringForKey("list"));
+  EXPECT_FALSE(defaults.dictionaryForKey("text"));
+  EXPECT_TRUE(defaults.boolForKey("yes"));
+  EXPECT_TRUE(defaults.boolForKey("fraction"));
+  EXPECT_FALSE(defaults.boolForKey("missing"));
+  defaults.setObject(nullptr, "text");
+  EXPECT_FALSE(defaults.objectForKey("text")) << "storing null removes the key";
+}
+
+}  // namespace
+}  // namespace kq

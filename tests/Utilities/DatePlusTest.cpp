@@ -1,0 +1,95 @@
+// Run under several time zones (TZ is set for the test process): west of UTC, east of UTC with
+// a half-hour offset, and UTC itself. Expectations follow the zone in use.
+
+#include <KQVisitorCore/Utilities/DatePlus.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace kq {
+namespace {
+
+constexpr double k2016March1 = 1456790400;  // 2016-03-01 00:00:00 UTC
+
+// The local zone's offset from UTC at `date`, in seconds (east positive).
+long localOffset(const Date& date) {
+  const auto seconds = static_cast<std::time_t>(date.timeIntervalSince1970());
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  return local.tm_gmtoff;
+}
+
+class DatePlusTest : public ::testing::Test {
+ protected:
+  void TearDown() override { DatePlus::setDefaultFormat("yyyy-MM-dd"); }
+};
+
+TEST_F(DatePlusTest, TheZoneUnderTestIsTheOneAskedFor) {
+  const char* zone = std::getenv("TZ");
+  ASSERT_NE(zone, nullptr) << "run these tests with TZ set, as CTest does";
+  // Guards against a zone name that the C library or ICU silently reads as UTC.
+  if (std::string(zone) != "UTC") {
+    EXPECT_NE(localOffset(Date::dateWithTimeIntervalSince1970(k2016March1)), 0) << zone;
+  }
+}
+
+TEST_F(DatePlusTest, ParsingReadsUtcAndFormattingWritesLocalTime) {
+  const auto midnight = DatePlus::dateFromString("2016-03-01");
+  ASSERT_TRUE(midnight);
+  EXPECT_EQ(midnight->timeIntervalSince1970(), k2016March1);
+  const std::string expected = localOffset(*midnight) >= 0 ? "2016-03-01" : "2016-02-29";
+  EXPECT_EQ(DatePlus::stringFromDate(*midnight), expected);
+}
+
+TEST_F(DatePlusTest, FormattingIsInTheDevicesZone) {
+  const Date noonUtc = Date::dateWithTimeIntervalSince1970(k2016March1 + 12 * 3600);
+  const long offset = localOffset(noonUtc);
+  const auto seconds = static_cast<std::time_t>(noonUtc.timeIntervalSince1970());
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  char expected[32];
+  std::strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &local);
+  EXPECT_EQ(DatePlus::stringFromDate(noonUtc, "yyyy-MM-dd HH:mm:ss"), expected) << "offset " << offset;
+}
+
+TEST_F(DatePlusTest, UtcRoundTripKeepsTheInstantAndDropsTheFraction) {
+  const auto date = DatePlus::utctoLocalFromString("2016-03-01 10:20:30.789", "yyyy-MM-dd HH:mm:ss.SSS");
+  ASSERT_TRUE(date);
+  EXPECT_EQ(date->timeIntervalSince1970(), k2016March1 + 10 * 3600 + 20 * 60 + 30);
+}
+
+TEST_F(DatePlusTest, LocalRoundTripReadsWallClockTimeOfTheDevice) {
+  const auto date = DatePlus::dateWithLocalTimeZone("2016-03-01 10:20:30", "yyyy-MM-dd HH:mm:ss");
+  ASSERT_TRUE(date);
+  const double wallClockAsUtc = k2016March1 + 10 * 3600 + 20 * 60 + 30;
+  EXPECT_EQ(date->timeIntervalSince1970(), wallClockAsUtc - static_cast<double>(localOffset(*date)));
+  // Written back in local time it is the text it came from.
+  EXPECT_EQ(DatePlus::stringFromDate(*date, "yyyy-MM-dd HH:mm:ss"), "2016-03-01 10:20:30");
+}
+
+TEST_F(DatePlusTest, TextThatDoesNotMatchGivesNothing) {
+  const std::string format = "yyyy-MM-dd HH:mm:ss";
+  for (const char* text : {"", "garbage", "2016-03-01", "2016-03-01 10:20:30 trailing", "2016-02-30 10:20:30",
+                           "2016-03-01 25:00:00", "01/03/2016 10:20:30"}) {
+    EXPECT_FALSE(DatePlus::dateFromString(text, format)) << text;
+    EXPECT_FALSE(DatePlus::utctoLocalFromString(text, format)) << text;
+    EXPECT_FALSE(DatePlus::dateWithLocalTimeZone(text, format)) << text;
+  }
+}
+
+TEST_F(DatePlusTest, TheDefaultFormatIsSharedAndCopied) {
+  EXPECT_EQ(DatePlus::defaultFormat(), "yyyy-MM-dd");
+  std::string format = "dd.MM.yyyy";
+  DatePlus::setDefaultFormat(format);
+  format = "changed by the caller";
+  EXPECT_EQ(DatePlus::defaultFormat(), "dd.MM.yyyy");
+  const auto date = DatePlus::dateFromString("01.03.2016");
+  ASSERT_TRUE(date);
+  EXPECT_EQ(date->timeIntervalSince1970(), k2016March1);
+  EXPECT_FALSE(DatePlus::dateFromString("2016-03-01"));
+}
+
+}  // namespace
+}  // namespace kq

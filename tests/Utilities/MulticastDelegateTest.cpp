@@ -1,0 +1,123 @@
+#include <KQVisitorCore/Utilities/MulticastDelegate.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kq {
+namespace {
+
+// The root of the test's delegates, and three "selectors" they may implement.
+struct Listener {
+  virtual ~Listener() = default;
+};
+struct Greets {
+  virtual ~Greets() = default;
+  virtual void greet(const std::string& name) = 0;
+};
+struct Counts {
+  virtual ~Counts() = default;
+  virtual int count() const = 0;
+};
+struct Unimplemented {
+  virtual ~Unimplemented() = default;
+  virtual int never() = 0;
+};
+
+using Calls = std::vector<std::string>;
+
+struct Greeter : Listener, Greets {
+  Greeter(std::string name, Calls& log) : tag(std::move(name)), calls(log) {}
+  void greet(const std::string& name) override { calls.push_back(tag + ":" + name); }
+  std::string tag;
+  Calls& calls;
+};
+
+struct Counter : Listener, Counts {
+  Counter(int result, Calls& log) : value(result), calls(log) {}
+  int count() const override {
+    calls.push_back("count" + std::to_string(value));
+    return value;
+  }
+  int value;
+  Calls& calls;
+};
+
+struct Silent : Listener {};
+
+TEST(MulticastDelegateTest, AnEmptyListAnswersOnlyForTheClassItself) {
+  MulticastDelegate<Listener> multicast;
+  EXPECT_FALSE(multicast.respondsToSelector<Greets>());
+  EXPECT_TRUE(multicast.respondsToSelector<MulticastDelegate<Listener>>())
+      << "the class's own messages are always understood";
+  EXPECT_THROW(multicast.forward(&Greets::greet, "Ann"), std::invalid_argument);
+}
+
+TEST(MulticastDelegateTest, EveryImplementingDelegateIsCalledInOrderAndTheLastResultWins) {
+  Calls calls;
+  MulticastDelegate<Listener> multicast;
+  multicast.addDelegate(std::make_shared<Counter>(1, calls));
+  multicast.addDelegate(std::make_shared<Silent>());
+  multicast.addDelegate(std::make_shared<Greeter>("g", calls));
+  multicast.addDelegate(std::make_shared<Counter>(2, calls));
+  EXPECT_EQ(multicast.forward(&Counts::count), 2);
+  EXPECT_EQ(calls, (Calls{"count1", "count2"})) << "the greeter and the silent one are skipped";
+  multicast.forward(&Greets::greet, "Bo");
+  EXPECT_EQ(calls, (Calls{"count1", "count2", "g:Bo"}));
+  EXPECT_THROW(multicast.forward(&Unimplemented::never), std::invalid_argument);
+}
+
+TEST(MulticastDelegateTest, ADelegateAddedTwiceIsCalledTwiceAndRemovedAtOnce) {
+  Calls calls;
+  MulticastDelegate<Listener> multicast;
+  auto greeter = std::make_shared<Greeter>("g", calls);
+  auto other = std::make_shared<Greeter>("o", calls);
+  multicast.addDelegate(greeter);
+  multicast.addDelegate(other);
+  multicast.addDelegate(greeter);
+  multicast.forward(&Greets::greet, "x");
+  EXPECT_EQ(calls, (Calls{"g:x", "o:x", "g:x"}));
+  multicast.removeDelegate(greeter);
+  EXPECT_EQ(multicast.delegates().size(), 1U);
+  multicast.removeDelegate(greeter);  // no longer there: nothing happens
+  calls.clear();
+  multicast.forward(&Greets::greet, "y");
+  EXPECT_EQ(calls, (Calls{"o:y"}));
+}
+
+TEST(MulticastDelegateTest, TheListHoldsStrongReferencesAndIsLive) {
+  Calls calls;
+  MulticastDelegate<Listener> multicast;
+  const auto& live = multicast.delegates();
+  std::weak_ptr<Greeter> watch;
+  {
+    auto greeter = std::make_shared<Greeter>("g", calls);
+    watch = greeter;
+    multicast.addDelegate(greeter);
+  }
+  EXPECT_FALSE(watch.expired()) << "the list keeps its delegates alive";
+  multicast.addDelegate(std::make_shared<Silent>());
+  EXPECT_EQ(live.size(), 2U) << "the list returned earlier shows later additions";
+  multicast.removeAllDelegates();
+  EXPECT_TRUE(watch.expired());
+  EXPECT_THROW(multicast.addDelegate(nullptr), std::invalid_argument);
+}
+
+struct SelfRemover : Listener, Greets {
+  explicit SelfRemover(MulticastDelegate<Listener>& multicast) : owner(multicast) {}
+  void greet(const std::string&) override { owner.removeDelegate(this); }
+  MulticastDelegate<Listener>& owner;
+};
+
+TEST(MulticastDelegateTest, ChangingTheListDuringAForwardedCallRaises) {
+  Calls calls;
+  MulticastDelegate<Listener> multicast;
+  multicast.addDelegate(std::make_shared<SelfRemover>(multicast));
+  multicast.addDelegate(std::make_shared<Greeter>("after", calls));
+  EXPECT_THROW(multicast.forward(&Greets::greet, "x"), std::logic_error);
+  EXPECT_TRUE(calls.empty()) << "the walk stops at the mutation";
+}
+
+}  // namespace
+}  // namespace kq
