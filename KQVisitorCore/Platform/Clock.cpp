@@ -52,7 +52,9 @@ void Clock::setShared(std::shared_ptr<Clock> clock) {
 
 ManualClock::ManualClock() : ticks_(std::chrono::steady_clock::now().time_since_epoch().count()) {}
 
-Clock::TimePoint ManualClock::now() const { return TimePoint(Duration(ticks_.load())); }
+Clock::TimePoint ManualClock::now() const {
+  return TimePoint(Duration(ticks_.load()));
+}
 
 void ManualClock::waitUntil(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                             TimePoint deadline, TimePoint realLimit) {

@@ -13,12 +13,24 @@ Color Color::hsba(double hue, double saturation, double brightness, double alpha
   return Color(Model::HSB, hue, saturation, brightness, alpha);
 }
 
-double Color::red() const { return asRGB().a; }
-double Color::green() const { return asRGB().b; }
-double Color::blue() const { return asRGB().c; }
-double Color::hue() const { return asHSB().a; }
-double Color::saturation() const { return asHSB().b; }
-double Color::brightness() const { return asHSB().c; }
+double Color::red() const {
+  return asRGB().a;
+}
+double Color::green() const {
+  return asRGB().b;
+}
+double Color::blue() const {
+  return asRGB().c;
+}
+double Color::hue() const {
+  return asHSB().a;
+}
+double Color::saturation() const {
+  return asHSB().b;
+}
+double Color::brightness() const {
+  return asHSB().c;
+}
 
 Color::Triple Color::asRGB() const {
   if (model_ == Model::RGB) {

@@ -5,7 +5,9 @@
 
 namespace kq {
 
-Date Date::now() { return Date(std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now())); }
+Date Date::now() {
+  return Date(std::chrono::time_point_cast<std::chrono::microseconds>(Clock::now()));
+}
 
 Date Date::dateWithTimeIntervalSince1970(double seconds) {
   return Date(TimePoint(std::chrono::microseconds(std::llround(seconds * 1e6))));
@@ -21,7 +23,8 @@ Date Date::dateByAddingTimeInterval(double seconds) const {
 
 std::string Date::description() const {
   // Whole seconds, rounded towards the past, as the platform prints them.
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(timePoint_).time_since_epoch().count();
+  const auto seconds =
+      std::chrono::floor<std::chrono::seconds>(timePoint_).time_since_epoch().count();
   const auto time = static_cast<std::time_t>(seconds);
   std::tm utc{};
   gmtime_r(&time, &utc);
@@ -30,6 +33,8 @@ std::string Date::description() const {
   return std::string(text, length);
 }
 
-std::string describe(const Date& date) { return date.description(); }
+std::string describe(const Date& date) {
+  return date.description();
+}
 
 }  // namespace kq

@@ -37,9 +37,9 @@ struct DispatchQueue::Impl {
   std::map<std::pair<TimePoint, TaskId>, Task> timed;
   std::unordered_map<TaskId, TimePoint> deadlineOf;
   TaskId nextId = 1;
-  bool stopping = false;      // the queue is being destroyed
-  bool stopRequested = false; // main queue: run() should return
-  int running = 0;            // main queue: nesting depth of run()
+  bool stopping = false;       // the queue is being destroyed
+  bool stopRequested = false;  // main queue: run() should return
+  int running = 0;             // main queue: nesting depth of run()
   std::thread thread;
   std::atomic<std::thread::id> owner{};
 };
@@ -170,7 +170,9 @@ std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
   return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(impl)));
 }
 
-const std::string& DispatchQueue::label() const { return impl_->label; }
+const std::string& DispatchQueue::label() const {
+  return impl_->label;
+}
 
 void DispatchQueue::async(Task task) {
   {
@@ -237,7 +239,8 @@ bool DispatchQueue::isCurrent() const {
 
 void DispatchQueue::run() {
   if (impl_->thread.joinable()) {
-    throw std::logic_error("DispatchQueue::run: queue \"" + impl_->label + "\" runs on its own thread");
+    throw std::logic_error("DispatchQueue::run: queue \"" + impl_->label +
+                           "\" runs on its own thread");
   }
   impl_->owner = std::this_thread::get_id();
   CurrentQueueScope scope(impl_.get());
@@ -270,11 +273,13 @@ void DispatchQueue::stop() {
 
 std::size_t DispatchQueue::pump(Duration maxWait) {
   if (impl_->thread.joinable()) {
-    throw std::logic_error("DispatchQueue::pump: queue \"" + impl_->label + "\" runs on its own thread");
+    throw std::logic_error("DispatchQueue::pump: queue \"" + impl_->label +
+                           "\" runs on its own thread");
   }
   impl_->owner = std::this_thread::get_id();
   CurrentQueueScope scope(impl_.get());
-  const TimePoint realLimit = std::chrono::steady_clock::now() + std::max(maxWait, Duration::zero());
+  const TimePoint realLimit =
+      std::chrono::steady_clock::now() + std::max(maxWait, Duration::zero());
   std::unique_lock lock(impl_->mutex);
   std::size_t ran = impl_->runPass(lock);
   while (ran == 0 && std::chrono::steady_clock::now() < realLimit) {

@@ -55,7 +55,9 @@ std::int32_t intValue(std::string_view text) {
                                                std::numeric_limits<std::int32_t>::max()));
 }
 
-std::string describe(std::string_view text) { return std::string(text); }
+std::string describe(std::string_view text) {
+  return std::string(text);
+}
 
 std::string describe(const std::optional<std::string>& text) {
   return text ? *text : std::string(kNullDescription);
@@ -71,7 +73,9 @@ std::string describe(const nlohmann::ordered_json& value) {
   return value.dump();
 }
 
-std::string describe(bool value) { return value ? "1" : "0"; }
+std::string describe(bool value) {
+  return value ? "1" : "0";
+}
 
 std::string describe(double value) {
   char buffer[64];

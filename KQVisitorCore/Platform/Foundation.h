@@ -38,10 +38,12 @@ KQ_EXPORT std::string describe(double value);
 inline std::string describe(const char* text) {
   return text == nullptr ? std::string(kNullDescription) : std::string(text);
 }
-inline std::string describe(const std::string& text) { return text; }
+inline std::string describe(const std::string& text) {
+  return text;
+}
 template <std::integral Integer>
-  requires(!std::same_as<Integer, bool> && !std::same_as<Integer, char>)
-std::string describe(Integer value) {
+requires(!std::same_as<Integer, bool> && !std::same_as<Integer, char>) std::string
+    describe(Integer value) {
   return std::to_string(value);
 }
 

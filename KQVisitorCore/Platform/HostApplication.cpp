@@ -30,9 +30,13 @@ std::shared_ptr<HostApplication>& sharedSlot() {
 
 HostApplication::~HostApplication() = default;
 
-ApplicationState HostApplication::applicationState() const { return ApplicationState::Active; }
+ApplicationState HostApplication::applicationState() const {
+  return ApplicationState::Active;
+}
 
-long HostApplication::applicationIconBadgeNumber() const { return badgeNumber_.load(); }
+long HostApplication::applicationIconBadgeNumber() const {
+  return badgeNumber_.load();
+}
 
 void HostApplication::setApplicationIconBadgeNumber(long number) {
   badgeNumber_ = number;

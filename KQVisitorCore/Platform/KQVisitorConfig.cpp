@@ -147,7 +147,9 @@ KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text, const KQVisitor
     throw Error("", "must hold a JSON object of settings, not " + std::string(json.type_name()));
   }
   KQVisitorConfig config = base;
-  for (const auto& [key, value] : json.items()) {
+  for (const auto& item : json.items()) {
+    const std::string& key = item.key();
+    const Json& value = item.value();
     if (key == kPortKey) {
       if (!value.is_number_integer()) {
         throw Error(key, "\"" + key + "\" must be an integer from 1 to 65535, not " + value.dump());
@@ -156,8 +158,9 @@ KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text, const KQVisitor
       config.xmppPort = port < 1 || port > 65535 ? 0 : static_cast<int>(port);
       continue;
     }
-    const auto* setting = std::find_if(std::begin(kStringSettings), std::end(kStringSettings),
-                                       [&](const StringSetting& known) { return known.name == key; });
+    const auto* setting =
+        std::find_if(std::begin(kStringSettings), std::end(kStringSettings),
+                     [&](const StringSetting& known) { return known.name == key; });
     if (setting == std::end(kStringSettings)) {
       throw Error(key, "unknown key \"" + key + "\" (known keys: " + knownKeys() + ")");
     }

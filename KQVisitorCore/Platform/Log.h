@@ -20,9 +20,7 @@ KQ_EXPORT void log(std::string_view line);
 /// Writes the concatenation of the parts as one line; each part is written as "%@" would write
 /// it (see describe), so an absent string reads "(null)".
 template <class... Parts>
-void log(const Parts&... parts)
-  requires(sizeof...(Parts) > 1)
-{
+void log(const Parts&... parts) requires(sizeof...(Parts) > 1) {
   std::string line;
   (line.append(describe(parts)), ...);
   log(std::string_view(line));

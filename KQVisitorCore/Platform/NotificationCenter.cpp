@@ -48,7 +48,7 @@ bool NotificationCenter::isRemoved(const Observer& observer) const {
   return observer.removed;
 }
 
-void NotificationCenter::post(Notification notification) {
+void NotificationCenter::post(const Notification& notification) {
   std::vector<std::shared_ptr<Observer>> matching;
   {
     std::scoped_lock lock(mutex_);

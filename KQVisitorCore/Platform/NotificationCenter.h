@@ -40,7 +40,7 @@ class KQ_EXPORT NotificationCenter {
   /// Removes every observer registered with `owner`.
   void removeObserver(const void* owner);
 
-  void post(Notification notification);
+  void post(const Notification& notification);
   void post(std::string name, std::any object = {}, nlohmann::ordered_json userInfo = nullptr,
             const void* sender = nullptr);
 

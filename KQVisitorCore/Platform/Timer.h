@@ -61,12 +61,12 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
 
   mutable std::mutex mutex_;
   std::condition_variable tickFinished_;
-  std::shared_ptr<Tick> tick_;            // guarded by mutex_
-  bool valid_ = true;                     // guarded by mutex_
-  bool firing_ = false;                   // guarded by mutex_
-  std::thread::id firingThread_;          // guarded by mutex_
-  DispatchQueue::TaskId pendingTask_ = 0; // guarded by mutex_
-  Clock::TimePoint deadline_;             // guarded by mutex_
+  std::shared_ptr<Tick> tick_;             // guarded by mutex_
+  bool valid_ = true;                      // guarded by mutex_
+  bool firing_ = false;                    // guarded by mutex_
+  std::thread::id firingThread_;           // guarded by mutex_
+  DispatchQueue::TaskId pendingTask_ = 0;  // guarded by mutex_
+  Clock::TimePoint deadline_;              // guarded by mutex_
 };
 
 }  // namespace kq

@@ -10,14 +10,16 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <cstdlib>
 
 namespace kq {
 namespace {
 
-std::string errnoText() { return std::strerror(errno); }
+std::string errnoText() {
+  return std::strerror(errno);
+}
 
 std::string folderOf(const std::string& path) {
   const auto slash = path.rfind('/');
@@ -108,7 +110,9 @@ UserDefaults& UserDefaults::standard() {
   return *defaults;
 }
 
-UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) { load(); }
+UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {
+  load();
+}
 
 UserDefaults::~UserDefaults() {
   std::shared_ptr<DispatchQueue> writer;
@@ -117,7 +121,11 @@ UserDefaults::~UserDefaults() {
     writer = std::move(writer_);
   }
   writer.reset();  // Joins the writer thread; a write it had queued is done here instead.
-  synchronize();
+  try {
+    synchronize();
+  } catch (const std::exception& error) {  // out of memory, most likely: nothing left to do
+    log("UserDefaults: settings of ", path_, " not saved: ", error.what());
+  }
 }
 
 void UserDefaults::load() {
@@ -224,7 +232,9 @@ std::int64_t UserDefaults::integerForKey(const std::string& key) const {
   return 0;
 }
 
-void UserDefaults::setInteger(std::int64_t value, const std::string& key) { setObject(value, key); }
+void UserDefaults::setInteger(std::int64_t value, const std::string& key) {
+  setObject(value, key);
+}
 
 bool UserDefaults::boolForKey(const std::string& key) const {
   const auto value = objectForKey(key);
@@ -249,7 +259,9 @@ bool UserDefaults::boolForKey(const std::string& key) const {
   return false;
 }
 
-void UserDefaults::setBool(bool value, const std::string& key) { setObject(value, key); }
+void UserDefaults::setBool(bool value, const std::string& key) {
+  setObject(value, key);
+}
 
 void UserDefaults::markChanged() {
   std::shared_ptr<DispatchQueue> writer;
@@ -299,10 +311,13 @@ bool UserDefaults::writeSnapshot(const Json& snapshot) {
   std::string temporary = path_ + ".XXXXXX";
   const int fd = ::mkstemp(temporary.data());
   if (fd < 0) {
-    log("UserDefaults: cannot create a file in ", folder, " (", errnoText(), "); settings not saved");
+    log("UserDefaults: cannot create a file in ", folder, " (", errnoText(),
+        "); settings not saved");
     return false;
   }
-  const std::string text = snapshot.dump(2) + "\n";
+  // Invalid UTF-8 in a stored string is written as U+FFFD rather than failing the save.
+  const std::string text =
+      snapshot.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
   const bool written = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
   const std::string writeError = written ? "" : errnoText();
   ::close(fd);

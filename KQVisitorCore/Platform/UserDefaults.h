@@ -70,7 +70,7 @@ class KQ_EXPORT UserDefaults {
 
   const std::string path_;
   mutable std::mutex mutex_;
-  Json values_ = Json::object();  // guarded by mutex_
+  Json values_ = Json::object();   // guarded by mutex_
   std::uint64_t changeCount_ = 0;  // guarded by mutex_
   std::uint64_t savedCount_ = 0;   // guarded by mutex_
   bool writeScheduled_ = false;    // guarded by mutex_
