@@ -43,11 +43,11 @@ class KQ_EXPORT KQVisitorMessage {
 
  private:
   mutable std::mutex mutex_;
-  std::optional<std::string> message_;      // guarded by mutex_
-  std::optional<std::string> managerId_;    // guarded by mutex_
-  std::shared_ptr<KQVisitorUser> sender_;   // guarded by mutex_
-  std::optional<Date> timeStamp_;           // guarded by mutex_
-  std::int64_t messageType_ = 0;            // guarded by mutex_
+  std::optional<std::string> message_;     // guarded by mutex_
+  std::optional<std::string> managerId_;   // guarded by mutex_
+  std::shared_ptr<KQVisitorUser> sender_;  // guarded by mutex_
+  std::optional<Date> timeStamp_;          // guarded by mutex_
+  std::int64_t messageType_ = 0;           // guarded by mutex_
 };
 
 }  // namespace kq

@@ -22,7 +22,9 @@ void KQVisitorRoomTable::setObject(std::shared_ptr<KQVisitorRoom> room, const st
   replaced = std::exchange(slot, std::move(room));
 }
 
-void KQVisitorRoomTable::removeObjectForKey(const std::string& key) { setObject(nullptr, key); }
+void KQVisitorRoomTable::removeObjectForKey(const std::string& key) {
+  setObject(nullptr, key);
+}
 
 void KQVisitorRoomTable::removeAllObjects() {
   std::map<std::string, std::shared_ptr<KQVisitorRoom>> removed;

@@ -2,14 +2,14 @@
 
 namespace kq {
 
-#define KQ_USER_PROPERTY(getter, setter, field)                          \
-  std::optional<std::string> KQVisitorUser::getter() const {             \
-    std::scoped_lock lock(mutex_);                                       \
-    return field;                                                        \
-  }                                                                      \
-  void KQVisitorUser::setter(std::optional<std::string> value) {         \
-    std::scoped_lock lock(mutex_);                                       \
-    field = std::move(value);                                            \
+#define KQ_USER_PROPERTY(getter, setter, field)                  \
+  std::optional<std::string> KQVisitorUser::getter() const {     \
+    std::scoped_lock lock(mutex_);                               \
+    return (field);                                              \
+  }                                                              \
+  void KQVisitorUser::setter(std::optional<std::string> value) { \
+    std::scoped_lock lock(mutex_);                               \
+    (field) = std::move(value);                                  \
   }
 
 KQ_USER_PROPERTY(username, setUsername, username_)

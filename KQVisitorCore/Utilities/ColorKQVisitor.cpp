@@ -4,9 +4,13 @@
 
 namespace kq {
 
-Color ColorKQVisitor::kqBrandColor() { return Color::rgba(67 / 255.0, 112 / 255.0, 198 / 255.0, 1.0); }
+Color ColorKQVisitor::kqBrandColor() {
+  return Color::rgba(67 / 255.0, 112 / 255.0, 198 / 255.0, 1.0);
+}
 
-Color ColorKQVisitor::navbarColor() { return Color::rgba(0, 17 / 255.0, 160 / 255.0, 1.0); }
+Color ColorKQVisitor::navbarColor() {
+  return Color::rgba(0, 17 / 255.0, 160 / 255.0, 1.0);
+}
 
 Color ColorKQVisitor::randomColor() {
   return randomColor([] { return static_cast<std::uint32_t>(arc4random()); });

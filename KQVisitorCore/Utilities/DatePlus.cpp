@@ -17,7 +17,8 @@ constexpr std::string_view kRoundTripFormat = "yyyy-MM-dd HH:mm:ss";
 enum class Zone { Utc, Local };
 
 icu::UnicodeString unicode(std::string_view text) {
-  return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  return icu::UnicodeString::fromUTF8(
+      icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
 }
 
 // One formatter for one call. Null when ICU rejects the pattern.
@@ -25,7 +26,8 @@ class Formatter {
  public:
   Formatter(std::string_view format, Zone zone) {
     UErrorCode status = U_ZERO_ERROR;
-    formatter_ = std::make_unique<icu::SimpleDateFormat>(unicode(format), icu::Locale("en_US_POSIX"), status);
+    formatter_ = std::make_unique<icu::SimpleDateFormat>(unicode(format),
+                                                         icu::Locale("en_US_POSIX"), status);
     if (U_FAILURE(status)) {
       formatter_.reset();
       return;
@@ -107,7 +109,9 @@ void DatePlus::setDefaultFormat(std::string format) {
   defaultFormatSlot() = std::move(format);
 }
 
-Date DatePlus::now() { return Date::now(); }
+Date DatePlus::now() {
+  return Date::now();
+}
 
 std::optional<Date> DatePlus::dateFromString(std::string_view text) {
   return dateFromString(text, defaultFormat());
@@ -121,11 +125,14 @@ std::optional<Date> DatePlus::utctoLocalFromString(std::string_view text, std::s
   return roundTrip(text, format, Zone::Utc);
 }
 
-std::optional<Date> DatePlus::dateWithLocalTimeZone(std::string_view text, std::string_view format) {
+std::optional<Date> DatePlus::dateWithLocalTimeZone(std::string_view text,
+                                                    std::string_view format) {
   return roundTrip(text, format, Zone::Local);
 }
 
-std::string DatePlus::stringFromDate(const Date& date) { return stringFromDate(date, defaultFormat()); }
+std::string DatePlus::stringFromDate(const Date& date) {
+  return stringFromDate(date, defaultFormat());
+}
 
 std::string DatePlus::stringFromDate(const Date& date, std::string_view format) {
   return Formatter(format, Zone::Local).format(date).value_or("");

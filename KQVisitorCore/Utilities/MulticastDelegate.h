@@ -46,8 +46,9 @@ class MulticastDelegate {
 
   /// Removes every entry that is `delegate`; does nothing when it is not in the list.
   void removeDelegate(const Root* delegate) {
-    const auto removed = std::erase_if(
-        delegates_, [delegate](const std::shared_ptr<Root>& entry) { return entry.get() == delegate; });
+    const auto removed = std::erase_if(delegates_, [delegate](const std::shared_ptr<Root>& entry) {
+      return entry.get() == delegate;
+    });
     if (removed > 0) {
       ++mutations_;
     }
@@ -93,7 +94,8 @@ class MulticastDelegate {
     const std::uint64_t mutationsAtStart = mutations_;
     const auto checkUnchanged = [&] {
       if (mutations_ != mutationsAtStart) {
-        throw std::logic_error("MulticastDelegate: the delegate list was mutated while being enumerated");
+        throw std::logic_error(
+            "MulticastDelegate: the delegate list was mutated while being enumerated");
       }
     };
     if constexpr (std::is_void_v<Result>) {
