@@ -12,12 +12,11 @@ int main() {
     std::cout << "hello from " << std::any_cast<std::string>(notification.object) << " "
               << KQVisitorCoreVersionNumber << "\n";
   });
-  auto timer = kq::Timer::scheduledTimer(kq::DispatchQueue::main(), std::chrono::milliseconds(10), false,
-                                         [](kq::Timer&) {
-                                           kq::NotificationCenter::defaultCenter().post(
-                                               "hello", std::string("KQVisitorCore"));
-                                           kq::DispatchQueue::main()->stop();
-                                         });
+  auto timer = kq::Timer::scheduledTimer(
+      kq::DispatchQueue::main(), std::chrono::milliseconds(10), false, [](kq::Timer&) {
+        kq::NotificationCenter::defaultCenter().post("hello", std::string("KQVisitorCore"));
+        kq::DispatchQueue::main()->stop();
+      });
   kq::DispatchQueue::main()->run();
   return 0;
 }

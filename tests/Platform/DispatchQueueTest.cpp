@@ -112,7 +112,8 @@ TEST(DispatchQueueTest, DelayedTasksRunInDeadlineOrderUnderAManualClock) {
   std::vector<int> order;
   const int delays[] = {5, 1, 4, 1, 3, 2, 9, 0};
   for (int i = 0; i < 8; ++i) {
-    DispatchQueue::main()->asyncAfter(std::chrono::seconds(delays[i]), [&order, i] { order.push_back(i); });
+    DispatchQueue::main()->asyncAfter(std::chrono::seconds(delays[i]),
+                                      [&order, i] { order.push_back(i); });
   }
   test::drainMainQueue();
   EXPECT_EQ(order, (std::vector<int>{7})) << "only the task with no delay is due";

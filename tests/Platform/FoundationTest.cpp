@@ -44,7 +44,8 @@ TEST(FoundationTest, DescribeWritesValuesAsFormatDoes) {
 }
 
 TEST(FoundationTest, DateDescriptionIsUtcWholeSecondsRoundedDown) {
-  EXPECT_EQ(Date::dateWithTimeIntervalSince1970(1794701152.999).description(), "2026-11-15 00:05:52 +0000");
+  EXPECT_EQ(Date::dateWithTimeIntervalSince1970(1794701152.999).description(),
+            "2026-11-15 00:05:52 +0000");
   EXPECT_EQ(Date::dateWithTimeIntervalSince1970(-0.5).description(), "1969-12-31 23:59:59 +0000");
   EXPECT_EQ(Date().description(), "1970-01-01 00:00:00 +0000");
 }

@@ -21,7 +21,9 @@ std::string rejectedKey(const std::string& json) {
   }
 }
 
-TEST(KQVisitorConfigTest, TheDefaultsAreUsable) { EXPECT_NO_THROW(KQVisitorConfig{}.validate()); }
+TEST(KQVisitorConfigTest, TheDefaultsAreUsable) {
+  EXPECT_NO_THROW(KQVisitorConfig{}.validate());
+}
 
 TEST(KQVisitorConfigTest, KeysOverrideTheDefaultsAndTheRestStay) {
   const auto config = KQVisitorConfig::fromJSON(
@@ -39,10 +41,13 @@ TEST(KQVisitorConfigTest, UnusableSettingsAreRejectedNamingTheKey) {
   EXPECT_EQ(rejectedKey(R"({"xmppPort": 52.5})"), "xmppPort");
   EXPECT_EQ(rejectedKey(R"({"caFile": null})"), "caFile");
   EXPECT_EQ(rejectedKey(R"({"caFile": "/nonexistent/ca.pem"})"), "caFile");
-  EXPECT_EQ(rejectedKey(R"({"soapServiceOrigin": "https://host/ManagementService"})"), "soapServiceOrigin");
+  EXPECT_EQ(rejectedKey(R"({"soapServiceOrigin": "https://host/ManagementService"})"),
+            "soapServiceOrigin");
   EXPECT_EQ(rejectedKey(R"({"uploadServiceOrigin": "ftp://host"})"), "uploadServiceOrigin");
-  EXPECT_EQ(rejectedKey(R"({"jsonServiceProductionOrigin": "https://:443"})"), "jsonServiceProductionOrigin");
-  EXPECT_EQ(rejectedKey(R"({"jsonServiceProductionOrigin": "https://host:0"})"), "jsonServiceProductionOrigin");
+  EXPECT_EQ(rejectedKey(R"({"jsonServiceProductionOrigin": "https://:443"})"),
+            "jsonServiceProductionOrigin");
+  EXPECT_EQ(rejectedKey(R"({"jsonServiceProductionOrigin": "https://host:0"})"),
+            "jsonServiceProductionOrigin");
   EXPECT_EQ(rejectedKey(R"({"xmppHost": ""})"), "xmppHost");
   EXPECT_EQ(rejectedKey(R"({"jsonServiceBetaOrigin": "https://[::1]:8443"})"), "<valid>");
   EXPECT_EQ(rejectedKey(R"({"jsonServiceBetaOrigin": "http://localhost:8080"})"), "<valid>");

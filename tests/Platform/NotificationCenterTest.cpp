@@ -18,7 +18,8 @@ TEST(NotificationCenterTest, DeliversByNameAndSenderInOrderOfRegistration) {
     calls.push_back(std::string("first:") + (std::any_cast<bool>(n.object) ? "yes" : "no"));
   });
   center.addObserver("LoginSuccess", [&](const Notification&) { calls.push_back("second"); });
-  center.addObserver("RoomStatusFirstMessage", [&](const Notification&) { calls.push_back("room"); }, &room);
+  center.addObserver(
+      "RoomStatusFirstMessage", [&](const Notification&) { calls.push_back("room"); }, &room);
   center.addObserver("reloadData", [&](const Notification&) { calls.push_back("reload"); });
 
   center.post("LoginSuccess", true);
@@ -40,8 +41,10 @@ TEST(NotificationCenterTest, RemovalByTokenAndByOwner) {
   int owner = 0;
   int calls = 0;
   const auto token = center.addObserver("n", [&](const Notification&) { calls += 1; });
-  center.addObserver("n", [&](const Notification&) { calls += 10; }, nullptr, &owner);
-  center.addObserver("m", [&](const Notification&) { calls += 100; }, nullptr, &owner);
+  center.addObserver(
+      "n", [&](const Notification&) { calls += 10; }, nullptr, &owner);
+  center.addObserver(
+      "m", [&](const Notification&) { calls += 100; }, nullptr, &owner);
   center.post("n");
   EXPECT_EQ(calls, 11);
   center.removeObserver(token);
@@ -74,10 +77,12 @@ TEST(NotificationCenterTest, PostingAndObservingFromManyThreads) {
   NotificationCenter center;
   std::atomic<int> delivered = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 200; ++i) {
-        const auto token = center.addObserver("t" + std::to_string(t), [&](const Notification&) { ++delivered; });
+        const auto token =
+            center.addObserver("t" + std::to_string(t), [&](const Notification&) { ++delivered; });
         center.post("t" + std::to_string(t));
         center.removeObserver(token);
       }

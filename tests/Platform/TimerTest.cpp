@@ -135,8 +135,9 @@ TEST(TimerTest, ManyTimersFireInDeadlineOrder) {
   for (int i = 0; i < 200; ++i) {
     const int deadline = milliseconds(random);
     expected.emplace_back(deadline, i);
-    timers.push_back(Timer::scheduledTimer(DispatchQueue::main(), std::chrono::milliseconds(deadline),
-                                           false, [&fired, i](Timer&) { fired.push_back(i); }));
+    timers.push_back(Timer::scheduledTimer(DispatchQueue::main(),
+                                           std::chrono::milliseconds(deadline), false,
+                                           [&fired, i](Timer&) { fired.push_back(i); }));
   }
   std::stable_sort(expected.begin(), expected.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -151,13 +152,14 @@ TEST(TimerTest, ManyTimersFireInDeadlineOrder) {
 TEST(TimerTest, TimersCreatedAndStoppedDuringATickAreHonoured) {
   ManualClockScope clock;
   std::vector<std::string> events;
-  std::shared_ptr<Timer> victim =
-      Timer::scheduledTimer(DispatchQueue::main(), 2s, false, [&](Timer&) { events.push_back("victim"); });
+  std::shared_ptr<Timer> victim = Timer::scheduledTimer(
+      DispatchQueue::main(), 2s, false, [&](Timer&) { events.push_back("victim"); });
   std::shared_ptr<Timer> child;
   auto parent = Timer::scheduledTimer(DispatchQueue::main(), 1s, false, [&](Timer&) {
     events.push_back("parent");
     victim->invalidate();
-    child = Timer::scheduledTimer(DispatchQueue::main(), 1s, false, [&](Timer&) { events.push_back("child"); });
+    child = Timer::scheduledTimer(DispatchQueue::main(), 1s, false,
+                                  [&](Timer&) { events.push_back("child"); });
   });
   clock->advance(1s);
   test::drainMainQueue();

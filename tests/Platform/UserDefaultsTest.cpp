@@ -5,15 +5,13 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
-
-extern char** environ;
 
 namespace kq {
 namespace {
@@ -41,7 +39,8 @@ TEST(UserDefaultsTest, SynchronizedValuesSurviveAProcessKilledRightAfterwards) {
   std::string program = KQ_DEFAULTS_WRITER;
   std::string key = "V_Inf:12";
   std::string value = "visitor \"record\" & more";
-  char* argv[] = {program.data(), const_cast<char*>(path.c_str()), key.data(), value.data(), nullptr};
+  char* argv[] = {program.data(), const_cast<char*>(path.c_str()), key.data(), value.data(),
+                  nullptr};
   pid_t child = 0;
   ASSERT_EQ(posix_spawn(&child, program.c_str(), &actions, nullptr, argv, environ), 0);
   posix_spawn_file_actions_destroy(&actions);
@@ -82,7 +81,8 @@ TEST(UserDefaultsTest, UnsynchronizedChangesAreWrittenWhenTheObjectGoes) {
 TEST(UserDefaultsTest, ADamagedFileIsSetAsideAndReported) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("defaults.json");
-  for (const std::string& damaged : std::vector<std::string>{"{\"d_time\": \"2016-03-", "[1, 2, 3]", std::string("\0\xff", 2)}) {
+  for (const std::string& damaged :
+       std::vector<std::string>{R"({"d_time": "2016-03-)", "[1, 2, 3]", std::string("\0\xff", 2)}) {
     test::writeFile(path, damaged);
     test::LogCapture log;
     UserDefaults defaults(path);

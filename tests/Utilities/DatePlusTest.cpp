@@ -51,11 +51,13 @@ TEST_F(DatePlusTest, FormattingIsInTheDevicesZone) {
   localtime_r(&seconds, &local);
   char expected[32];
   std::strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &local);
-  EXPECT_EQ(DatePlus::stringFromDate(noonUtc, "yyyy-MM-dd HH:mm:ss"), expected) << "offset " << offset;
+  EXPECT_EQ(DatePlus::stringFromDate(noonUtc, "yyyy-MM-dd HH:mm:ss"), expected)
+      << "offset " << offset;
 }
 
 TEST_F(DatePlusTest, UtcRoundTripKeepsTheInstantAndDropsTheFraction) {
-  const auto date = DatePlus::utctoLocalFromString("2016-03-01 10:20:30.789", "yyyy-MM-dd HH:mm:ss.SSS");
+  const auto date =
+      DatePlus::utctoLocalFromString("2016-03-01 10:20:30.789", "yyyy-MM-dd HH:mm:ss.SSS");
   ASSERT_TRUE(date);
   EXPECT_EQ(date->timeIntervalSince1970(), k2016March1 + 10 * 3600 + 20 * 60 + 30);
 }
@@ -64,15 +66,16 @@ TEST_F(DatePlusTest, LocalRoundTripReadsWallClockTimeOfTheDevice) {
   const auto date = DatePlus::dateWithLocalTimeZone("2016-03-01 10:20:30", "yyyy-MM-dd HH:mm:ss");
   ASSERT_TRUE(date);
   const double wallClockAsUtc = k2016March1 + 10 * 3600 + 20 * 60 + 30;
-  EXPECT_EQ(date->timeIntervalSince1970(), wallClockAsUtc - static_cast<double>(localOffset(*date)));
+  EXPECT_EQ(date->timeIntervalSince1970(),
+            wallClockAsUtc - static_cast<double>(localOffset(*date)));
   // Written back in local time it is the text it came from.
   EXPECT_EQ(DatePlus::stringFromDate(*date, "yyyy-MM-dd HH:mm:ss"), "2016-03-01 10:20:30");
 }
 
 TEST_F(DatePlusTest, TextThatDoesNotMatchGivesNothing) {
   const std::string format = "yyyy-MM-dd HH:mm:ss";
-  for (const char* text : {"", "garbage", "2016-03-01", "2016-03-01 10:20:30 trailing", "2016-02-30 10:20:30",
-                           "2016-03-01 25:00:00", "01/03/2016 10:20:30"}) {
+  for (const char* text : {"", "garbage", "2016-03-01", "2016-03-01 10:20:30 trailing",
+                           "2016-02-30 10:20:30", "2016-03-01 25:00:00", "01/03/2016 10:20:30"}) {
     EXPECT_FALSE(DatePlus::dateFromString(text, format)) << text;
     EXPECT_FALSE(DatePlus::utctoLocalFromString(text, format)) << text;
     EXPECT_FALSE(DatePlus::dateWithLocalTimeZone(text, format)) << text;

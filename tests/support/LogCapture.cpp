@@ -13,7 +13,9 @@ LogCapture::LogCapture() {
   });
 }
 
-LogCapture::~LogCapture() { setLogSink(nullptr); }
+LogCapture::~LogCapture() {
+  setLogSink(nullptr);
+}
 
 std::vector<std::string> LogCapture::lines() const {
   std::scoped_lock lock(mutex_);

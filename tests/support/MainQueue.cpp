@@ -4,7 +4,8 @@
 
 namespace kq::test {
 
-bool runMainQueueUntil(const std::function<bool()>& done, std::chrono::steady_clock::duration patience) {
+bool runMainQueueUntil(const std::function<bool()>& done,
+                       std::chrono::steady_clock::duration patience) {
   const auto giveUp = std::chrono::steady_clock::now() + patience;
   while (!done()) {
     if (std::chrono::steady_clock::now() >= giveUp) {
