@@ -18,7 +18,8 @@ BENCHMARK(BM_IntegerValue);
 // A received chat packet's time stamp goes through this round trip.
 void BM_DateWithLocalTimeZone(benchmark::State& state) {
   for (auto _ : state) {
-    benchmark::DoNotOptimize(kq::DatePlus::dateWithLocalTimeZone("2026-11-15 00:05:52", "yyyy-MM-dd HH:mm:ss"));
+    benchmark::DoNotOptimize(
+        kq::DatePlus::dateWithLocalTimeZone("2026-11-15 00:05:52", "yyyy-MM-dd HH:mm:ss"));
   }
 }
 BENCHMARK(BM_DateWithLocalTimeZone);
