@@ -33,3 +33,6 @@
 #include <KQVisitorCore/Utilities/MulticastDelegate.h>
 
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+
+#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
