@@ -6,6 +6,7 @@
 #include <unicode/unistr.h>
 
 #include <cmath>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -21,31 +22,18 @@ icu::UnicodeString unicode(std::string_view text) {
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
 }
 
-// One formatter for one call. Null when ICU rejects the pattern.
+// The formatter for one pattern in one zone, strict and in the POSIX English locale. Building
+// an ICU formatter loads locale data and costs tens of microseconds, several times the cost of
+// using it, and a received chat line needs two; so each thread keeps the formatters it built.
+// A formatter is only ever used by the thread that built it, and parsing or formatting leaves
+// nothing behind in it, so a cached one behaves exactly like a new one.
 class Formatter {
  public:
-  Formatter(std::string_view format, Zone zone) {
-    UErrorCode status = U_ZERO_ERROR;
-    formatter_ = std::make_unique<icu::SimpleDateFormat>(unicode(format),
-                                                         icu::Locale("en_US_POSIX"), status);
-    if (U_FAILURE(status)) {
-      formatter_.reset();
-      return;
-    }
-    formatter_->setLenient(false);
-    formatter_->adoptTimeZone(zone == Zone::Utc ? icu::TimeZone::createTimeZone("UTC")
-                                                : icu::TimeZone::createDefault());
-  }
-
-  void setFormat(std::string_view format) {
-    if (formatter_) {
-      formatter_->applyPattern(unicode(format));
-    }
-  }
+  Formatter(std::string_view format, Zone zone) : formatter_(cached(format, zone)) {}
 
   // The whole text must match the pattern.
   std::optional<Date> parse(std::string_view text) const {
-    if (!formatter_) {
+    if (formatter_ == nullptr) {
       return std::nullopt;
     }
     const icu::UnicodeString input = unicode(text);
@@ -59,7 +47,7 @@ class Formatter {
   }
 
   std::optional<std::string> format(const Date& date) const {
-    if (!formatter_) {
+    if (formatter_ == nullptr) {
       return std::nullopt;
     }
     const auto micros = date.timePoint().time_since_epoch().count();
@@ -73,18 +61,44 @@ class Formatter {
   }
 
  private:
-  std::unique_ptr<icu::SimpleDateFormat> formatter_;
+  static std::shared_ptr<icu::SimpleDateFormat> cached(std::string_view format, Zone zone) {
+    using Key = std::pair<std::string, Zone>;
+    thread_local std::map<Key, std::shared_ptr<icu::SimpleDateFormat>> formatters;
+    auto found = formatters.find(Key(format, zone));
+    if (found == formatters.end()) {
+      if (formatters.size() >= kCachedFormatters) {
+        formatters.clear();  // Callers use a handful of patterns; this bounds a misuse.
+                             // Formatters in use stay alive through their holders.
+      }
+      UErrorCode status = U_ZERO_ERROR;
+      auto made = std::make_shared<icu::SimpleDateFormat>(unicode(format),
+                                                          icu::Locale("en_US_POSIX"), status);
+      if (U_FAILURE(status)) {
+        made.reset();
+      } else {
+        made->setLenient(false);
+        // ICU reads the device's zone once per process, so a cached formatter's zone stays
+        // the device's.
+        made->adoptTimeZone(zone == Zone::Utc ? icu::TimeZone::createTimeZone("UTC")
+                                              : icu::TimeZone::createDefault());
+      }
+      found = formatters.emplace(Key(format, zone), std::move(made)).first;
+    }
+    return found->second;
+  }
+
+  static constexpr size_t kCachedFormatters = 16;
+  std::shared_ptr<icu::SimpleDateFormat> formatter_;  // shared with the cache
 };
 
 std::optional<Date> roundTrip(std::string_view text, std::string_view format, Zone zone) {
-  Formatter formatter(format, zone);
-  const auto parsed = formatter.parse(text);
+  const auto parsed = Formatter(format, zone).parse(text);
   if (!parsed) {
     return std::nullopt;
   }
-  formatter.setFormat(kRoundTripFormat);
-  const auto written = formatter.format(*parsed);
-  return written ? formatter.parse(*written) : std::nullopt;
+  const Formatter wallClock(kRoundTripFormat, zone);
+  const auto written = wallClock.format(*parsed);
+  return written ? wallClock.parse(*written) : std::nullopt;
 }
 
 std::mutex& defaultFormatMutex() {

@@ -15,7 +15,8 @@ namespace kq {
 /// stringFromDate() writes the device's local time (the TZ environment variable, else the
 /// system's zone). Patterns are read with the POSIX English locale, so digits and month names do
 /// not depend on the user's language, and parsing is strict: the whole text must match.
-/// Every call builds its own formatter, so all functions are safe on any thread.
+/// All functions are safe on any thread: formatters are never shared between threads (each
+/// thread keeps the few it has built, since building one costs far more than using it).
 class KQ_EXPORT DatePlus {
  public:
   /// The pattern used when none is given: "yyyy-MM-dd" until setDefaultFormat() changes it.
