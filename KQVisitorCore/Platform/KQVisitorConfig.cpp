@@ -204,17 +204,25 @@ KQVisitorConfig KQVisitorConfig::fromEnvironment() {
 }
 
 KQVisitorConfig KQVisitorConfig::shared() {
-  std::scoped_lock lock(sharedMutex());
-  auto& slot = sharedSlot();
-  if (!slot) {
-    try {
-      slot = fromEnvironment();
-    } catch (const Error& error) {
-      log("KQVisitorConfig: ", error.what(), "; fix the file named by KQVISITOR_CONFIG");
-      throw;
+  {
+    std::scoped_lock lock(sharedMutex());
+    if (sharedSlot()) {
+      return *sharedSlot();
     }
   }
-  return *slot;
+  // Loaded outside the lock, since a failure is logged through the host's sink.
+  KQVisitorConfig loaded;
+  try {
+    loaded = fromEnvironment();
+  } catch (const Error& error) {
+    log("KQVisitorConfig: ", error.what(), "; fix the file named by KQVISITOR_CONFIG");
+    throw;
+  }
+  std::scoped_lock lock(sharedMutex());
+  if (!sharedSlot()) {  // Another thread may have loaded or set it meanwhile: theirs stands.
+    sharedSlot() = std::move(loaded);
+  }
+  return *sharedSlot();
 }
 
 void KQVisitorConfig::setShared(const KQVisitorConfig& config) {
