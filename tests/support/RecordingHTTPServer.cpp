@@ -19,6 +19,13 @@
 #include <stdexcept>
 #include <thread>
 
+// cpp-httplib comes as a shared library built without ThreadSanitizer: its function-local
+// statics are guarded by code TSan cannot see, so its worker threads' first reads of them look
+// like races. Accesses made from inside that library are not checked; our handlers are.
+extern "C" const char* __tsan_default_suppressions() {
+  return "called_from_lib:libcpp-httplib.so\n";
+}
+
 namespace kq::test {
 
 std::optional<std::string> RecordedRequest::header(const std::string& name) const {

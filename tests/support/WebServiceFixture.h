@@ -34,11 +34,11 @@ class CallbackRecorder {
   void watch(const HTTPSession* session) { session_ = session; }
 
   void record(std::string kind, nlohmann::ordered_json value = nullptr) {
-    {
-      std::scoped_lock lock(mutex_);
-      events_.push_back({std::move(kind), std::move(value), std::this_thread::get_id(),
-                         session_ && session_->isCurrent()});
-    }
+    // Notified under the lock: a waiter that then destroys the recorder cannot do so while
+    // this call still touches it.
+    std::scoped_lock lock(mutex_);
+    events_.push_back({std::move(kind), std::move(value), std::this_thread::get_id(),
+                       session_ != nullptr && session_->isCurrent()});
     changed_.notify_all();
   }
 
