@@ -93,8 +93,9 @@ std::string KQVisitorWebService::urlBuilder(const nlohmann::ordered_json& parame
 
 void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json& parameters,
                                                     const std::string& method,
-                                                    const std::string& serviceName, Success success,
-                                                    Failure failure) {
+                                                    const std::string& serviceName,
+                                                    const Success& success,
+                                                    const Failure& failure) {
   std::string baseURL;
   try {
     baseURL = jsonServiceBaseURL();
@@ -116,9 +117,9 @@ void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json
   request.setValue("text/json", "Content-Type");
 
   session()->dataTaskWithRequest(
-      std::move(request),
-      [success, failure](std::optional<std::string> data, std::optional<HTTPResponse> /*response*/,
-                         std::optional<KQError> error) {
+      std::move(request), [success, failure](const std::optional<std::string>& data,
+                                             const std::optional<HTTPResponse>& /*response*/,
+                                             std::optional<KQError> error) {
         if (error) {
           if (failure) {
             failure(nullptr, std::move(*error));

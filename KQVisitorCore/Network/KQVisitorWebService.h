@@ -156,7 +156,7 @@ class KQ_EXPORT KQVisitorWebService {
   /// are allowed.
   void requestDataWithParameters(const nlohmann::ordered_json& parameters,
                                  const std::string& method, const std::string& serviceName,
-                                 Success success, Failure failure);
+                                 const Success& success, const Failure& failure);
 
   /// An answer of the JSON service as success receives it: the body (invalid UTF-8 replaced)
   /// with every backslash removed, then each "\"{" made "{" and each "}\"" made "}" (which
@@ -177,16 +177,17 @@ class KQ_EXPORT KQVisitorWebService {
   /// failure. `failure` is kept for the interface and never called.
   void requestData(const std::string& operation, const nlohmann::ordered_json& withParameters,
                    const std::string& soapAction, const std::string& serviceName,
-                   SOAPSuccess success, SOAPFailure failure);
+                   SOAPSuccess success, const SOAPFailure& failure);
 
   /// "SendOfflineEmail" with the caller's parameters: block(true, 6) when the service answers
   /// with a 2xx status, block(true, 7) otherwise (another status, no answer, or settings that
   /// cannot be loaded).
-  void sendofflineContactToServer(const nlohmann::ordered_json& parameters, ResultBlock block);
+  void sendofflineContactToServer(const nlohmann::ordered_json& parameters,
+                                  const ResultBlock& block);
 
   /// "GetAllLanguages" with the caller's parameters: block(true, 6) once the call has ended,
   /// however it ended; the answer is not read.
-  void getLanguagesList(const nlohmann::ordered_json& parameters, ResultBlock block);
+  void getLanguagesList(const nlohmann::ordered_json& parameters, const ResultBlock& block);
 
   // --- File upload ---------------------------------------------------------------------------
 

@@ -39,7 +39,7 @@ std::string KQVisitorWebService::formatRequest(const std::string& operation,
 void KQVisitorWebService::requestData(const std::string& operation,
                                       const nlohmann::ordered_json& withParameters,
                                       const std::string& soapAction, const std::string& serviceName,
-                                      SOAPSuccess success, SOAPFailure /*failure*/) {
+                                      SOAPSuccess success, const SOAPFailure& /*failure*/) {
   HTTPRequest request(serviceName, dependencies_.requestTimeout);
   request.httpMethod = "POST";
   request.httpBody = formatRequest(operation, withParameters);
@@ -50,7 +50,7 @@ void KQVisitorWebService::requestData(const std::string& operation,
   session()->dataTaskWithRequest(
       std::move(request), [success = std::move(success)](std::optional<std::string> data,
                                                          std::optional<HTTPResponse> response,
-                                                         std::optional<KQError> error) {
+                                                         const std::optional<KQError>& error) {
         if (!success) {
           return;
         }
@@ -63,7 +63,7 @@ void KQVisitorWebService::requestData(const std::string& operation,
 }
 
 void KQVisitorWebService::sendofflineContactToServer(const nlohmann::ordered_json& parameters,
-                                                     ResultBlock block) {
+                                                     const ResultBlock& block) {
   const auto call = managementCall("SendOfflineEmail");
   if (!call) {
     if (block) {
@@ -87,7 +87,7 @@ void KQVisitorWebService::sendofflineContactToServer(const nlohmann::ordered_jso
 }
 
 void KQVisitorWebService::getLanguagesList(const nlohmann::ordered_json& parameters,
-                                           ResultBlock block) {
+                                           const ResultBlock& block) {
   const auto call = managementCall("GetAllLanguages");
   if (!call) {
     if (block) {

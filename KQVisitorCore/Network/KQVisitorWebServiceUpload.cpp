@@ -79,7 +79,7 @@ void KQVisitorWebService::uploadFile(const nlohmann::ordered_json& parameters,
   std::string body;
   body.reserve(bytes.size() + 512);
   body.append("--").append(boundary).append("\r\n");
-  body.append("Content-Disposition: form-data; name=\"file\"; filename=\"")
+  body.append(R"(Content-Disposition: form-data; name="file"; filename=")")
       .append(fileName(parameters))
       .append("\"\r\n");
   body.append("Content-Type:").append("application/octet-stream").append("\r\n\r\n");
@@ -93,8 +93,8 @@ void KQVisitorWebService::uploadFile(const nlohmann::ordered_json& parameters,
   session()->dataTaskWithRequest(
       std::move(request),
       [success = std::move(success), failure = std::move(failure)](
-          std::optional<std::string> data, std::optional<HTTPResponse> /*response*/,
-          std::optional<KQError> error) {
+          const std::optional<std::string>& data, const std::optional<HTTPResponse>& /*response*/,
+          const std::optional<KQError>& error) {
         if (!error) {
           std::string text = detail::decodeUTF8(data.value_or(std::string()));
           if (text.find("http") != std::string::npos) {

@@ -13,7 +13,7 @@ namespace {
 std::string envelope(std::string_view prefix, const std::string& operation,
                      const nlohmann::ordered_json& parameters,
                      const std::string& serviceNamespace) {
-  std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>";
+  std::string text = R"(<?xml version="1.0" encoding="UTF-8"?>)";
   text.append("<").append(prefix).append(":Envelope");
   text.append(" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\"");
   text.append(" xmlns:xsd=\"http://www.w3.org/2001/XMLSchema\"");

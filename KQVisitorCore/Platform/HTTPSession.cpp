@@ -23,7 +23,7 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 // An answer larger than this is refused rather than held in memory.
-constexpr std::size_t kMaximumBodySize = 256U * 1024U * 1024U;
+constexpr std::size_t kMaximumBodySize = std::size_t{256} * 1024 * 1024;
 constexpr long kMaximumRedirects = 16;
 constexpr long kConnectionCacheSize = 16;
 
@@ -365,7 +365,8 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   curl_slist* list = curl_slist_append(nullptr, "Expect:");
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
     // "Name;" is libcurl's way of sending a field with an empty value.
-    const std::string line = value.empty() ? name + ";" : name + ": " + value;
+    std::string line = name;
+    line.append(value.empty() ? ";" : ": ").append(value);
     curl_slist* longer = list == nullptr ? nullptr : curl_slist_append(list, line.c_str());
     if (longer == nullptr) {
       curl_slist_free_all(list);
@@ -612,16 +613,19 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
   transfer->completion = std::move(completion);
   transfer->progress = std::move(uploadProgress);
   const TaskIdentifier identifier = transfer->identifier;
+  const std::string url = transfer->request.url;
+  std::unique_ptr<Transfer> dropped;  // released outside the lock
   {
     std::scoped_lock lock(impl_->mutex);
-    if (!impl_->finished) {
+    if (impl_->finished) {
+      dropped = std::move(transfer);
+    } else {
       impl_->incoming.push_back(std::move(transfer));
     }
   }
-  if (transfer) {
+  if (dropped) {
     // Only a completion that runs while its own session is being destroyed gets here.
-    log("HTTPSession: a task was started on a closed session and is dropped: ",
-        transfer->request.url);
+    log("HTTPSession: a task was started on a closed session and is dropped: ", url);
     return identifier;
   }
   if (impl_->multi) {

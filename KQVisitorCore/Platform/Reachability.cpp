@@ -11,10 +11,12 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace kq {
 namespace {

@@ -49,7 +49,8 @@ class KQVisitorWebServiceSOAPTest : public WebServiceFixture {
   }
 
   // Runs one operation and answers its result.
-  Json call(void (KQVisitorWebService::*operation)(const Json&, KQVisitorWebService::ResultBlock),
+  Json call(void (KQVisitorWebService::*operation)(const Json&,
+                                                   const KQVisitorWebService::ResultBlock&),
             const Json& parameters = Json::object()) {
     const std::size_t before = recorder.events().size();
     (service.get()->*operation)(parameters, result());
@@ -66,7 +67,7 @@ TEST_F(KQVisitorWebServiceSOAPTest, TheFramePostsTheEnvelopeWithItsActionAndRepo
   std::atomic<bool> failureCalled = false;
   service->requestData(
       "SendOfflineEmail", {{"Name", "Ann"}}, "http://kq.test/SendOfflineEmail", url,
-      [this](std::optional<HTTPResponse> response, std::optional<std::string> data) {
+      [this](const std::optional<HTTPResponse>& response, const std::optional<std::string>& data) {
         recorder.record("success", {response ? response->statusCode : -1, data.value_or("-")});
       },
       [&](auto, auto) { failureCalled = true; });
@@ -86,7 +87,7 @@ TEST_F(KQVisitorWebServiceSOAPTest, TheFramePostsTheEnvelopeWithItsActionAndRepo
   service->requestData(
       "GetAllLanguages", Json::object(), "x",
       "http://127.0.0.1:" + std::to_string(test::unusedPort()) + "/",
-      [this](std::optional<HTTPResponse> response, std::optional<std::string> data) {
+      [this](const std::optional<HTTPResponse>& response, const std::optional<std::string>& data) {
         recorder.record("success", {response.has_value(), data.has_value()});
       },
       [&](auto, auto) { failureCalled = true; });

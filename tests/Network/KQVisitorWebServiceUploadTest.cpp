@@ -59,7 +59,7 @@ class KQVisitorWebServiceUploadTest : public WebServiceFixture {
     const std::string type = request.header("Content-Type").value_or("");
     const std::string prefix = "multipart/form-data; boundary=";
     EXPECT_EQ(type.substr(0, prefix.size()), prefix);
-    const std::string boundary = type.substr(std::min(prefix.size(), type.size()));
+    std::string boundary = type.substr(std::min(prefix.size(), type.size()));
     EXPECT_TRUE(std::regex_match(
         boundary,
         std::regex("Boundary-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")))

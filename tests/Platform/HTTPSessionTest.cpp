@@ -17,7 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::RecordingHTTPServer;
-using test::ScriptedResponse;
 
 struct Outcome {
   std::optional<std::string> data;
@@ -160,12 +159,13 @@ TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled
   server.holdResponses();
   std::promise<Outcome> cancelled;
   const auto identifier = session->dataTaskWithRequest(
-      HTTPRequest(server.origin() + "/a"), [&](auto, auto, std::optional<KQError> error) {
-        cancelled.set_value({std::nullopt, std::nullopt, std::move(error), session->isCurrent()});
+      HTTPRequest(server.origin() + "/a"), [&](auto, auto, const std::optional<KQError>& error) {
+        cancelled.set_value({std::nullopt, std::nullopt, error, session->isCurrent()});
       });
   std::optional<KQError> closed;
-  session->dataTaskWithRequest(HTTPRequest(server.origin() + "/b"),
-                               [&](auto, auto, std::optional<KQError> error) { closed = error; });
+  session->dataTaskWithRequest(
+      HTTPRequest(server.origin() + "/b"),
+      [&](auto, auto, const std::optional<KQError>& error) { closed = error; });
   ASSERT_TRUE(server.waitForRequests(2));
 
   session->cancelTask(identifier);
@@ -196,6 +196,7 @@ TEST_F(HTTPSessionTest, KeepsConnectionsAliveAndRunsTasksConcurrently) {
   int completed = 0;
   std::promise<void> allDone;
   std::vector<std::thread> starters;
+  starters.reserve(4);
   for (int t = 0; t < 4; ++t) {
     starters.emplace_back([&, t] {
       for (int i = 0; i < kTasks / 4; ++i) {
@@ -231,7 +232,7 @@ TEST_F(HTTPSessionTest, KeepsCookiesLikeTheSharedSession) {
 }
 
 TEST_F(HTTPSessionTest, ReportsUploadProgressUpToTheWholeBodyBeforeTheCompletion) {
-  const std::string body(3 * 1024 * 1024, 'x');
+  const std::string body(std::size_t{3} * 1024 * 1024, 'x');
   HTTPRequest request(server.origin() + "/upload");
   request.httpMethod = "POST";
   request.httpBody = body;

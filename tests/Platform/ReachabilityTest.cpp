@@ -55,6 +55,7 @@ class ReachabilityTest : public ::testing::Test {
 
   static std::vector<std::string> kinds(const std::vector<test::CallbackEvent>& events) {
     std::vector<std::string> result;
+    result.reserve(events.size());
     for (const auto& event : events) {
       result.push_back(event.kind);
     }

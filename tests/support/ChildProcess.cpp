@@ -8,8 +8,6 @@
 
 #include <stdexcept>
 
-extern char** environ;
-
 namespace kq::test {
 
 ChildResult runChild(const std::vector<std::string>& arguments,
@@ -27,6 +25,7 @@ ChildResult runChild(const std::vector<std::string>& arguments,
 
   std::vector<std::string> owned = arguments;
   std::vector<char*> argv;
+  argv.reserve(owned.size() + 1);
   for (auto& argument : owned) {
     argv.push_back(argument.data());
   }
@@ -37,6 +36,7 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   }
   variables.insert(variables.end(), environment.begin(), environment.end());
   std::vector<char*> envp;
+  envp.reserve(variables.size() + 1);
   for (auto& variable : variables) {
     envp.push_back(variable.data());
   }

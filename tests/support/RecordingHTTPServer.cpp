@@ -22,7 +22,7 @@
 // cpp-httplib comes as a shared library built without ThreadSanitizer: its function-local
 // statics are guarded by code TSan cannot see, so its worker threads' first reads of them look
 // like races. Accesses made from inside that library are not checked; our handlers are.
-extern "C" const char* __tsan_default_suppressions() {
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "called_from_lib:libcpp-httplib.so\n";
 }
 
@@ -75,9 +75,9 @@ struct RecordingHTTPServer::Impl {
     }
     response.status = answer.status;
     for (const auto& [name, value] : answer.headers) {
-      response.set_header(name.c_str(), value);
+      response.set_header(name, value);
     }
-    response.set_content(answer.body, answer.contentType.c_str());
+    response.set_content(answer.body, answer.contentType);
   }
 };
 
@@ -97,7 +97,7 @@ RecordingHTTPServer::RecordingHTTPServer(std::optional<TLS> tls) : impl_(std::ma
   server.set_keep_alive_max_count(100000);
   // Idle keep-alive connections hold a worker each: enough workers for every concurrent test.
   server.new_task_queue = [] { return new httplib::ThreadPool(64); };
-  server.set_payload_max_length(64U * 1024U * 1024U);
+  server.set_payload_max_length(std::size_t{64} * 1024 * 1024);
   const auto handler = [impl = impl_.get()](const httplib::Request& request,
                                             httplib::Response& response) {
     impl->handle(request, response);
