@@ -1,11 +1,16 @@
 #include "tests/support/ChildProcess.h"
 
+#include "tests/support/MainQueue.h"
+
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <stdexcept>
 
 namespace kq::test {
@@ -57,8 +62,18 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   pollfd pipes[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
   std::string* sinks[2] = {&result.out, &result.err};
   int open = 2;
+  const auto giveUp = std::chrono::steady_clock::now() + kPatience;
   while (open > 0) {
-    if (poll(pipes, 2, -1) < 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        giveUp - std::chrono::steady_clock::now());
+    const int ready =
+        poll(pipes, 2, result.timedOut ? -1 : static_cast<int>(std::max<long>(left.count(), 0)));
+    if (ready == 0 && !result.timedOut) {
+      result.timedOut = true;
+      kill(child, SIGKILL);  // its pipes close as it dies
+      continue;
+    }
+    if (ready < 0) {
       continue;
     }
     for (int i = 0; i < 2; ++i) {
@@ -79,6 +94,9 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   int status = 0;
   waitpid(child, &status, 0);
   result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  if (result.timedOut) {
+    result.err += "\n(killed: still running after " + std::to_string(kPatience.count()) + " s)";
+  }
   return result;
 }
 
