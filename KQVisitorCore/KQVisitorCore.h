@@ -8,8 +8,13 @@
 #include <KQVisitorCore/Platform/Clock.h>
 #include <KQVisitorCore/Platform/Color.h>
 #include <KQVisitorCore/Platform/Date.h>
+#include <KQVisitorCore/Platform/DateJSON.h>
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/Platform/HTTPHeaderFields.h>
+#include <KQVisitorCore/Platform/HTTPRequest.h>
+#include <KQVisitorCore/Platform/HTTPResponse.h>
+#include <KQVisitorCore/Platform/HTTPSession.h>
 #include <KQVisitorCore/Platform/HostApplication.h>
 #include <KQVisitorCore/Platform/KQError.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
@@ -19,6 +24,8 @@
 #include <KQVisitorCore/Platform/ManualClock.h>
 #include <KQVisitorCore/Platform/Notification.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/PercentEscapes.h>
+#include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
 
@@ -34,5 +41,6 @@
 
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Network/StringKQVisitorWebService.h>
 
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>

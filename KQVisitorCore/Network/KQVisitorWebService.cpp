@@ -1,6 +1,19 @@
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Network/WebServiceText.h>
+#include <KQVisitorCore/Platform/HTTPSession.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/PercentEscapes.h>
+
 namespace kq {
+
+KQVisitorWebService::KQVisitorWebService() : KQVisitorWebService(Dependencies{}) {}
+
+KQVisitorWebService::KQVisitorWebService(Dependencies dependencies)
+    : dependencies_(std::move(dependencies)) {}
+
+KQVisitorWebService::~KQVisitorWebService() = default;
 
 KQVisitorWebService& KQVisitorWebService::sharedInstance() {
   // Never destroyed: completions on the HTTP session's thread may still reach it at exit.
@@ -15,7 +28,7 @@ std::shared_ptr<KQVisitorUser> KQVisitorWebService::currentUser() const {
 
 void KQVisitorWebService::setCurrentUser(std::shared_ptr<KQVisitorUser> currentUser) {
   std::scoped_lock lock(mutex_);
-  currentUser_ = std::move(currentUser);
+  currentUser_.swap(currentUser);
 }
 
 std::shared_ptr<Timer> KQVisitorWebService::timer() const {
@@ -25,7 +38,116 @@ std::shared_ptr<Timer> KQVisitorWebService::timer() const {
 
 void KQVisitorWebService::setTimer(std::shared_ptr<Timer> timer) {
   std::scoped_lock lock(mutex_);
-  timer_ = std::move(timer);
+  timer_.swap(timer);
+}
+
+std::shared_ptr<HTTPSession> KQVisitorWebService::session() const {
+  return dependencies_.session ? dependencies_.session : HTTPSession::sharedSession();
+}
+
+bool KQVisitorWebService::internetAvailable() const {
+  return dependencies_.isInternetAvaliable ? dependencies_.isInternetAvaliable()
+                                           : KQVisitorXMPPClient::instance().isInternetAvaliable();
+}
+
+// --- Login -----------------------------------------------------------------------------------
+
+void KQVisitorWebService::loginClientUser(std::shared_ptr<KQVisitorUser> user) {
+  setCurrentUser(std::move(user));
+  if (!isHTTPClient()) {
+    KQVisitorXMPPClient::instance().connectUser(currentUser());
+  }
+}
+
+void KQVisitorWebService::logout() {
+  std::shared_ptr<Timer> stopped;
+  {
+    std::scoped_lock lock(mutex_);
+    stopped.swap(timer_);
+  }
+  // Outside the lock: invalidate() waits for a tick in progress, which may use this object.
+  if (stopped) {
+    stopped->invalidate();
+  }
+  KQVisitorXMPPClient::instance().signout();
+}
+
+// --- JSON service ----------------------------------------------------------------------------
+
+std::string KQVisitorWebService::jsonServiceBaseURL() const {
+  const KQVisitorConfig config = KQVisitorConfig::shared();
+  return isHTTPClient() ? config.jsonServiceBetaOrigin + std::string(kBetaServicePath)
+                        : config.jsonServiceProductionOrigin + std::string(kProductionServicePath);
+}
+
+std::string KQVisitorWebService::urlBuilder(const nlohmann::ordered_json& parameters) {
+  std::string query = "?";
+  if (!parameters.is_object()) {
+    return query;
+  }
+  for (const auto& [key, value] : parameters.items()) {
+    query.append(key).append("=").append(detail::describeParameter(value)).append("&");
+  }
+  return query;
+}
+
+void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json& parameters,
+                                                    const std::string& method,
+                                                    const std::string& serviceName,
+                                                    const Success& success,
+                                                    const Failure& failure) {
+  std::string baseURL;
+  try {
+    baseURL = jsonServiceBaseURL();
+  } catch (const KQVisitorConfig::Error& error) {
+    if (failure) {
+      failure(nullptr, detail::configurationError(error.what()));
+    }
+    return;
+  }
+
+  HTTPRequest request(baseURL + serviceName, dependencies_.requestTimeout);
+  if (method == "GET") {
+    request.url = stringByAddingPercentEscapes(baseURL + serviceName + urlBuilder(parameters));
+  } else {
+    request.httpBody =
+        parameters.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  }
+  request.httpMethod = method;
+  request.setValue("text/json", "Content-Type");
+
+  session()->dataTaskWithRequest(
+      std::move(request), [success, failure](const std::optional<std::string>& data,
+                                             const std::optional<HTTPResponse>& /*response*/,
+                                             std::optional<KQError> error) {
+        if (error) {
+          if (failure) {
+            failure(nullptr, std::move(*error));
+          }
+          return;
+        }
+        if (success) {
+          success(nullptr, resultFromResponseData(data.value_or(std::string())));
+        }
+      });
+
+  // Asked only now, after the request has left: the request is not held back, and a caller
+  // without network hears of it twice (now, and when the request ends).
+  if (!internetAvailable() && failure) {
+    failure(nullptr, KQError::withStatus(std::string(kNoInternetMessage), 400, 3));
+  }
+}
+
+nlohmann::ordered_json KQVisitorWebService::resultFromResponseData(std::string_view data) {
+  const std::string cleaned = detail::cleanedResponseText(detail::decodeUTF8(data));
+  nlohmann::ordered_json parsed = nlohmann::ordered_json::parse(cleaned, nullptr, false);
+  // Only a document counts: a bare string, number or literal is not accepted at the top level.
+  if (!parsed.is_discarded() && (parsed.is_object() || parsed.is_array())) {
+    return parsed;
+  }
+  nlohmann::ordered_json fallback = nlohmann::ordered_json::object();
+  fallback["response"] = detail::removingCharacters(cleaned, "\"");
+  return fallback;
 }
 
 }  // namespace kq

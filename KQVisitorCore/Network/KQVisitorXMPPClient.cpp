@@ -1,5 +1,8 @@
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
 
+#include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/Reachability.h>
+
 namespace kq {
 
 KQVisitorXMPPClient& KQVisitorXMPPClient::instance() {
@@ -40,10 +43,18 @@ void KQVisitorXMPPClient::signout() {}
 
 // --- Network reachability ------------------------------------------------------------------
 
-void KQVisitorXMPPClient::addInternetListener() {}
+void KQVisitorXMPPClient::addInternetListener() {
+  auto listener = Reachability::reachabilityForInternetConnection();
+  listener->setReachableBlock([](Reachability& /*reachability*/) {});
+  listener->setUnreachableBlock([](Reachability& /*reachability*/) { log("UNREACHABLE!"); });
+  listener->startNotifier();
+  setReachability(std::move(listener));
+}
 
 bool KQVisitorXMPPClient::isInternetAvaliable() const {
-  return true;  // No reachability check yet.
+  // A fresh check each time, not the listener's last word.
+  return Reachability::reachabilityForInternetConnection()->currentReachabilityStatus() !=
+         NetworkStatus::NotReachable;
 }
 
 std::shared_ptr<Reachability> KQVisitorXMPPClient::reachability() const {
@@ -52,8 +63,12 @@ std::shared_ptr<Reachability> KQVisitorXMPPClient::reachability() const {
 }
 
 void KQVisitorXMPPClient::setReachability(std::shared_ptr<Reachability> reachability) {
-  std::scoped_lock lock(mutex_);
-  reachability_ = std::move(reachability);
+  {
+    std::scoped_lock lock(mutex_);
+    reachability_.swap(reachability);
+  }
+  // The previous listener (now in `reachability`) stops outside the lock: stopping waits for
+  // a handler in progress.
 }
 
 }  // namespace kq

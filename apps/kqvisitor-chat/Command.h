@@ -26,5 +26,8 @@ int usageError(std::string_view usage, std::string_view problem);
 bool wantsHelp(const std::vector<std::string>& arguments);
 
 int runConfig(const std::vector<std::string>& arguments);
+int runCall(const std::vector<std::string>& arguments);
+int runSoap(const std::vector<std::string>& arguments);
+int runUpload(const std::vector<std::string>& arguments);
 
 }  // namespace kqchat

@@ -13,6 +13,9 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"config", "print the settings in use", runConfig},
+    {"call", "call an operation of the JSON chat service", runCall},
+    {"soap", "send an offline message or ask for the languages (SOAP service)", runSoap},
+    {"upload", "upload a file of up to 6 MB and print its link", runUpload},
 };
 
 void printUsage(std::ostream& out) {

@@ -1,0 +1,125 @@
+#include <KQVisitorCore/Network/WebServiceText.h>
+
+#include <KQVisitorCore/Platform/Foundation.h>
+
+#include <nlohmann/json.hpp>
+
+namespace kq::detail {
+namespace {
+
+// `text` with every occurrence of the two-character `from` replaced by its second character,
+// scanning left to right without overlaps.
+std::string droppingFirstOfPair(std::string_view text, char first, char second) {
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == first && i + 1 < text.size() && text[i + 1] == second) {
+      result.push_back(second);
+      ++i;
+    } else {
+      result.push_back(text[i]);
+    }
+  }
+  return result;
+}
+
+// Length of the valid UTF-8 sequence at the start of `text`, 0 when it is not one.
+std::size_t validSequenceLength(std::string_view text) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const auto continuation = [&](std::size_t i) {
+    return i < text.size() && (byte(i) & 0xC0U) == 0x80U;
+  };
+  const unsigned char lead = byte(0);
+  if (lead < 0x80U) {
+    return 1;
+  }
+  if (lead >= 0xC2U && lead <= 0xDFU) {
+    return continuation(1) ? 2 : 0;
+  }
+  if (lead >= 0xE0U && lead <= 0xEFU) {
+    if (!continuation(1) || !continuation(2)) {
+      return 0;
+    }
+    const unsigned char second = byte(1);
+    if ((lead == 0xE0U && second < 0xA0U) || (lead == 0xEDU && second > 0x9FU)) {
+      return 0;  // overlong form, or a UTF-16 surrogate
+    }
+    return 3;
+  }
+  if (lead >= 0xF0U && lead <= 0xF4U) {
+    if (!continuation(1) || !continuation(2) || !continuation(3)) {
+      return 0;
+    }
+    const unsigned char second = byte(1);
+    if ((lead == 0xF0U && second < 0x90U) || (lead == 0xF4U && second > 0x8FU)) {
+      return 0;  // overlong form, or beyond U+10FFFF
+    }
+    return 4;
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string describeParameter(const nlohmann::ordered_json& value) {
+  if (value.is_string()) {
+    return value.get_ref<const std::string&>();
+  }
+  if (value.is_boolean()) {
+    return describe(value.get<bool>());
+  }
+  if (value.is_null()) {
+    return "<null>";
+  }
+  return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string decodeUTF8(std::string_view data) {
+  std::string text;
+  text.reserve(data.size());
+  while (!data.empty()) {
+    const std::size_t length = validSequenceLength(data);
+    if (length == 0) {
+      text.append("\xEF\xBF\xBD");
+      data.remove_prefix(1);
+    } else {
+      text.append(data.substr(0, length));
+      data.remove_prefix(length);
+    }
+  }
+  return text;
+}
+
+std::string cleanedResponseText(std::string_view text) {
+  const std::string withoutBackslashes = removingCharacters(text, "\\");
+  const std::string openingFreed = droppingFirstOfPair(withoutBackslashes, '"', '{');
+  // "}\"" becomes "}": the pair's first character stays, so scan the reversed roles.
+  std::string result;
+  result.reserve(openingFreed.size());
+  for (std::size_t i = 0; i < openingFreed.size(); ++i) {
+    result.push_back(openingFreed[i]);
+    if (openingFreed[i] == '}' && i + 1 < openingFreed.size() && openingFreed[i + 1] == '"') {
+      ++i;
+    }
+  }
+  return result;
+}
+
+std::string removingCharacters(std::string_view text, std::string_view characters) {
+  std::string result;
+  result.reserve(text.size());
+  for (const char c : text) {
+    if (characters.find(c) == std::string_view::npos) {
+      result.push_back(c);
+    }
+  }
+  return result;
+}
+
+KQError configurationError(const std::string& reason) {
+  KQError error{"KQVisitorConfig", 1, nlohmann::ordered_json::object()};
+  error.userInfo["NSLocalizedDescription"] = reason;
+  return error;
+}
+
+}  // namespace kq::detail

@@ -1,0 +1,651 @@
+#include <KQVisitorCore/Platform/HTTPSession.h>
+
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/Log.h>
+
+#include <curl/curl.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace kq {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// An answer larger than this is refused rather than held in memory.
+constexpr std::size_t kMaximumBodySize = std::size_t{256} * 1024 * 1024;
+constexpr long kMaximumRedirects = 16;
+constexpr long kConnectionCacheSize = 16;
+
+// --- Holders of the C handles ----------------------------------------------------------------
+
+struct EasyDeleter {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct MultiDeleter {
+  void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
+};
+struct ShareDeleter {
+  void operator()(CURLSH* handle) const { curl_share_cleanup(handle); }
+};
+struct ListDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+struct StoreDeleter {
+  void operator()(X509_STORE* store) const { X509_STORE_free(store); }
+};
+using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
+using MultiHandle = std::unique_ptr<CURLM, MultiDeleter>;
+using ShareHandle = std::unique_ptr<CURLSH, ShareDeleter>;
+using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
+using TrustStore = std::unique_ptr<X509_STORE, StoreDeleter>;
+
+void initializeCurlOnce() {
+  // curl_global_init is not thread-safe and must run once per process; it is never undone,
+  // since completions may still run while the process exits.
+  static std::once_flag once;
+  std::call_once(once, [] {
+    if (const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
+      log("HTTPSession: libcurl could not be initialised: ", curl_easy_strerror(code));
+    }
+  });
+}
+
+KQError transportError(long code, const std::string& description, const std::string& url) {
+  KQError error{std::string(HTTPSession::kErrorDomain), code, nlohmann::ordered_json::object()};
+  error.userInfo["NSLocalizedDescription"] = description;
+  error.userInfo["NSErrorFailingURLStringKey"] = url;
+  return error;
+}
+
+bool isTokenCharacter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool isToken(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
+}
+
+// Why the request cannot be put on the wire as it is, if it cannot.
+std::optional<std::string> malformedRequestReason(const HTTPRequest& request) {
+  if (!isToken(request.httpMethod)) {
+    return "The HTTP method \"" + request.httpMethod + "\" is not a valid method name.";
+  }
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
+    if (!isToken(name)) {
+      return "The header field name \"" + name + "\" is not valid.";
+    }
+    if (value.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
+      return "The value of header field \"" + name + "\" holds a line break or a NUL byte.";
+    }
+  }
+  return std::nullopt;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) {
+    return {};
+  }
+  const auto last = text.find_last_not_of(" \t\r\n");
+  return text.substr(first, last - first + 1);
+}
+
+template <class Function, class... Arguments>
+void callNoThrow(const Function& function, Arguments... arguments) noexcept {
+  // Runs inside libcurl's C frames, which an exception must not cross.
+  function(arguments...);
+}
+
+}  // namespace
+
+// --- One task ---------------------------------------------------------------------------------
+
+namespace {
+
+struct Transfer {
+  HTTPSession::TaskIdentifier identifier = 0;
+  HTTPRequest request;
+  HTTPSession::Completion completion;
+  HTTPSession::Progress progress;
+
+  EasyHandle easy;
+  HeaderList headers;
+  std::string body;
+  HTTPHeaderFields responseHeaders;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  std::optional<KQError> abortError;  // set when we stop the transfer ourselves
+
+  SteadyClock::time_point lastActivity;
+  curl_off_t lastTransferred = 0;
+  curl_off_t lastReportedSent = -1;
+  SteadyClock::time_point lastReport;
+};
+
+std::size_t receiveBody(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const std::size_t length = size * count;
+  if (transfer->body.size() + length > kMaximumBodySize) {
+    transfer->abortError =
+        transportError(CURLE_WRITE_ERROR,
+                       "The answer is larger than " + std::to_string(kMaximumBodySize) + " bytes.",
+                       transfer->request.url);
+    return 0;
+  }
+  transfer->body.append(data, length);
+  transfer->lastActivity = SteadyClock::now();
+  return length;
+}
+
+std::size_t receiveHeader(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const std::size_t length = size * count;
+  const std::string_view line = trimmed(std::string_view(data, length));
+  transfer->lastActivity = SteadyClock::now();
+  if (line.starts_with("HTTP/")) {
+    // A new status line: an interim answer or a redirect came before; keep the final head only.
+    transfer->responseHeaders.clear();
+  } else if (const auto colon = line.find(':'); colon != std::string_view::npos && colon > 0) {
+    transfer->responseHeaders.addValue(std::string(trimmed(line.substr(colon + 1))),
+                                       std::string(trimmed(line.substr(0, colon))));
+  }
+  return length;
+}
+
+int reportProgress(void* user, curl_off_t /*downloadTotal*/, curl_off_t downloaded,
+                   curl_off_t uploadTotal, curl_off_t uploaded) {
+  auto* transfer = static_cast<Transfer*>(user);
+  const auto now = SteadyClock::now();
+  if (downloaded + uploaded != transfer->lastTransferred) {
+    transfer->lastTransferred = downloaded + uploaded;
+    transfer->lastActivity = now;
+  }
+  if (transfer->progress && uploadTotal > 0 && uploaded != transfer->lastReportedSent) {
+    const bool finished = uploaded >= uploadTotal;
+    if (finished || transfer->lastReportedSent < 0 ||
+        now - transfer->lastReport >= HTTPSession::kProgressInterval) {
+      transfer->lastReportedSent = uploaded;
+      transfer->lastReport = now;
+      callNoThrow(transfer->progress, static_cast<std::int64_t>(uploaded),
+                  static_cast<std::int64_t>(uploadTotal));
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+// --- The session ------------------------------------------------------------------------------
+
+struct HTTPSession::Impl {
+  explicit Impl(Configuration settings) : configuration(std::move(settings)) {
+    initializeCurlOnce();
+    multi.reset(curl_multi_init());
+    share.reset(curl_share_init());
+    if (multi) {
+      curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, kConnectionCacheSize);
+    }
+    if (share) {
+      // Every easy handle of the session runs on the session's thread, so the share needs no
+      // lock functions.
+      curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+      curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+      curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    }
+  }
+
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  ~Impl() {
+    // Handles must leave the multi handle before either is cleaned up.
+    for (auto& [easy, transfer] : active) {
+      curl_multi_remove_handle(multi.get(), easy);
+    }
+    active.clear();
+  }
+
+  void threadMain();
+  void startTransfers(std::vector<std::unique_ptr<Transfer>> transfers);
+  std::optional<KQError> configure(Transfer& transfer);
+  void finish(CURL* easy, CURLcode result);
+  void finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error);
+  void cancel(const std::vector<TaskIdentifier>& identifiers);
+  int expireIdleTransfers();
+  X509_STORE* trustStore();
+  static CURLcode prepareTLSContext(CURL* easy, void* context, void* user);
+
+  const Configuration configuration;
+  MultiHandle multi;
+  ShareHandle share;
+  std::atomic<std::thread::id> threadId;
+  std::atomic<TaskIdentifier> nextIdentifier{1};
+
+  std::mutex mutex;
+  std::vector<std::unique_ptr<Transfer>> incoming;  // guarded by mutex
+  std::vector<TaskIdentifier> cancellations;        // guarded by mutex
+  bool stopping = false;                            // guarded by mutex
+  bool finished = false;                            // guarded by mutex
+  std::thread thread;
+
+  // Owned by the session's thread.
+  std::map<CURL*, std::unique_ptr<Transfer>> active;
+  TrustStore store;
+  bool storeLoaded = false;
+  std::string storeProblem;
+};
+
+X509_STORE* HTTPSession::Impl::trustStore() {
+  if (storeLoaded) {
+    return store.get();
+  }
+  storeLoaded = true;
+  TrustStore loading(X509_STORE_new());
+  if (!loading) {
+    storeProblem = "Cannot create a certificate store.";
+    return nullptr;
+  }
+  const auto problem = [](const std::string& what) {
+    const unsigned long code = ERR_get_error();
+    ERR_clear_error();
+    char reason[256] = {};
+    ERR_error_string_n(code, reason, sizeof reason);
+    return what + (code != 0 ? std::string(": ") + reason : std::string());
+  };
+  if (configuration.trustSystemAuthorities) {
+    const curl_version_info_data* version = curl_version_info(CURLVERSION_NOW);
+    const bool bundle = version->cainfo != nullptr && *version->cainfo != '\0';
+    const bool folder = version->capath != nullptr && *version->capath != '\0';
+    if (bundle && X509_STORE_load_file(loading.get(), version->cainfo) != 1) {
+      log("HTTPSession: ",
+          problem(std::string("cannot load the system certificates in ") + version->cainfo));
+    }
+    if (!bundle && folder && X509_STORE_load_path(loading.get(), version->capath) != 1) {
+      log("HTTPSession: ",
+          problem(std::string("cannot use the system certificates in ") + version->capath));
+    }
+    if (!bundle && !folder && X509_STORE_set_default_paths(loading.get()) != 1) {
+      log("HTTPSession: ", problem("cannot find the system certificates"));
+    }
+  }
+  if (!configuration.caFile.empty() &&
+      X509_STORE_load_file(loading.get(), configuration.caFile.c_str()) != 1) {
+    storeProblem = problem("Cannot load the trusted certificates in " + configuration.caFile);
+    log("HTTPSession: ", storeProblem);
+    return nullptr;
+  }
+  ERR_clear_error();
+  store = std::move(loading);
+  return store.get();
+}
+
+CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, void* user) {
+  // Called for each new TLS connection: hand it the session's store instead of loading
+  // certificates again.
+  auto* impl = static_cast<Impl*>(user);
+  X509_STORE* store = impl->trustStore();
+  if (store == nullptr || X509_STORE_up_ref(store) != 1) {
+    return CURLE_SSL_CACERT_BADFILE;
+  }
+  SSL_CTX_set_cert_store(static_cast<SSL_CTX*>(context), store);
+  return CURLE_OK;
+}
+
+std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
+  const HTTPRequest& request = transfer.request;
+  if (auto reason = malformedRequestReason(request)) {
+    return transportError(kErrorBadRequest, *reason, request.url);
+  }
+  transfer.easy.reset(curl_easy_init());
+  if (!multi || !share || !transfer.easy) {
+    return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
+                          request.url);
+  }
+  CURL* easy = transfer.easy.get();
+  curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaximumRedirects);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(easy, CURLOPT_USERAGENT, "KQVisitorCore/1.0");
+  curl_easy_setopt(easy, CURLOPT_SHARE, share.get());
+  curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveBody);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, receiveHeader);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, reportProgress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  // The trust store comes from prepareTLSContext; libcurl loads nothing itself.
+  curl_easy_setopt(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
+  curl_easy_setopt(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+  if (curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, prepareTLSContext) != CURLE_OK ||
+      curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this) != CURLE_OK) {
+    return transportError(CURLE_NOT_BUILT_IN,
+                          "The HTTP client's TLS library cannot take a certificate store.",
+                          request.url);
+  }
+
+  if (request.httpBody) {
+    curl_easy_setopt(easy, CURLOPT_POST, 1L);
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                     static_cast<curl_off_t>(request.httpBody->size()));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, request.httpBody->data());
+    if (request.httpMethod != "POST") {
+      curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
+    }
+  } else if (request.httpMethod == "GET") {
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  } else if (request.httpMethod == "HEAD") {
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+  } else {
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
+  }
+
+  // "Expect:" with no value stops libcurl from waiting for "100 Continue" before large bodies.
+  curl_slist* list = curl_slist_append(nullptr, "Expect:");
+  for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
+    // "Name;" is libcurl's way of sending a field with an empty value.
+    std::string line = name;
+    line.append(value.empty() ? ";" : ": ").append(value);
+    curl_slist* longer = list == nullptr ? nullptr : curl_slist_append(list, line.c_str());
+    if (longer == nullptr) {
+      curl_slist_free_all(list);
+      return transportError(CURLE_OUT_OF_MEMORY, "Out of memory.", request.url);
+    }
+    list = longer;
+  }
+  transfer.headers.reset(list);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
+  return std::nullopt;
+}
+
+void HTTPSession::Impl::startTransfers(std::vector<std::unique_ptr<Transfer>> transfers) {
+  for (auto& transfer : transfers) {
+    transfer->lastActivity = SteadyClock::now();
+    if (auto error = configure(*transfer)) {
+      finish(std::move(transfer), std::move(error));
+      continue;
+    }
+    CURL* easy = transfer->easy.get();
+    if (const CURLMcode code = curl_multi_add_handle(multi.get(), easy); code != CURLM_OK) {
+      const std::string url = transfer->request.url;
+      finish(std::move(transfer),
+             transportError(CURLE_FAILED_INIT, curl_multi_strerror(code), url));
+      continue;
+    }
+    active.emplace(easy, std::move(transfer));
+  }
+}
+
+void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
+  const auto found = active.find(easy);
+  if (found == active.end()) {
+    return;
+  }
+  std::unique_ptr<Transfer> transfer = std::move(found->second);
+  active.erase(found);
+  curl_multi_remove_handle(multi.get(), easy);
+
+  if (transfer->abortError) {
+    std::optional<KQError> error = std::move(transfer->abortError);
+    finish(std::move(transfer), std::move(error));
+    return;
+  }
+  if (result != CURLE_OK) {
+    std::string description = transfer->errorBuffer;
+    if (result == CURLE_SSL_CACERT_BADFILE && !storeProblem.empty()) {
+      description = storeProblem;
+    }
+    if (description.empty()) {
+      description = curl_easy_strerror(result);
+    }
+    KQError error = transportError(result, description, transfer->request.url);
+    finish(std::move(transfer), std::move(error));
+    return;
+  }
+  // The last upload report always comes, however the throttle fell.
+  curl_off_t uploaded = 0;
+  curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &uploaded);
+  if (transfer->progress && transfer->request.httpBody && !transfer->request.httpBody->empty() &&
+      uploaded == static_cast<curl_off_t>(transfer->request.httpBody->size()) &&
+      transfer->lastReportedSent != uploaded) {
+    transfer->progress(uploaded, uploaded);
+  }
+
+  HTTPResponse response;
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  response.statusCode = status;
+  const char* url = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
+  response.url = url != nullptr ? url : transfer->request.url;
+  response.allHeaderFields = std::move(transfer->responseHeaders);
+  auto completion = std::move(transfer->completion);
+  std::string body = std::move(transfer->body);
+  transfer.reset();
+  completion(std::move(body), std::move(response), std::nullopt);
+}
+
+void HTTPSession::Impl::finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error) {
+  auto completion = std::move(transfer->completion);
+  transfer.reset();  // the easy handle goes before the caller hears of it
+  completion(std::nullopt, std::nullopt, std::move(error));
+}
+
+void HTTPSession::Impl::cancel(const std::vector<TaskIdentifier>& identifiers) {
+  for (const TaskIdentifier identifier : identifiers) {
+    const auto found = std::find_if(active.begin(), active.end(), [&](const auto& entry) {
+      return entry.second->identifier == identifier;
+    });
+    if (found == active.end()) {
+      continue;
+    }
+    found->second->abortError =
+        transportError(kErrorCancelled, "The task was cancelled.", found->second->request.url);
+    finish(found->first, CURLE_ABORTED_BY_CALLBACK);
+  }
+}
+
+int HTTPSession::Impl::expireIdleTransfers() {
+  // Fails the transfers that have been idle past their time-out; answers how long until the
+  // next one would (INT_MAX when none is running).
+  const auto now = SteadyClock::now();
+  std::vector<CURL*> expired;
+  auto nearest = SteadyClock::time_point::max();
+  for (const auto& [easy, transfer] : active) {
+    const auto deadline = transfer->lastActivity + transfer->request.timeoutInterval;
+    if (deadline <= now) {
+      expired.push_back(easy);
+    } else {
+      nearest = std::min(nearest, deadline);
+    }
+  }
+  for (CURL* easy : expired) {
+    Transfer& transfer = *active.at(easy);
+    transfer.abortError =
+        transportError(kErrorTimedOut,
+                       "The request timed out: nothing was sent or received for " +
+                           std::to_string(transfer.request.timeoutInterval.count()) + " ms.",
+                       transfer.request.url);
+    finish(easy, CURLE_OPERATION_TIMEDOUT);
+  }
+  if (nearest == SteadyClock::time_point::max()) {
+    return INT_MAX;
+  }
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nearest - SteadyClock::now());
+  return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, INT_MAX));
+}
+
+void HTTPSession::Impl::threadMain() {
+  threadId = std::this_thread::get_id();
+  for (;;) {
+    std::vector<std::unique_ptr<Transfer>> arrived;
+    std::vector<TaskIdentifier> cancelled;
+    {
+      std::scoped_lock lock(mutex);
+      if (stopping) {
+        break;
+      }
+      arrived.swap(incoming);
+      cancelled.swap(cancellations);
+    }
+    startTransfers(std::move(arrived));
+    cancel(cancelled);
+
+    int running = 0;
+    curl_multi_perform(multi.get(), &running);
+    std::vector<std::pair<CURL*, CURLcode>> done;
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
+      if (message->msg == CURLMSG_DONE) {
+        done.emplace_back(message->easy_handle, message->data.result);
+      }
+    }
+    for (const auto& [easy, result] : done) {
+      finish(easy, result);
+    }
+    const int wait = expireIdleTransfers();
+    {
+      std::scoped_lock lock(mutex);
+      if (stopping || !incoming.empty() || !cancellations.empty()) {
+        continue;
+      }
+    }
+    // Sleeps until a socket is ready, libcurl's own next deadline, the nearest idle time-out,
+    // or curl_multi_wakeup from a thread that queued work.
+    curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
+  }
+
+  // Stopping: everything not finished fails as cancelled, including tasks that completions
+  // start meanwhile.
+  for (;;) {
+    std::vector<std::unique_ptr<Transfer>> arrived;
+    {
+      std::scoped_lock lock(mutex);
+      arrived.swap(incoming);
+      if (arrived.empty() && active.empty()) {
+        finished = true;
+        break;
+      }
+    }
+    for (auto& transfer : arrived) {
+      const std::string url = transfer->request.url;
+      finish(std::move(transfer),
+             transportError(kErrorCancelled, "The session was closed before the task ended.", url));
+    }
+    while (!active.empty()) {
+      Transfer& transfer = *active.begin()->second;
+      transfer.abortError = transportError(
+          kErrorCancelled, "The session was closed before the task ended.", transfer.request.url);
+      finish(active.begin()->first, CURLE_ABORTED_BY_CALLBACK);
+    }
+  }
+}
+
+// --- Public interface -------------------------------------------------------------------------
+
+HTTPSession::HTTPSession(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+const std::shared_ptr<HTTPSession>& HTTPSession::sharedSession() {
+  // Never destroyed: completions may run while the process exits.
+  static auto* shared = [] {
+    Configuration configuration;
+    try {
+      configuration.caFile = KQVisitorConfig::shared().caFile;
+    } catch (const KQVisitorConfig::Error&) {
+      // Already logged by the configuration; the system's authorities still apply.
+    }
+    return new std::shared_ptr<HTTPSession>(create(std::move(configuration)));
+  }();
+  return *shared;
+}
+
+std::shared_ptr<HTTPSession> HTTPSession::create(Configuration configuration) {
+  auto impl = std::make_shared<Impl>(std::move(configuration));
+  impl->thread = std::thread([impl] {
+    pthread_setname_np(pthread_self(), impl->configuration.label.substr(0, 15).c_str());
+    impl->threadMain();
+  });
+  return std::shared_ptr<HTTPSession>(new HTTPSession(std::move(impl)));
+}
+
+HTTPSession::~HTTPSession() {
+  {
+    std::scoped_lock lock(impl_->mutex);
+    impl_->stopping = true;
+  }
+  if (impl_->multi) {
+    curl_multi_wakeup(impl_->multi.get());
+  }
+  if (impl_->thread.get_id() == std::this_thread::get_id()) {
+    impl_->thread.detach();  // the thread holds the state and ends after this callback
+  } else if (impl_->thread.joinable()) {
+    impl_->thread.join();
+  }
+}
+
+HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request,
+                                                             Completion completion,
+                                                             Progress uploadProgress) {
+  auto transfer = std::make_unique<Transfer>();
+  transfer->identifier = impl_->nextIdentifier++;
+  transfer->request = std::move(request);
+  transfer->completion = std::move(completion);
+  transfer->progress = std::move(uploadProgress);
+  const TaskIdentifier identifier = transfer->identifier;
+  const std::string url = transfer->request.url;
+  std::unique_ptr<Transfer> dropped;  // released outside the lock
+  {
+    std::scoped_lock lock(impl_->mutex);
+    if (impl_->finished) {
+      dropped = std::move(transfer);
+    } else {
+      impl_->incoming.push_back(std::move(transfer));
+    }
+  }
+  if (dropped) {
+    // Only a completion that runs while its own session is being destroyed gets here.
+    log("HTTPSession: a task was started on a closed session and is dropped: ", url);
+    return identifier;
+  }
+  if (impl_->multi) {
+    curl_multi_wakeup(impl_->multi.get());
+  }
+  return identifier;
+}
+
+void HTTPSession::cancelTask(TaskIdentifier identifier) {
+  {
+    std::scoped_lock lock(impl_->mutex);
+    impl_->cancellations.push_back(identifier);
+  }
+  if (impl_->multi) {
+    curl_multi_wakeup(impl_->multi.get());
+  }
+}
+
+bool HTTPSession::isCurrent() const {
+  return impl_->threadId.load() == std::this_thread::get_id();
+}
+
+}  // namespace kq

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/HTTPRequest.h>
+#include <KQVisitorCore/Platform/HTTPResponse.h>
+#include <KQVisitorCore/Platform/KQError.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kq {
+
+/// An HTTP(S) client session in the manner of the platform's shared URL session: tasks run
+/// concurrently on one thread of the session's own (its "delegate queue"), share one cache of
+/// keep-alive connections, one cookie store and one TLS trust store, and report through
+/// completion callbacks that run on that thread.
+///
+/// TLS peers are always verified: against the system's certificate authorities plus those of
+/// Configuration::caFile, loaded once per session (on its first TLS connection) and kept.
+///
+/// Thread-safe: tasks may be started from any thread, also from inside a completion.
+class KQ_EXPORT HTTPSession {
+ public:
+  /// Transport errors carry this domain, libcurl's error code, and in userInfo
+  /// "NSLocalizedDescription" (what went wrong, in words) and "NSErrorFailingURLStringKey".
+  static constexpr std::string_view kErrorDomain = "CURLE";
+  /// Codes of the transport errors a caller may want to tell apart (libcurl's values).
+  static constexpr long kErrorUnsupportedProtocol = 1;
+  static constexpr long kErrorMalformedURL = 3;
+  static constexpr long kErrorCouldNotResolveHost = 6;
+  static constexpr long kErrorCouldNotConnect = 7;
+  static constexpr long kErrorTimedOut = 28;
+  static constexpr long kErrorBadRequest = 43;  ///< method or header that cannot be sent
+  static constexpr long kErrorCancelled = 42;
+  static constexpr long kErrorPeerFailedVerification = 60;
+  static constexpr long kErrorTrustStoreUnusable = 77;
+
+  /// The outcome of a task. On an answer (whatever its status) `data` holds the body (possibly
+  /// empty), `response` the head and `error` is empty; on a transport failure only `error` is
+  /// set.
+  using Completion =
+      std::function<void(std::optional<std::string> data, std::optional<HTTPResponse> response,
+                         std::optional<KQError> error)>;
+  /// Upload progress: bytes of the body sent so far and the body's size. Reports are spaced at
+  /// least kProgressInterval apart, except the last (sent == expected), which always comes.
+  using Progress =
+      std::function<void(std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend)>;
+  using TaskIdentifier = std::uint64_t;
+
+  static constexpr std::chrono::milliseconds kProgressInterval{50};
+
+  struct Configuration {
+    /// A PEM file of further trusted certificate authorities, on top of the system's; empty for
+    /// none. A file that cannot be loaded makes every TLS connection fail with
+    /// kErrorTrustStoreUnusable and a description naming the file.
+    std::string caFile;
+    /// Whether the system's certificate authorities are trusted. Tests turn it off to prove that
+    /// an unknown authority is refused.
+    bool trustSystemAuthorities = true;
+    /// Name of the session's thread (at most 15 characters show in debuggers).
+    std::string label = "kq.http";
+  };
+
+  /// The process-wide session, created on first use with the caFile of
+  /// KQVisitorConfig::shared() at that moment. It lives until the process ends.
+  static const std::shared_ptr<HTTPSession>& sharedSession();
+
+  /// A session of its own (tests, or a host that wants separate connections).
+  static std::shared_ptr<HTTPSession> create(Configuration configuration);
+
+  HTTPSession(const HTTPSession&) = delete;
+  HTTPSession& operator=(const HTTPSession&) = delete;
+
+  /// Ends the session's thread. Tasks still running fail with kErrorCancelled first, on the
+  /// session's thread. Called on that thread (a completion released the last reference), it
+  /// returns at once and the thread ends after the running callback.
+  ~HTTPSession();
+
+  /// Starts a task for `request` and returns its identifier. `completion` runs exactly once, on
+  /// the session's thread, never inside this call; `uploadProgress` (may be empty) runs there
+  /// too, before the completion.
+  TaskIdentifier dataTaskWithRequest(HTTPRequest request, Completion completion,
+                                     Progress uploadProgress = {});
+
+  /// Stops a running task: its completion runs with kErrorCancelled (on the session's thread),
+  /// unless it has already run or is running. Unknown identifiers are ignored.
+  void cancelTask(TaskIdentifier identifier);
+
+  /// True on the session's thread, where completions run.
+  [[nodiscard]] bool isCurrent() const;
+
+  /// The session's state, private to HTTPSession.cpp.
+  struct Impl;
+
+ private:
+  explicit HTTPSession(std::shared_ptr<Impl> impl);
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace kq

@@ -1,0 +1,51 @@
+#pragma once
+
+// What the service commands (call, soap, upload) share: their JSON-lines output, KEY=VALUE
+// parameters, and waiting for callbacks that arrive on the HTTP session's thread.
+
+#include <KQVisitorCore/Platform/KQError.h>
+
+#include <nlohmann/json.hpp>
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kqchat {
+
+/// Writes `line` as one line of compact JSON on stdout and flushes it. Thread-safe: lines from
+/// several threads never interleave.
+void printJSONLine(const nlohmann::ordered_json& line);
+
+/// {"domain": ..., "code": ..., "userInfo": {...}} of an error.
+nlohmann::ordered_json errorJSON(const kq::KQError& error);
+
+/// Adds one command-line parameter to `parameters`: KEY=VALUE sets the string VALUE, KEY:=JSON
+/// sets a JSON value (a number, true, an object...). Returns what is wrong with `argument`, if
+/// anything.
+std::optional<std::string> addParameter(const std::string& argument,
+                                        nlohmann::ordered_json& parameters);
+
+/// A flag that one thread raises and another waits for.
+class Completion {
+ public:
+  void signal() {
+    {
+      std::scoped_lock lock(mutex_);
+      done_ = true;
+    }
+    condition_.notify_all();
+  }
+  void wait() {
+    std::unique_lock lock(mutex_);
+    condition_.wait(lock, [this] { return done_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable condition_;
+  bool done_ = false;
+};
+
+}  // namespace kqchat

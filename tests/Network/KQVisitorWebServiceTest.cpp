@@ -1,0 +1,216 @@
+#include <KQVisitorCore/Network/KQVisitorWebService.h>
+
+#include "tests/support/WebServiceFixture.h"
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+
+#include <gtest/gtest.h>
+
+namespace kq {
+namespace {
+
+using namespace std::chrono_literals;
+using Json = nlohmann::ordered_json;
+using test::CallbackEvent;
+using test::RawHTTPServer;
+using test::WebServiceFixture;
+
+TEST(KQVisitorWebServiceUrlBuilderTest, WritesEachParameterInOrderWithATrailingAmpersand) {
+  EXPECT_EQ(KQVisitorWebService::urlBuilder({{"parWI", 12}, {"parVI", "abc"}}),
+            "?parWI=12&parVI=abc&");
+  EXPECT_EQ(KQVisitorWebService::urlBuilder({{"parVI", "abc"}, {"parWI", 12}}),
+            "?parVI=abc&parWI=12&");
+  EXPECT_EQ(KQVisitorWebService::urlBuilder(Json::object()), "?");
+  EXPECT_EQ(KQVisitorWebService::urlBuilder(nullptr), "?");
+  // Values as their text, nothing escaped at this step.
+  const Json values = {
+      {"t", true}, {"f", false},     {"n", nullptr},
+      {"d", 2.5},  {"neg", -7},      {"s", "a b&c=d"},
+      {"e", ""},   {"list", {1, 2}}, {"date", Date::dateWithTimeIntervalSince1970(1794701152)}};
+  EXPECT_EQ(KQVisitorWebService::urlBuilder(values),
+            "?t=1&f=0&n=<null>&d=2.5&neg=-7&s=a b&c=d&e=&list=[1,2]&date=2026-11-15 00:05:52 "
+            "+0000&");
+}
+
+TEST(KQVisitorWebServiceResultTest, CleansTheServicesDoubleEncodingBeforeParsing) {
+  const std::pair<std::string, Json> cases[] = {
+      // A member holding an object serialised into a string reads as the object itself.
+      {R"({"d":"{\"status\":1,\"C_I\":\"42\"}"})", {{"d", {{"status", 1}, {"C_I", "42"}}}}},
+      {R"([{"a":1},{"a":2}])", Json::array({{{"a", 1}}, {{"a", 2}}})},
+      // Not a JSON document: the cleaned text without double quotes, under "response".
+      {"Done", {{"response", "Done"}}},
+      {R"("Done")", {{"response", "Done"}}},
+      {"42", {{"response", "42"}}},
+      {"", {{"response", ""}}},
+      {R"({"broken":)", {{"response", "{broken:"}}},
+      // Text inside the payload is altered too: backslashes go, and so do quotes next to
+      // braces.
+      {R"({"m":"C:\\dir","n":"a}\"b"})", {{"m", "C:dir"}, {"n", "a}b"}}},
+  };
+  for (const auto& [answer, expected] : cases) {
+    EXPECT_EQ(KQVisitorWebService::resultFromResponseData(answer), expected) << answer;
+  }
+  // Bytes that are not UTF-8 never make a result that cannot be written out again.
+  const Json invalid = KQVisitorWebService::resultFromResponseData("bad \xff\xfe text");
+  EXPECT_EQ(invalid["response"], "bad \xEF\xBF\xBD\xEF\xBF\xBD text");
+  EXPECT_NO_THROW((void)invalid.dump());
+}
+
+// --- The request frame, against a real server ------------------------------------------------
+
+class KQVisitorWebServiceTest : public WebServiceFixture {};
+
+TEST_F(KQVisitorWebServiceTest, GetPutsTheEscapedParametersInTheQuery) {
+  service->requestDataWithParameters({{"a", "x y"}}, "GET", "Op", recorder.success(),
+                                     recorder.failure());
+  service->requestDataWithParameters(Json::object(), "GET", "Empty", recorder.success(),
+                                     recorder.failure());
+  service->requestDataWithParameters({{"q", "\xC3\xA9\"<>"}, {"v", "1&x=2"}, {"n", 5}}, "GET",
+                                     "Odd", recorder.success(), recorder.failure());
+  ASSERT_EQ(recorder.waitFor(3).size(), 3U);
+  auto requests = server.requests();
+  std::sort(requests.begin(), requests.end(),
+            [](const auto& a, const auto& b) { return a.target < b.target; });
+  const std::string base = "/VisitorServiceXMPPSSL/ChatService.svc/";
+  EXPECT_EQ(requests[0].target, base + "Empty?");
+  EXPECT_EQ(requests[1].target, base + "Odd?q=%C3%A9%22%3C%3E&v=1&x=2&n=5&");
+  EXPECT_EQ(requests[2].target, base + "Op?a=x%20y&");
+  for (const auto& request : requests) {
+    EXPECT_EQ(request.method, "GET");
+    EXPECT_EQ(request.header("Content-Type"), "text/json");
+    EXPECT_EQ(request.body, "");
+  }
+}
+
+TEST_F(KQVisitorWebServiceTest, TheBaseURLFollowsIsHTTPClientAtEachRequest) {
+  service->setIsHTTPClient(true);
+  service->requestDataWithParameters({{"a", 1}}, "GET", "Beta", recorder.success(), nullptr);
+  ASSERT_EQ(recorder.waitFor(1).size(), 1U);
+  service->setIsHTTPClient(false);
+  service->requestDataWithParameters({{"a", 1}}, "GET", "Production", recorder.success(), nullptr);
+  ASSERT_EQ(recorder.waitFor(2).size(), 2U);
+  EXPECT_EQ(server.requests()[0].target, "/VisitorService_Mobile/ChatService.svc/Beta?a=1&");
+  EXPECT_EQ(server.requests()[1].target, "/VisitorServiceXMPPSSL/ChatService.svc/Production?a=1&");
+  EXPECT_EQ(service->jsonServiceBaseURL(),
+            server.origin() + "/VisitorServiceXMPPSSL/ChatService.svc/");
+}
+
+TEST_F(KQVisitorWebServiceTest, PostSendsThePrettyPrintedParametersAsTheBody) {
+  const Json parameters = {{"parVI", "x y"}, {"parWI", 12}, {"nested", {{"k", true}}}};
+  service->requestDataWithParameters(parameters, "POST", "InsertChatMessage", recorder.success(),
+                                     recorder.failure());
+  ASSERT_EQ(recorder.waitFor(1).size(), 1U);
+  const auto request = server.requests().at(0);
+  EXPECT_EQ(request.method, "POST");
+  EXPECT_EQ(request.target, "/VisitorServiceXMPPSSL/ChatService.svc/InsertChatMessage");
+  EXPECT_EQ(request.header("Content-Type"), "text/json");
+  EXPECT_EQ(request.body,
+            "{\n  \"parVI\": \"x y\",\n  \"parWI\": 12,\n  \"nested\": {\n    \"k\": true\n  }\n}");
+}
+
+TEST_F(KQVisitorWebServiceTest, ALowerCaseGetIsNotAGetAndIsSentAsWritten) {
+  RawHTTPServer raw(test::rawResponse(200, "Done"));
+  pointServicesAt(raw.origin());
+  service->requestDataWithParameters({{"a", "x y"}}, "get", "Op", recorder.success(),
+                                     recorder.failure());
+  const auto events = recorder.waitFor(1);
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0].kind, "success");
+  EXPECT_EQ(events[0].value, Json({{"response", "Done"}}));
+  const std::string request = raw.rawRequests().at(0);
+  EXPECT_EQ(request.substr(0, request.find("\r\n")),
+            "get /VisitorServiceXMPPSSL/ChatService.svc/Op HTTP/1.1");
+  EXPECT_NE(request.find("\r\nContent-Type: text/json\r\n"), std::string::npos);
+  EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), "{\n  \"a\": \"x y\"\n}");
+}
+
+TEST_F(KQVisitorWebServiceTest, EveryAnswerGoesToSuccessOnTheSessionThread) {
+  server.enqueueResponse({200, R"({"d":"{\"status\":1}"})", "application/json", {}});
+  server.enqueueResponse({500, "Some thing went wrong", "text/plain", {}});
+  server.enqueueResponse({200, "", "text/plain", {}});
+  std::size_t count = 0;
+  for (const char* operation : {"One", "Two", "Three"}) {  // one at a time: answers in order
+    service->requestDataWithParameters(Json::object(), "POST", operation, recorder.success(),
+                                       recorder.failure());
+    ASSERT_EQ(recorder.waitFor(++count).size(), count);
+  }
+  const auto events = recorder.waitFor(3);
+  ASSERT_EQ(events.size(), 3U);
+  EXPECT_EQ(events[0].value, Json({{"d", {{"status", 1}}}}));
+  EXPECT_EQ(events[1].value, Json({{"response", "Some thing went wrong"}}));
+  EXPECT_EQ(events[2].value, Json({{"response", ""}}));
+  for (const CallbackEvent& event : events) {
+    EXPECT_EQ(event.kind, "success");
+    EXPECT_TRUE(event.onSession);
+  }
+}
+
+TEST_F(KQVisitorWebServiceTest, TransportFailuresGoToFailureWithTheSessionsError) {
+  KQVisitorWebService::Dependencies quick = dependencies();
+  quick.requestTimeout = 200ms;
+  KQVisitorWebService impatient(quick);
+  server.holdResponses();
+  impatient.requestDataWithParameters(Json::object(), "GET", "Slow", recorder.success(),
+                                      recorder.failure());
+  auto events = recorder.waitFor(1);
+  server.release();
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0].kind, "failure");
+  EXPECT_EQ(events[0].value["domain"], "CURLE");
+  EXPECT_EQ(events[0].value["code"], HTTPSession::kErrorTimedOut);
+  EXPECT_TRUE(events[0].onSession);
+
+  pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
+  service->requestDataWithParameters(Json::object(), "GET", "Refused", recorder.success(),
+                                     recorder.failure());
+  events = recorder.waitFor(2);
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_EQ(events[1].kind, "failure");
+  EXPECT_EQ(events[1].value["code"], HTTPSession::kErrorCouldNotConnect);
+}
+
+TEST_F(KQVisitorWebServiceTest, WithoutNetworkFailureComesAtOnceAndTheRequestStillReports) {
+  internet = false;
+  server.setDefaultResponse({200, R"({"ok":1})", "application/json", {}});
+  std::atomic<bool> returned = false;
+  service->requestDataWithParameters(
+      {{"a", 1}}, "GET", "Op", recorder.success(), [&](std::nullptr_t, const KQError& error) {
+        recorder.record(returned ? "late failure" : "immediate failure", error.userInfo);
+        EXPECT_EQ(error.domain, "Request failed due to internet problem");
+        EXPECT_EQ(error.code, 400);
+        EXPECT_EQ(error.status(), 3);
+      });
+  returned = true;
+  const auto events = recorder.waitFor(2);
+  ASSERT_EQ(events.size(), 2U);
+  const auto immediate = std::find_if(events.begin(), events.end(), [](const auto& event) {
+    return event.kind == "immediate failure";
+  });
+  ASSERT_NE(immediate, events.end()) << "the failure must come before the call returns";
+  EXPECT_EQ(immediate->thread, std::this_thread::get_id());
+  EXPECT_EQ(immediate->value, Json({{"status", 3}}));
+  const auto answer = std::find_if(events.begin(), events.end(),
+                                   [](const auto& event) { return event.kind == "success"; });
+  ASSERT_NE(answer, events.end()) << "the request must still be sent and reported";
+  EXPECT_EQ(answer->value, Json({{"ok", 1}}));
+  EXPECT_TRUE(answer->onSession);
+  EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(KQVisitorWebServiceTest, LogoutStopsAndClearsTheTimerButKeepsTheVisitor) {
+  auto visitor = std::make_shared<KQVisitorUser>();
+  service->setIsHTTPClient(true);  // no XMPP connection for an HTTP client
+  service->loginClientUser(visitor);
+  EXPECT_EQ(service->currentUser(), visitor);
+  auto timer = Timer::scheduledTimer(DispatchQueue::main(), 1h, true, [](Timer&) {});
+  service->setTimer(timer);
+  service->logout();
+  EXPECT_FALSE(timer->isValid());
+  EXPECT_EQ(service->timer(), nullptr);
+  EXPECT_EQ(service->currentUser(), visitor);
+  service->logout();  // without a timer: nothing to stop
+  EXPECT_EQ(&KQVisitorWebService::sharedInstance(), &KQVisitorWebService::sharedInstance());
+}
+
+}  // namespace
+}  // namespace kq

@@ -1,0 +1,308 @@
+#include <KQVisitorCore/Platform/HTTPSession.h>
+
+#include "tests/support/MainQueue.h"
+#include "tests/support/RecordingHTTPServer.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestCertificates.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
+#include <set>
+#include <thread>
+
+namespace kq {
+namespace {
+
+using namespace std::chrono_literals;
+using test::RecordingHTTPServer;
+
+struct Outcome {
+  std::optional<std::string> data;
+  std::optional<HTTPResponse> response;
+  std::optional<KQError> error;
+  bool onSessionThread = false;
+  bool onCallingThread = false;
+};
+
+// Starts a task and waits for its completion.
+Outcome run(const std::shared_ptr<HTTPSession>& session, HTTPRequest request,
+            HTTPSession::Progress progress = {}) {
+  std::promise<Outcome> promise;
+  auto future = promise.get_future();
+  const auto caller = std::this_thread::get_id();
+  session->dataTaskWithRequest(
+      std::move(request),
+      [&](std::optional<std::string> data, std::optional<HTTPResponse> response,
+          std::optional<KQError> error) {
+        promise.set_value({std::move(data), std::move(response), std::move(error),
+                           session->isCurrent(), std::this_thread::get_id() == caller});
+      },
+      std::move(progress));
+  if (future.wait_for(test::kPatience) != std::future_status::ready) {
+    ADD_FAILURE() << "the task never completed";
+    return {};
+  }
+  return future.get();
+}
+
+class HTTPSessionTest : public ::testing::Test {
+ protected:
+  RecordingHTTPServer server;
+  std::shared_ptr<HTTPSession> session = HTTPSession::create({});
+};
+
+TEST_F(HTTPSessionTest, SendsTheRequestAsWrittenAndReportsTheAnswerOnItsOwnThread) {
+  server.setDefaultResponse({201, "hello", "text/plain", {{"X-Answer", "42"}}});
+  HTTPRequest get(server.origin() + "/a/b?x=1&y=%20&");
+  get.setValue("yes", "X-Test");
+  const Outcome got = run(session, get);
+
+  HTTPRequest post(server.origin() + "/post");
+  post.httpMethod = "POST";
+  post.httpBody = std::string("line\r\n\0binary\xff", 14);
+  post.setValue("application/octet-stream", "Content-Type");
+  post.setValue("ignored", "content-type");  // same field, another spelling: replaces it
+  run(session, post);
+
+  ASSERT_TRUE(server.waitForRequests(2));
+  const auto requests = server.requests();
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_EQ(requests[0].target, "/a/b?x=1&y=%20&");
+  EXPECT_EQ(requests[0].header("X-Test"), "yes");
+  EXPECT_EQ(requests[0].body, "");
+  EXPECT_EQ(requests[1].method, "POST");
+  EXPECT_EQ(requests[1].body, std::string("line\r\n\0binary\xff", 14));
+  EXPECT_EQ(requests[1].header("Content-Type"), "ignored");
+  EXPECT_EQ(requests[1].header("Content-Length"), "14");
+  EXPECT_FALSE(requests[1].header("Expect")) << "no waiting for 100 Continue";
+
+  EXPECT_FALSE(got.error);
+  EXPECT_EQ(got.data, "hello");
+  ASSERT_TRUE(got.response);
+  EXPECT_EQ(got.response->statusCode, 201);
+  EXPECT_EQ(got.response->valueForHTTPHeaderField("x-answer"), "42");
+  EXPECT_TRUE(got.onSessionThread);
+  EXPECT_FALSE(got.onCallingThread);
+  EXPECT_FALSE(session->isCurrent());
+}
+
+TEST_F(HTTPSessionTest, AnyMethodIsSentAsWrittenWithOrWithoutABody) {
+  test::RawHTTPServer raw(test::rawResponse(200, "ok"));
+  HTTPRequest lowerCase(raw.origin() + "/p?q=1");
+  lowerCase.httpMethod = "get";
+  lowerCase.httpBody = "{}";
+  lowerCase.setValue("", "X-Empty");
+  HTTPRequest remove(raw.origin() + "/r");
+  remove.httpMethod = "DELETE";
+  EXPECT_EQ(run(session, lowerCase).data, "ok");
+  EXPECT_EQ(run(session, remove).data, "ok");
+  const auto requests = raw.rawRequests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[0].substr(0, requests[0].find("\r\n")), "get /p?q=1 HTTP/1.1");
+  EXPECT_NE(requests[0].find("\r\nX-Empty:\r\n"), std::string::npos) << requests[0];
+  EXPECT_NE(requests[0].find("\r\nContent-Length: 2\r\n"), std::string::npos);
+  EXPECT_EQ(requests[0].substr(requests[0].size() - 6), "\r\n\r\n{}");
+  EXPECT_EQ(requests[1].substr(0, requests[1].find("\r\n")), "DELETE /r HTTP/1.1");
+  EXPECT_EQ(requests[1].find("Content-Length"), std::string::npos);
+}
+
+TEST_F(HTTPSessionTest, ErrorStatusesAndEmptyBodiesAreAnswersNotErrors) {
+  server.enqueueResponse({500, "server trouble", "text/plain", {}});
+  server.enqueueResponse({404, "", "text/plain", {}});
+  const Outcome failed = run(session, HTTPRequest(server.origin() + "/x"));
+  const Outcome empty = run(session, HTTPRequest(server.origin() + "/y"));
+  EXPECT_FALSE(failed.error);
+  EXPECT_EQ(failed.response->statusCode, 500);
+  EXPECT_EQ(failed.data, "server trouble");
+  EXPECT_FALSE(empty.error);
+  EXPECT_EQ(empty.response->statusCode, 404);
+  EXPECT_EQ(empty.data, "") << "an empty body is data, not an absent one";
+}
+
+TEST_F(HTTPSessionTest, TransportFailuresCarryCurlsCodeAndADescription) {
+  const std::string refusedURL = "http://127.0.0.1:" + std::to_string(test::unusedPort()) + "/x";
+  const Outcome refused = run(session, HTTPRequest(refusedURL));
+  ASSERT_TRUE(refused.error);
+  EXPECT_EQ(refused.error->domain, "CURLE");
+  EXPECT_EQ(refused.error->code, HTTPSession::kErrorCouldNotConnect);
+  EXPECT_FALSE(refused.error->userInfo["NSLocalizedDescription"].get<std::string>().empty());
+  EXPECT_EQ(refused.error->userInfo["NSErrorFailingURLStringKey"], refusedURL);
+  EXPECT_FALSE(refused.data);
+  EXPECT_FALSE(refused.response);
+  EXPECT_TRUE(refused.onSessionThread);
+
+  // Requests that cannot be put on the wire fail the same way, and nothing is sent.
+  HTTPRequest badMethod(server.origin() + "/x");
+  badMethod.httpMethod = "GE T";
+  HTTPRequest badHeader(server.origin() + "/x");
+  badHeader.setValue("a\r\nInjected: yes", "X-Test");
+  EXPECT_EQ(run(session, badMethod).error->code, HTTPSession::kErrorBadRequest);
+  EXPECT_EQ(run(session, badHeader).error->code, HTTPSession::kErrorBadRequest);
+  EXPECT_EQ(run(session, HTTPRequest("ftp://127.0.0.1/x")).error->code,
+            HTTPSession::kErrorUnsupportedProtocol);
+  EXPECT_EQ(run(session, HTTPRequest("http://exa mple/")).error->code,
+            HTTPSession::kErrorMalformedURL);
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(HTTPSessionTest, ARequestWithNoAnswerFailsAfterItsTimeout) {
+  server.holdResponses();
+  const Outcome outcome = run(session, HTTPRequest(server.origin() + "/slow", 200ms));
+  server.release();
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, HTTPSession::kErrorTimedOut);
+}
+
+TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled) {
+  server.holdResponses();
+  std::promise<Outcome> cancelled;
+  const auto identifier = session->dataTaskWithRequest(
+      HTTPRequest(server.origin() + "/a"), [&](auto, auto, const std::optional<KQError>& error) {
+        cancelled.set_value({std::nullopt, std::nullopt, error, session->isCurrent()});
+      });
+  std::optional<KQError> closed;
+  session->dataTaskWithRequest(
+      HTTPRequest(server.origin() + "/b"),
+      [&](auto, auto, const std::optional<KQError>& error) { closed = error; });
+  ASSERT_TRUE(server.waitForRequests(2));
+
+  session->cancelTask(identifier);
+  auto future = cancelled.get_future();
+  ASSERT_EQ(future.wait_for(test::kPatience), std::future_status::ready);
+  const Outcome outcome = future.get();
+  EXPECT_EQ(outcome.error->code, HTTPSession::kErrorCancelled);
+  EXPECT_TRUE(outcome.onSessionThread);
+
+  session.reset();  // the second task is still waiting for its answer
+  ASSERT_TRUE(closed) << "closing the session must still complete its tasks";
+  EXPECT_EQ(closed->code, HTTPSession::kErrorCancelled);
+  server.release();
+}
+
+TEST_F(HTTPSessionTest, KeepsConnectionsAliveAndRunsTasksConcurrently) {
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(run(session, HTTPRequest(server.origin() + "/seq")).error);
+  }
+  ASSERT_TRUE(server.waitForRequests(3));
+  auto requests = server.requests();
+  EXPECT_EQ(requests[1].remotePort, requests[0].remotePort) << "the connection was not reused";
+  EXPECT_EQ(requests[2].remotePort, requests[0].remotePort);
+
+  // Many tasks at once, started from several threads.
+  constexpr int kTasks = 24;
+  std::mutex mutex;
+  int completed = 0;
+  std::promise<void> allDone;
+  std::vector<std::thread> starters;
+  starters.reserve(4);
+  for (int t = 0; t < 4; ++t) {
+    starters.emplace_back([&, t] {
+      for (int i = 0; i < kTasks / 4; ++i) {
+        session->dataTaskWithRequest(
+            HTTPRequest(server.origin() + "/c/" + std::to_string(t) + "/" + std::to_string(i)),
+            [&](auto, std::optional<HTTPResponse> response, auto) {
+              std::scoped_lock lock(mutex);
+              if (response && response->statusCode == 200 && ++completed == kTasks) {
+                allDone.set_value();
+              }
+            });
+      }
+    });
+  }
+  for (auto& starter : starters) {
+    starter.join();
+  }
+  ASSERT_EQ(allDone.get_future().wait_for(test::kPatience), std::future_status::ready);
+  requests = server.requests();
+  std::set<std::string> targets;
+  for (const auto& request : requests) {
+    targets.insert(request.target);
+  }
+  EXPECT_EQ(targets.size(), kTasks + 1U);
+}
+
+TEST_F(HTTPSessionTest, KeepsCookiesLikeTheSharedSession) {
+  server.enqueueResponse({200, "", "text/plain", {{"Set-Cookie", "session=abc; Path=/"}}});
+  run(session, HTTPRequest(server.origin() + "/login"));
+  run(session, HTTPRequest(server.origin() + "/next"));
+  ASSERT_TRUE(server.waitForRequests(2));
+  EXPECT_EQ(server.requests()[1].header("Cookie"), "session=abc");
+}
+
+TEST_F(HTTPSessionTest, ReportsUploadProgressUpToTheWholeBodyBeforeTheCompletion) {
+  const std::string body(std::size_t{3} * 1024 * 1024, 'x');
+  HTTPRequest request(server.origin() + "/upload");
+  request.httpMethod = "POST";
+  request.httpBody = body;
+  std::vector<std::pair<std::int64_t, std::int64_t>> reports;  // session thread only
+  bool allOnSession = true;
+  const Outcome outcome = run(session, request, [&](std::int64_t sent, std::int64_t total) {
+    reports.emplace_back(sent, total);
+    allOnSession = allOnSession && session->isCurrent();
+  });
+  EXPECT_FALSE(outcome.error);
+  ASSERT_FALSE(reports.empty());
+  EXPECT_TRUE(allOnSession);
+  EXPECT_EQ(reports.back(), std::make_pair(std::int64_t{3145728}, std::int64_t{3145728}));
+  for (std::size_t i = 1; i < reports.size(); ++i) {
+    EXPECT_LE(reports[i - 1].first, reports[i].first);
+    EXPECT_EQ(reports[i].second, 3145728);
+  }
+}
+
+// --- TLS -------------------------------------------------------------------------------------
+
+class HTTPSessionTLSTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    folder = std::make_unique<test::TemporaryDirectory>();
+    matching = test::makeTestCertificates(folder->file("ip"), {"127.0.0.1"});
+    otherName = test::makeTestCertificates(folder->file("other"), {"other.example"});
+  }
+  static void TearDownTestSuite() { folder.reset(); }
+
+  static Outcome get(const test::TestCertificates& served, HTTPSession::Configuration trust) {
+    RecordingHTTPServer server(RecordingHTTPServer::TLS{served.certFile, served.keyFile});
+    server.setDefaultResponse({200, "secret", "text/plain", {}});
+    return run(HTTPSession::create(std::move(trust)), HTTPRequest(server.origin() + "/"));
+  }
+
+  static inline std::unique_ptr<test::TemporaryDirectory> folder;
+  static inline test::TestCertificates matching;
+  static inline test::TestCertificates otherName;
+};
+
+TEST_F(HTTPSessionTLSTest, TrustsTheConfiguredAuthorityBesideTheSystemOnes) {
+  const Outcome outcome = get(matching, {matching.caFile, true, "kq.test"});
+  EXPECT_FALSE(outcome.error) << outcome.error->description();
+  EXPECT_EQ(outcome.data, "secret");
+}
+
+TEST_F(HTTPSessionTLSTest, RefusesAnUnknownAuthorityAndACertificateForAnotherName) {
+  const Outcome unknown = get(matching, {});
+  ASSERT_TRUE(unknown.error);
+  EXPECT_EQ(unknown.error->code, HTTPSession::kErrorPeerFailedVerification);
+  EXPECT_FALSE(unknown.data);
+
+  const Outcome wrongName = get(otherName, {otherName.caFile, true, "kq.test"});
+  ASSERT_TRUE(wrongName.error);
+  EXPECT_EQ(wrongName.error->code, HTTPSession::kErrorPeerFailedVerification);
+  EXPECT_NE(
+      wrongName.error->userInfo["NSLocalizedDescription"].get<std::string>().find("127.0.0.1"),
+      std::string::npos)
+      << wrongName.error->description();
+}
+
+TEST_F(HTTPSessionTLSTest, AnUnreadableAuthorityFileFailsEveryTLSConnectionByName) {
+  const std::string missing = folder->file("missing.pem");
+  const Outcome outcome = get(matching, {missing, true, "kq.test"});
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->code, HTTPSession::kErrorTrustStoreUnusable);
+  EXPECT_NE(outcome.error->userInfo["NSLocalizedDescription"].get<std::string>().find(missing),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace kq

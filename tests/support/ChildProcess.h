@@ -1,0 +1,27 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kq::test {
+
+/// What a finished child process left.
+struct ChildResult {
+  int exitStatus = -1;    ///< exit status, or -1 when it did not exit normally
+  std::string out;        ///< everything written to stdout
+  std::string err;        ///< everything written to stderr
+  bool timedOut = false;  ///< killed after kPatience
+};
+
+/// Runs `arguments` (the program first) with the environment of this process plus
+/// `environment` (NAME=VALUE entries), stdin from /dev/null, and waits for it to end; a child
+/// still running after kPatience is killed (a hang fails the test instead of holding it).
+ChildResult runChild(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment = {});
+
+/// Runs a command that must succeed (test set-up such as "ip route add ..."); throws
+/// std::runtime_error naming it and its stderr otherwise.
+void runOrThrow(const std::vector<std::string>& arguments);
+
+}  // namespace kq::test
