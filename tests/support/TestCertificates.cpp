@@ -5,8 +5,6 @@
 
 #include <stdexcept>
 
-extern char** environ;
-
 namespace kq::test {
 
 TestCertificates makeTestCertificates(const std::string& folder,
@@ -14,6 +12,7 @@ TestCertificates makeTestCertificates(const std::string& folder,
   std::vector<std::string> arguments = {KQ_SOURCE_DIR "/scripts/make-test-certificates", folder};
   arguments.insert(arguments.end(), names.begin(), names.end());
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (auto& argument : arguments) {
     argv.push_back(argument.data());
   }
