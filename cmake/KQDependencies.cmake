@@ -3,3 +3,13 @@ find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(ICU REQUIRED IMPORTED_TARGET icu-i18n icu-uc)
+
+# XMPP core: libxml2 (stanzas, XPath), standalone Asio (sockets, event loop), OpenSSL (TLS,
+# SASL encodings, capability hashes), libuuid (stanza ids).
+pkg_check_modules(LIBXML2 REQUIRED IMPORTED_TARGET libxml-2.0)
+pkg_check_modules(UUID REQUIRED IMPORTED_TARGET uuid)
+find_package(OpenSSL 3 REQUIRED)
+find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(kq_asio INTERFACE)
+target_include_directories(kq_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(kq_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
