@@ -135,9 +135,9 @@ XMPPElement XMPPElement::copy() const {
   if (node == nullptr) {
     throw std::bad_alloc();
   }
+  // Namespaces declared above the copied node come along: libxml2 declares them again on the
+  // copy.
   xmlDocSetRootElement(document->doc, node);
-  // Namespaces declared above the copied node (its stanza's default namespace) come along.
-  xmlReconciliateNs(document->doc, node);
   return XMPPElement(std::move(document), node);
 }
 
@@ -303,7 +303,6 @@ XMPPElement XMPPElement::addChild(const XMPPElement& child) {
   if (copy->ns == nullptr && copy->type == XML_ELEMENT_NODE) {
     xmlSetNs(copy, xmlSearchNs(node_->doc, node_, nullptr));
   }
-  xmlReconciliateNs(node_->doc, copy);
   return XMPPElement(document_, copy);
 }
 
