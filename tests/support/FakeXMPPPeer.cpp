@@ -2,6 +2,8 @@
 
 #include "tests/support/MainQueue.h"
 
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -17,10 +19,17 @@ namespace kq::test {
 
 namespace {
 
-int remainingMilliseconds(std::chrono::steady_clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-      deadline - std::chrono::steady_clock::now());
-  return left.count() < 0 ? 0 : static_cast<int>(left.count());
+// Waits until `fd` is readable or `deadline` passes. The test's thread runs the main queue, and
+// the client under test answers the server there: keep pumping it while waiting.
+bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd waiting{fd, POLLIN, 0};
+    if (::poll(&waiting, 1, 0) > 0) {
+      return true;
+    }
+    DispatchQueue::main()->pump(std::chrono::milliseconds(5));
+  }
+  return false;
 }
 
 }  // namespace
@@ -52,8 +61,7 @@ FakeXMPPPeer::~FakeXMPPPeer() {
 
 bool FakeXMPPPeer::accept() {
   closeConnection();
-  pollfd waiting{listener_, POLLIN, 0};
-  if (::poll(&waiting, 1, static_cast<int>(kPatience.count() * 1000)) <= 0) {
+  if (!waitReadable(listener_, std::chrono::steady_clock::now() + kPatience)) {
     ADD_FAILURE() << "FakeXMPPPeer: no client connected";
     return false;
   }
@@ -77,8 +85,7 @@ std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
       buffer_.erase(0, found + marker.size());
       return result;
     }
-    pollfd waiting{connection_, POLLIN, 0};
-    if (connection_ < 0 || ::poll(&waiting, 1, remainingMilliseconds(deadline)) <= 0) {
+    if (connection_ < 0 || !waitReadable(connection_, deadline)) {
       ADD_FAILURE() << "FakeXMPPPeer: \"" << marker << "\" never arrived; got: " << buffer_;
       return std::exchange(buffer_, {});
     }
@@ -96,8 +103,7 @@ std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
 std::string FakeXMPPPeer::receiveUntilClosed() {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   while (connection_ >= 0) {
-    pollfd waiting{connection_, POLLIN, 0};
-    if (::poll(&waiting, 1, remainingMilliseconds(deadline)) <= 0) {
+    if (!waitReadable(connection_, deadline)) {
       ADD_FAILURE() << "FakeXMPPPeer: the client never closed; got: " << buffer_;
       break;
     }
