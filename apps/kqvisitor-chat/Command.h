@@ -26,5 +26,6 @@ int usageError(std::string_view usage, std::string_view problem);
 bool wantsHelp(const std::vector<std::string>& arguments);
 
 int runConfig(const std::vector<std::string>& arguments);
+int runXMPP(const std::vector<std::string>& arguments);
 
 }  // namespace kqchat

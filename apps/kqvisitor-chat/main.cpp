@@ -13,6 +13,7 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"config", "print the settings in use", runConfig},
+    {"xmpp", "log in on the XMPP server and chat in a room", runXMPP},
 };
 
 void printUsage(std::ostream& out) {
