@@ -2,6 +2,7 @@
 
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Utilities/DatePlus.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
@@ -60,23 +61,31 @@ void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room, const std
     return;
   }
   onModuleQueue(room, [room, text, userId, websiteId, managerId, visitorName, chatId] {
-    const auto stream = room->xmppStream();
-    if (!stream) {
-      return;
+    if (const auto stream = room->xmppStream()) {
+      stream->sendElement(makeKQVisitorMessage(room->roomJID(), text, userId, websiteId,
+                                               managerId, visitorName, chatId));
     }
-    xmpp::XMPPMessage message;
-    message.addAttributeWithName("to", room->roomJID().full());
-    message.addAttributeWithName("type", "groupchat");
-    message.addBody(text);
-    message.addAttributeWithName("user_id", value(userId));
-    message.addAttributeWithName("custom_packet", "true");
-    message.addAttributeWithName("website_id", value(websiteId));
-    message.addAttributeWithName("manager_id", value(managerId));
-    message.addAttributeWithName("chat_id", value(chatId));
-    message.addAttributeWithName("visitor_name", value(visitorName));
-    message.addAttributeWithName("time_stamp", timeStamp());
-    stream->sendElement(message);
   });
+}
+
+xmpp::XMPPMessage makeKQVisitorMessage(const xmpp::XMPPJID& roomJID, const std::string& text,
+                                       const std::optional<std::string>& userId,
+                                       const std::optional<std::string>& websiteId,
+                                       const std::optional<std::string>& managerId,
+                                       const std::optional<std::string>& visitorName,
+                                       const std::optional<std::string>& chatId) {
+  xmpp::XMPPMessage message;
+  message.addAttributeWithName("to", roomJID.full());
+  message.addAttributeWithName("type", "groupchat");
+  message.addBody(text);
+  message.addAttributeWithName("user_id", value(userId));
+  message.addAttributeWithName("custom_packet", "true");
+  message.addAttributeWithName("website_id", value(websiteId));
+  message.addAttributeWithName("manager_id", value(managerId));
+  message.addAttributeWithName("chat_id", value(chatId));
+  message.addAttributeWithName("visitor_name", value(visitorName));
+  message.addAttributeWithName("time_stamp", timeStamp());
+  return message;
 }
 
 void sendKQVisitorInvite(const std::shared_ptr<xmpp::XMPPRoom>& room, const std::string& text,

@@ -8,6 +8,7 @@
 #include <string>
 
 namespace kq::xmpp {
+class XMPPJID;
 class XMPPRoom;
 }  // namespace kq::xmpp
 
@@ -29,6 +30,16 @@ KQ_EXPORT void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room,
                                     const std::optional<std::string>& managerId,
                                     const std::optional<std::string>& visitorName,
                                     const std::optional<std::string>& chatId);
+
+/// The chat packet sendKQVisitorMessage sends to `roomJID`, built now (time stamp included) and
+/// not sent.
+KQ_EXPORT xmpp::XMPPMessage makeKQVisitorMessage(const xmpp::XMPPJID& roomJID,
+                                                 const std::string& text,
+                                                 const std::optional<std::string>& userId,
+                                                 const std::optional<std::string>& websiteId,
+                                                 const std::optional<std::string>& managerId,
+                                                 const std::optional<std::string>& visitorName,
+                                                 const std::optional<std::string>& chatId);
 
 /// Invites "<operatorID>@localhost" into the room (mediated invitation) with `text` as the
 /// reason. Only the text, the operator id and the room are used: the other fields travel inside

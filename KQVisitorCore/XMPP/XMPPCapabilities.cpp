@@ -117,9 +117,10 @@ bool XMPPCapabilities::streamDidReceiveIQ(const XMPPIQ& iq) {
   XMPPElement answer = myCapabilitiesQuery();
   const auto node = query->attributeStringValueForName("node");
   if (node) {
+    static const std::string ver = hashCapabilitiesFromQuery(myCapabilitiesQuery());
     std::string expected = kNode;
     expected += '#';
-    expected += hashCapabilitiesFromQuery(answer);
+    expected += ver;
     if (*node != expected) {
       stream->sendElement(XMPPIQ::errorIQ(iq, "cancel", "item-not-found"));
       return true;
@@ -193,7 +194,8 @@ void XMPPCapabilities::streamWillSendElement(XMPPElement& element) {
   XMPPElement c = element.addChildElement("c", kXMPPCapsNamespace);
   c.addAttributeWithName("hash", "sha-1");
   c.addAttributeWithName("node", kNode);
-  c.addAttributeWithName("ver", hashCapabilitiesFromQuery(myCapabilitiesQuery()));
+  static const std::string ver = hashCapabilitiesFromQuery(myCapabilitiesQuery());
+  c.addAttributeWithName("ver", ver);
 }
 
 }  // namespace kq::xmpp

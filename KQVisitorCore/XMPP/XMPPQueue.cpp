@@ -7,9 +7,11 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 namespace kq::xmpp {
 
@@ -29,6 +31,52 @@ struct XMPPQueue::Impl {
   std::shared_ptr<DispatchQueue> timers;  // guarded by mutex
 };
 
+namespace {
+
+// Threads of queues released on their own thread: they end right after their current task and
+// are joined when the process exits, so that none runs on through the process's clean-up
+// (thread-local state of the libraries they used is freed as each one ends). Never destroyed;
+// a thread orphaned after the exit-time join is left to end on its own.
+class Orphans {
+ public:
+  static Orphans& shared() {
+    static auto* instance = [] {
+      auto* created = new Orphans;
+      std::atexit([] { shared().joinAll(); });
+      return created;
+    }();
+    return *instance;
+  }
+
+  void adopt(std::thread thread) {
+    std::scoped_lock lock(mutex_);
+    if (closed_) {
+      thread.detach();
+      return;
+    }
+    threads_.push_back(std::move(thread));
+  }
+
+ private:
+  void joinAll() {
+    std::vector<std::thread> threads;
+    {
+      std::scoped_lock lock(mutex_);
+      closed_ = true;
+      threads.swap(threads_);
+    }
+    for (auto& thread : threads) {
+      thread.join();
+    }
+  }
+
+  std::mutex mutex_;
+  std::vector<std::thread> threads_;  // guarded by mutex_
+  bool closed_ = false;               // guarded by mutex_
+};
+
+}  // namespace
+
 XMPPQueue::XMPPQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 XMPPQueue::~XMPPQueue() {
@@ -39,7 +87,8 @@ XMPPQueue::~XMPPQueue() {
   impl_->context->stop();
   if (impl_->thread.joinable()) {
     if (impl_->thread.get_id() == std::this_thread::get_id()) {
-      impl_->thread.detach();  // the thread keeps Impl alive through its own reference
+      // The thread keeps Impl alive through its own reference and ends after this task.
+      Orphans::shared().adopt(std::move(impl_->thread));
     } else {
       impl_->thread.join();
     }

@@ -855,6 +855,12 @@ XMPPStream::XMPPStream() : impl_(std::make_unique<Impl>(*this)) {}
 XMPPStream::~XMPPStream() = default;
 
 std::shared_ptr<XMPPStream> XMPPStream::create() {
+  // OpenSSL sets itself up on first use, keeping some state on the thread that triggers it;
+  // doing it here puts that on the creating thread (normally the main thread) rather than on a
+  // stream's thread.
+  static std::once_flag once;
+  std::call_once(once, [] { OPENSSL_init_ssl(0, nullptr); });
+  XMPPParser::initialize();
   return std::shared_ptr<XMPPStream>(new XMPPStream);
 }
 

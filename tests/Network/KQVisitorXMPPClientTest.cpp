@@ -73,8 +73,11 @@ class KQVisitorXMPPClientTest : public ::testing::Test {
     stream->disconnect();
     EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
     test::drainMainQueue();
+    // Nothing of the stream outlives the test: its threads are gone before the next one.
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
+    stream.reset();
     client.reset();
-    test::drainMainQueue();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
     HostApplication::setShared(nullptr);
   }
 

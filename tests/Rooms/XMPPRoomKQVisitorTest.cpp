@@ -47,7 +47,10 @@ class XMPPRoomKQVisitorTest : public ::testing::Test {
     room->deactivate();
     stream->disconnect();
     EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
-    test::drainMainQueue();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
   }
 
   // Sends a marker presence and returns what the server read before it.

@@ -70,6 +70,12 @@ struct Operator {
   ~Operator() {
     stream->disconnect();
     runMainQueueUntil([&] { return stream->isDisconnected(); });
+    for (const auto& module : stream->registeredModules()) {
+      module->deactivate();
+    }
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
+    stream.reset();
+    runMainQueueUntil([&] { return gone.expired(); });
   }
   Operator(const Operator&) = delete;
   Operator& operator=(const Operator&) = delete;
@@ -119,11 +125,11 @@ class ProsodyTest : public ::testing::Test {
     if (client) {
       client->disconnect();
       runMainQueueUntil([&] { return client->xmppStream()->isDisconnected(); });
+      const std::weak_ptr<xmpp::XMPPStream> gone = client->xmppStream();
+      client.reset();
+      EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
     }
-    test::drainMainQueue();
-    client.reset();
     server.reset();
-    test::drainMainQueue();
   }
 
   void loginVisitor() {

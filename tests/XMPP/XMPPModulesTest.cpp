@@ -48,7 +48,10 @@ class XMPPModulesTest : public ::testing::Test {
     stream->disconnect();
     EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
     peer.closeConnection();
-    test::drainMainQueue();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
+    const std::weak_ptr<XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
   }
 
   // Connects (unless a module already started connecting) and logs in anonymously.

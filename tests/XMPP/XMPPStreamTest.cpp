@@ -35,7 +35,9 @@ class XMPPStreamTest : public ::testing::Test {
     stream->disconnect();
     EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
     peer.closeConnection();
-    test::drainMainQueue();
+    const std::weak_ptr<XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
   }
 
   bool waitFor(const std::string& event, int times = 1) {
