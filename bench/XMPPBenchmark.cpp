@@ -30,8 +30,8 @@ constexpr const char* kPacket =
     "<occupant-id xmlns='urn:xmpp:occupant-id:0' id='x0x0'/></message>";
 
 XMPPMessage packet() {
-  return XMPPMessage(*XMPPElement::elementWithXMLString(
-      std::string(kPacket).insert(9, "xmlns='jabber:client' ")));
+  return XMPPMessage(
+      *XMPPElement::elementWithXMLString(std::string(kPacket).insert(9, "xmlns='jabber:client' ")));
 }
 
 void BM_ParseChatPacketFromStream(benchmark::State& state) {
@@ -88,8 +88,8 @@ BENCHMARK(BM_ReadChatMessage);
 void BM_BuildAndSerialiseChatPacket(benchmark::State& state) {
   const auto room = *kq::xmpp::XMPPJID::jidWithString("room1234@conference.localhost");
   for (auto _ : state) {
-    const XMPPMessage message = kq::makeKQVisitorMessage(
-        room, "Hello, how can I help you today?", "0", "981", "0", "Ann & Bob", "1234");
+    const XMPPMessage message = kq::makeKQVisitorMessage(room, "Hello, how can I help you today?",
+                                                         "0", "981", "0", "Ann & Bob", "1234");
     benchmark::DoNotOptimize(message.XMLString());
   }
 }

@@ -183,8 +183,8 @@ void KQVisitorXMPPClient::teardownStream() {
     roster->removeDelegate(this);
   }
   for (const std::shared_ptr<xmpp::XMPPModule>& module :
-       std::initializer_list<std::shared_ptr<xmpp::XMPPModule>>{
-           reconnect, roster, vCardTempModule, vCardAvatarModule, capabilities}) {
+       std::initializer_list<std::shared_ptr<xmpp::XMPPModule>>{reconnect, roster, vCardTempModule,
+                                                                vCardAvatarModule, capabilities}) {
     if (module) {
       module->deactivate();
     }
@@ -367,8 +367,7 @@ void KQVisitorXMPPClient::xmppStreamDidDisconnect(xmpp::XMPPStream& /*sender*/,
   dismissLoadingAlert(alert);
 }
 
-bool KQVisitorXMPPClient::xmppReconnectShouldAttemptAutoReconnect(
-    xmpp::XMPPReconnect& /*sender*/) {
+bool KQVisitorXMPPClient::xmppReconnectShouldAttemptAutoReconnect(xmpp::XMPPReconnect& /*sender*/) {
   return true;
 }
 
@@ -380,10 +379,9 @@ void KQVisitorXMPPClient::xmppRosterDidReceiveBuddyRequest(xmpp::XMPPRoster& /*s
   const std::optional<std::string> displayName =
       user ? std::optional<std::string>(user->displayName()) : std::nullopt;
   const std::optional<std::string> jidText = presence.attributeStringValueForName("from");
-  const std::string body =
-      displayName == jidText
-          ? "Buddy request from " + describe(displayName)
-          : "Buddy request from " + describe(displayName) + " <" + describe(jidText) + ">";
+  const std::string body = displayName == jidText ? "Buddy request from " + describe(displayName)
+                                                  : "Buddy request from " + describe(displayName) +
+                                                        " <" + describe(jidText) + ">";
   const auto host = HostApplication::shared();
   if (host->applicationState() == ApplicationState::Active) {
     host->showAlert(std::make_shared<AlertView>(AlertView{"Corvane", body, "Not implemented", {}}));
@@ -435,7 +433,8 @@ std::shared_ptr<xmpp::XMPPCapabilities> KQVisitorXMPPClient::xmppCapabilities() 
   return xmppCapabilities_;
 }
 
-std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> KQVisitorXMPPClient::xmppCapabilitiesStorage() const {
+std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> KQVisitorXMPPClient::xmppCapabilitiesStorage()
+    const {
   std::scoped_lock lock(mutex_);
   return xmppCapabilitiesStorage_;
 }
@@ -549,7 +548,8 @@ void KQVisitorXMPPClient::performLoacalNotification(bool notify) {
   }
   const auto host = HostApplication::shared();
   LocalNotification notification;
-  notification.fireDate = Date::dateWithTimeIntervalSince1970(Date::now().timeIntervalSince1970() + 1.0);
+  notification.fireDate =
+      Date::dateWithTimeIntervalSince1970(Date::now().timeIntervalSince1970() + 1.0);
   notification.alertAction = "Launch";
   notification.alertBody = "New Message Received";
   notification.hasAction = true;

@@ -217,23 +217,23 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   std::shared_ptr<Reachability> reachability_;           // guarded by mutex_
 
   // Connection.
-  std::shared_ptr<xmpp::XMPPStream> xmppStream_;                             // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect_;                       // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPRoster> xmppRoster_;                             // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage_;         // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage_;           // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule_;           // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule_;       // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities_;                 // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPStream> xmppStream_;                        // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect_;                  // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPRoster> xmppRoster_;                        // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage_;    // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage_;      // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule_;      // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule_;  // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities_;            // guarded by mutex_
   std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> xmppCapabilitiesStorage_;  // guarded
-  bool allowSelfSignedCertificates_ = false;                                 // guarded by mutex_
-  bool allowSSLHostNameMismatch_ = false;                                    // guarded by mutex_
-  bool isXmppConnected_ = false;                                             // guarded by mutex_
-  bool isxmppStreamDisconnected_ = false;                                    // guarded by mutex_
-  bool isDisconnectedAllRooms_ = false;                                      // guarded by mutex_
-  std::shared_ptr<AlertView> loadingAlert_;                                  // guarded by mutex_
-  std::shared_ptr<AlertView> alertForConectivity_;                           // guarded by mutex_
-  std::shared_ptr<Timer> timerForQAScreen_;                                  // guarded by mutex_
+  bool allowSelfSignedCertificates_ = false;        // guarded by mutex_
+  bool allowSSLHostNameMismatch_ = false;           // guarded by mutex_
+  bool isXmppConnected_ = false;                    // guarded by mutex_
+  bool isxmppStreamDisconnected_ = false;           // guarded by mutex_
+  bool isDisconnectedAllRooms_ = false;             // guarded by mutex_
+  std::shared_ptr<AlertView> loadingAlert_;         // guarded by mutex_
+  std::shared_ptr<AlertView> alertForConectivity_;  // guarded by mutex_
+  std::shared_ptr<Timer> timerForQAScreen_;         // guarded by mutex_
 
   // Rooms, invitations and notifications.
   NotificationCenter::Token removeIdleRoomsObserver_ = 0;

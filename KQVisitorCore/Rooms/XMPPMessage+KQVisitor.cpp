@@ -26,8 +26,8 @@ std::optional<std::vector<std::string>> reasonFields(const xmpp::XMPPMessage& me
   std::size_t start = 0;
   while (true) {
     const std::size_t bar = text.find('|', start);
-    fields.push_back(text.substr(start, bar == std::string::npos ? std::string::npos
-                                                                  : bar - start));
+    fields.push_back(
+        text.substr(start, bar == std::string::npos ? std::string::npos : bar - start));
     if (bar == std::string::npos) {
       break;
     }

@@ -62,8 +62,8 @@ void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room, const std
   }
   onModuleQueue(room, [room, text, userId, websiteId, managerId, visitorName, chatId] {
     if (const auto stream = room->xmppStream()) {
-      stream->sendElement(makeKQVisitorMessage(room->roomJID(), text, userId, websiteId,
-                                               managerId, visitorName, chatId));
+      stream->sendElement(makeKQVisitorMessage(room->roomJID(), text, userId, websiteId, managerId,
+                                               visitorName, chatId));
     }
   });
 }
@@ -126,7 +126,8 @@ void sendKQVisitorRoomDestroyMessageUserid(const std::shared_ptr<xmpp::XMPPRoom>
     return;
   }
   const auto me = stream->myJID();
-  const std::optional<std::string> myJID = me ? std::optional<std::string>(me->full()) : std::nullopt;
+  const std::optional<std::string> myJID =
+      me ? std::optional<std::string>(me->full()) : std::nullopt;
   log(describe(myJID));
   xmpp::XMPPMessage message;
   message.addAttributeWithName("from", value(myJID));

@@ -33,26 +33,20 @@ KQ_EXPORT void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room,
 
 /// The chat packet sendKQVisitorMessage sends to `roomJID`, built now (time stamp included) and
 /// not sent.
-KQ_EXPORT xmpp::XMPPMessage makeKQVisitorMessage(const xmpp::XMPPJID& roomJID,
-                                                 const std::string& text,
-                                                 const std::optional<std::string>& userId,
-                                                 const std::optional<std::string>& websiteId,
-                                                 const std::optional<std::string>& managerId,
-                                                 const std::optional<std::string>& visitorName,
-                                                 const std::optional<std::string>& chatId);
+KQ_EXPORT xmpp::XMPPMessage makeKQVisitorMessage(
+    const xmpp::XMPPJID& roomJID, const std::string& text, const std::optional<std::string>& userId,
+    const std::optional<std::string>& websiteId, const std::optional<std::string>& managerId,
+    const std::optional<std::string>& visitorName, const std::optional<std::string>& chatId);
 
 /// Invites "<operatorID>@localhost" into the room (mediated invitation) with `text` as the
 /// reason. Only the text, the operator id and the room are used: the other fields travel inside
 /// the text. Nothing when `text` is empty. Built and sent on the room's moduleQueue, as
 /// sendKQVisitorMessage.
-KQ_EXPORT void sendKQVisitorInvite(const std::shared_ptr<xmpp::XMPPRoom>& room,
-                                   const std::string& text,
-                                   const std::optional<std::string>& userId,
-                                   const std::optional<std::string>& websiteId,
-                                   const std::optional<std::string>& managerId,
-                                   const std::optional<std::string>& visitorName,
-                                   const std::optional<std::string>& chatId,
-                                   const std::optional<std::string>& operatorID);
+KQ_EXPORT void sendKQVisitorInvite(
+    const std::shared_ptr<xmpp::XMPPRoom>& room, const std::string& text,
+    const std::optional<std::string>& userId, const std::optional<std::string>& websiteId,
+    const std::optional<std::string>& managerId, const std::optional<std::string>& visitorName,
+    const std::optional<std::string>& chatId, const std::optional<std::string>& operatorID);
 
 /// Sends the room-destroy notice: attributes "from" (the stream's own address), "to", "type"
 /// ("groupchat"), "user_id" ("0" whatever `Userid` is), "custom_packet", "website_id",

@@ -27,9 +27,9 @@ XMPPCapabilities::~XMPPCapabilities() = default;
 
 std::vector<std::string> XMPPCapabilities::myFeatures() {
   std::vector<std::string> features;
-  for (const std::string_view feature : {kXMPPCapsNamespace, kXMPPChatStatesNamespace,
-                                         kXMPPDiscoInfoNamespace, kXMPPMUCNamespace,
-                                         kXMPPvCardAvatarNamespace}) {
+  for (const std::string_view feature :
+       {kXMPPCapsNamespace, kXMPPChatStatesNamespace, kXMPPDiscoInfoNamespace, kXMPPMUCNamespace,
+        kXMPPvCardAvatarNamespace}) {
     features.emplace_back(feature);
   }
   std::sort(features.begin(), features.end());

@@ -18,8 +18,7 @@ std::optional<XMPPElement> XMPPCapabilitiesMemoryStorage::capabilitiesForVer(
     const std::string& ver) const {
   std::scoped_lock lock(mutex_);
   const auto found = byVer_.find(ver);
-  return found == byVer_.end() ? std::nullopt
-                               : std::optional<XMPPElement>(found->second.copy());
+  return found == byVer_.end() ? std::nullopt : std::optional<XMPPElement>(found->second.copy());
 }
 
 std::optional<XMPPElement> XMPPCapabilitiesMemoryStorage::capabilitiesForJID(

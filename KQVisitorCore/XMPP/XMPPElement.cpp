@@ -117,7 +117,8 @@ std::optional<XMPPElement> XMPPElement::elementWithXMLString(std::string_view te
   parser.parseData(text.data(), text.size());
   parser.finish();
   if (!failure && !result) {
-    failure = KQError{XMPPParser::kErrorDomain, XMPPParser::kErrorMalformed,
+    failure = KQError{XMPPParser::kErrorDomain,
+                      XMPPParser::kErrorMalformed,
                       {{"NSLocalizedDescription", "no element in the text"}}};
   }
   if (failure) {

@@ -10,9 +10,9 @@ namespace kq::xmpp {
 
 std::string base64Encode(std::string_view data) {
   std::vector<unsigned char> encoded(4 * ((data.size() + 2) / 3) + 1);
-  const int length = EVP_EncodeBlock(encoded.data(),
-                                     reinterpret_cast<const unsigned char*>(data.data()),
-                                     static_cast<int>(data.size()));
+  const int length =
+      EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(data.data()),
+                      static_cast<int>(data.size()));
   return std::string(reinterpret_cast<const char*>(encoded.data()),
                      static_cast<std::size_t>(length));
 }

@@ -5,8 +5,7 @@
 namespace kq::xmpp {
 
 XMPPIQ::XMPPIQ(std::string_view type, const std::optional<XMPPJID>& to,
-               const std::optional<std::string>& elementID,
-               const std::optional<XMPPElement>& child)
+               const std::optional<std::string>& elementID, const std::optional<XMPPElement>& child)
     : XMPPElement("iq") {
   addAttributeWithName("type", type);
   if (to) {

@@ -36,8 +36,7 @@ class KQ_EXPORT XMPPJID {
   [[nodiscard]] bool isEqualToJIDIgnoringResource(const XMPPJID& other) const;
 
  private:
-  XMPPJID(std::optional<std::string> user, std::string domain,
-          std::optional<std::string> resource);
+  XMPPJID(std::optional<std::string> user, std::string domain, std::optional<std::string> resource);
 
   std::optional<std::string> user_;
   std::string domain_;

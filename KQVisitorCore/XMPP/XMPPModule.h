@@ -65,8 +65,8 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
 
  private:
   mutable std::mutex mutex_;
-  std::weak_ptr<XMPPStream> stream_;          // guarded by mutex_
-  std::shared_ptr<XMPPQueue> moduleQueue_;    // guarded by mutex_
+  std::weak_ptr<XMPPStream> stream_;           // guarded by mutex_
+  std::shared_ptr<XMPPQueue> moduleQueue_;     // guarded by mutex_
   const std::shared_ptr<XMPPQueue> ownQueue_;  // from the dispatch queue given, or null
 };
 

@@ -76,8 +76,8 @@ struct XMPPParser::Impl {
   xmlNodePtr current = nullptr;
   // (prefix, URI) declared by the stream header; the empty prefix is the default namespace.
   std::vector<std::pair<std::string, std::string>> rootNamespaces;
-  std::size_t elementSize = 0;   // text held by the element being built
-  std::size_t sinceBoundary = 0; // bytes fed since the last element ended
+  std::size_t elementSize = 0;    // text held by the element being built
+  std::size_t sinceBoundary = 0;  // bytes fed since the last element ended
   bool failed = false;
   bool stopped = false;
 };
@@ -231,10 +231,9 @@ void XMPPParser::Impl::addText(const xmlChar* value, int length) {
 }
 
 void XMPPParser::Impl::onStartElement(void* context, const xmlChar* localname,
-                                      const xmlChar* prefix, const xmlChar* uri,
-                                      int namespaceCount, const xmlChar** namespaces,
-                                      int attributeCount, int /*defaultedCount*/,
-                                      const xmlChar** attributes) {
+                                      const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
+                                      const xmlChar** namespaces, int attributeCount,
+                                      int /*defaultedCount*/, const xmlChar** attributes) {
   auto* impl = static_cast<Impl*>(context);
   if (impl->failed || impl->stopped) {
     return;

@@ -138,15 +138,15 @@ void XMPPReconnect::startAttempts(Seconds firstDelay) {
     startRepeating();
     return;
   }
-  firstAttempt_ = XMPPTimer::scheduledTimer(
-      queue, std::chrono::duration_cast<Clock::Duration>(firstDelay), false,
-      [weak, startRepeating] {
-        if (const auto self = weak.lock()) {
-          self->firstAttempt_.reset();
-          self->attempt();
-          startRepeating();
-        }
-      });
+  firstAttempt_ =
+      XMPPTimer::scheduledTimer(queue, std::chrono::duration_cast<Clock::Duration>(firstDelay),
+                                false, [weak, startRepeating] {
+                                  if (const auto self = weak.lock()) {
+                                    self->firstAttempt_.reset();
+                                    self->attempt();
+                                    startRepeating();
+                                  }
+                                });
 }
 
 void XMPPReconnect::stopAttempts() {

@@ -65,8 +65,8 @@ class KQ_EXPORT XMPPReconnect : public XMPPModule {
   void runOnStreamQueue(std::function<void()> task);
 
   mutable std::mutex settingsMutex_;
-  bool autoReconnect_ = true;                                // guarded by settingsMutex_
-  Seconds reconnectDelay_ = kDefaultReconnectDelay;          // guarded by settingsMutex_
+  bool autoReconnect_ = true;                                        // guarded by settingsMutex_
+  Seconds reconnectDelay_ = kDefaultReconnectDelay;                  // guarded by settingsMutex_
   Seconds reconnectTimerInterval_ = kDefaultReconnectTimerInterval;  // guarded by settingsMutex_
   std::atomic<bool> reconnecting_{false};
 

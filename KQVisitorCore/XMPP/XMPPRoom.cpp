@@ -129,8 +129,8 @@ void XMPPRoom::sendOwnerIQ(const XMPPElement& query, bool destroying) {
         if (!self) {
           return;
         }
-        const XMPPIQ answer = response ? *response
-                                       : XMPPIQ("error", std::nullopt, std::nullopt, std::nullopt);
+        const XMPPIQ answer =
+            response ? *response : XMPPIQ("error", std::nullopt, std::nullopt, std::nullopt);
         const bool accepted = answer.isResultIQ();
         if (destroying && accepted) {
           self->storage_->clearRoom(room);

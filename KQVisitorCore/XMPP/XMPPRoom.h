@@ -43,8 +43,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   /// Joins with `nickname`: a presence to room/nickname carrying the muc element, and inside it
   /// `history` (a <history/> element) when given: without it the server sends its default
   /// history. `password` for rooms that ask for one.
-  void joinRoomUsingNickname(const std::string& nickname,
-                             const std::optional<XMPPElement>& history,
+  void joinRoomUsingNickname(const std::string& nickname, const std::optional<XMPPElement>& history,
                              const std::optional<std::string>& password = std::nullopt);
   /// Leaves: an unavailable presence to room/nickname.
   void leaveRoom();

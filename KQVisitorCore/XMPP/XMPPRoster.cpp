@@ -34,20 +34,19 @@ void XMPPRoster::fetchRoster() {
     return;
   }
   std::weak_ptr<XMPPRoster> weak = std::static_pointer_cast<XMPPRoster>(shared_from_this());
-  stream->sendIQ(XMPPIQ("get", std::nullopt, std::nullopt,
-                        XMPPElement("query", kXMPPRosterNamespace)),
-                 kRosterTimeout, [weak](const std::optional<XMPPIQ>& response) {
-                   const auto self = weak.lock();
-                   if (!self || !response || !response->isResultIQ()) {
-                     return;
-                   }
-                   if (const auto query = response->elementForName("query")) {
-                     self->applyItems(*query);
-                   }
-                   self->delegates_.invoke([self](XMPPRosterDelegate& delegate) {
-                     delegate.xmppRosterDidEndPopulating(*self);
-                   });
-                 });
+  stream->sendIQ(
+      XMPPIQ("get", std::nullopt, std::nullopt, XMPPElement("query", kXMPPRosterNamespace)),
+      kRosterTimeout, [weak](const std::optional<XMPPIQ>& response) {
+        const auto self = weak.lock();
+        if (!self || !response || !response->isResultIQ()) {
+          return;
+        }
+        if (const auto query = response->elementForName("query")) {
+          self->applyItems(*query);
+        }
+        self->delegates_.invoke(
+            [self](XMPPRosterDelegate& delegate) { delegate.xmppRosterDidEndPopulating(*self); });
+      });
 }
 
 void XMPPRoster::acceptPresenceSubscriptionRequestFrom(const XMPPJID& jid) {
@@ -73,8 +72,11 @@ void XMPPRoster::applyItems(const XMPPElement& query) {
       storage_->remove(*jid);
       continue;
     }
-    XMPPRosterItem item{jid->bareJID(), element.attributeStringValueForName("name"), subscription,
-                        element.attributeStringValueForName("ask"), {}};
+    XMPPRosterItem item{jid->bareJID(),
+                        element.attributeStringValueForName("name"),
+                        subscription,
+                        element.attributeStringValueForName("ask"),
+                        {}};
     for (const auto& group : element.elementsForName("group")) {
       item.groups.push_back(group.stringValue());
     }

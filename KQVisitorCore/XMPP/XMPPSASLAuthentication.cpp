@@ -5,7 +5,6 @@
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
 
-
 namespace kq::xmpp {
 
 namespace {

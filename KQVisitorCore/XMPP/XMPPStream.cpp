@@ -11,15 +11,15 @@
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPTimer.h>
 
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <uuid/uuid.h>
 #include <asio/connect.hpp>
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/ssl/context.hpp>
 #include <asio/ssl/stream.hpp>
 #include <asio/write.hpp>
-#include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
-#include <uuid/uuid.h>
 
 #include <algorithm>
 #include <array>
@@ -67,12 +67,12 @@ bool isAddress(const std::string& name) {
 enum class Phase {
   Idle,
   Resolving,
-  Opening,          // stream header sent, waiting for features
-  StartingTLS,      // <starttls/> sent, waiting for <proceed/>
-  Securing,         // TLS handshake (or asking the delegates for settings)
-  Ready,            // negotiated, not authenticated
-  Authenticating,   // SASL exchange
-  OpeningAfterAuth, // stream restarted after SASL success, waiting for features
+  Opening,           // stream header sent, waiting for features
+  StartingTLS,       // <starttls/> sent, waiting for <proceed/>
+  Securing,          // TLS handshake (or asking the delegates for settings)
+  Ready,             // negotiated, not authenticated
+  Authenticating,    // SASL exchange
+  OpeningAfterAuth,  // stream restarted after SASL success, waiting for features
   Binding,
   StartingSession,
   Authenticated,
@@ -95,16 +95,16 @@ struct XMPPStream::Impl {
 
   // Public state, read from any thread.
   mutable std::mutex mutex;
-  std::string hostName;                                                // guarded by mutex
-  std::uint16_t hostPort = 5222;                                       // guarded by mutex
-  std::optional<XMPPJID> myJID;                                        // guarded by mutex
+  std::string hostName;                                                   // guarded by mutex
+  std::uint16_t hostPort = 5222;                                          // guarded by mutex
+  std::optional<XMPPJID> myJID;                                           // guarded by mutex
   XMPPStreamStartTLSPolicy policy = XMPPStreamStartTLSPolicy::Preferred;  // guarded by mutex
-  bool backgrounding = false;                                          // guarded by mutex
-  XMPPStreamState state = XMPPStreamState::Disconnected;               // guarded by mutex
-  bool secure = false;                                                 // guarded by mutex
-  bool authenticated = false;                                          // guarded by mutex
-  bool authenticating = false;                                         // guarded by mutex
-  std::vector<std::string> mechanisms;                                 // guarded by mutex
+  bool backgrounding = false;                                             // guarded by mutex
+  XMPPStreamState state = XMPPStreamState::Disconnected;                  // guarded by mutex
+  bool secure = false;                                                    // guarded by mutex
+  bool authenticated = false;                                             // guarded by mutex
+  bool authenticating = false;                                            // guarded by mutex
+  std::vector<std::string> mechanisms;                                    // guarded by mutex
 
   XMPPStream& owner;
   const std::shared_ptr<XMPPQueue> queue;
@@ -239,8 +239,8 @@ void XMPPStream::Impl::startConnect(std::chrono::duration<double> timeout) {
           return;
         }
         if (error) {
-          impl.close(streamError(kErrorSocket, "Cannot resolve " + impl.connectHost + ": " +
-                                                   error.message()));
+          impl.close(streamError(kErrorSocket,
+                                 "Cannot resolve " + impl.connectHost + ": " + error.message()));
           return;
         }
         impl.onResolved(current, found);
@@ -250,20 +250,20 @@ void XMPPStream::Impl::startConnect(std::chrono::duration<double> timeout) {
 void XMPPStream::Impl::onResolved(const std::shared_ptr<Connection>& current,
                                   const tcp::resolver::results_type& endpoints) {
   auto stream = self();
-  asio::async_connect(current->socket, endpoints,
-                      [stream, current](const asio::error_code& error, const tcp::endpoint&) {
-                        Impl& impl = *stream->impl_;
-                        if (impl.connection != current) {
-                          return;
-                        }
-                        if (error) {
-                          impl.close(streamError(kErrorSocket, "Cannot connect to " +
-                                                                   impl.connectHost + ": " +
-                                                                   error.message()));
-                          return;
-                        }
-                        impl.onTCPConnected(current);
-                      });
+  asio::async_connect(
+      current->socket, endpoints,
+      [stream, current](const asio::error_code& error, const tcp::endpoint&) {
+        Impl& impl = *stream->impl_;
+        if (impl.connection != current) {
+          return;
+        }
+        if (error) {
+          impl.close(streamError(kErrorSocket,
+                                 "Cannot connect to " + impl.connectHost + ": " + error.message()));
+          return;
+        }
+        impl.onTCPConnected(current);
+      });
 }
 
 void XMPPStream::Impl::onTCPConnected(const std::shared_ptr<Connection>& current) {
@@ -346,9 +346,7 @@ void XMPPStream::Impl::newParser() {
           .didReadRoot = nullptr,
           .didReadElement = [this](const XMPPElement& element) { handleElement(element); },
           .didEnd =
-              [this] {
-                close(streamError(kErrorServerClosed, "The server closed the stream"));
-              },
+              [this] { close(streamError(kErrorServerClosed, "The server closed the stream")); },
           .didFail = [this](const KQError& error) { close(error); }});
 }
 
@@ -995,8 +993,8 @@ bool XMPPStream::authenticate(const std::shared_ptr<XMPPSASLAuthentication>& aut
                             "Please wait until the stream is connected and not authenticated.");
     } else if (std::find(impl_->mechanisms.begin(), impl_->mechanisms.end(),
                          authentication->mechanismName()) == impl_->mechanisms.end()) {
-      refusal = streamError(kErrorUnsupportedAction, "The server does not support " +
-                                                         authentication->mechanismName() + ".");
+      refusal = streamError(kErrorUnsupportedAction,
+                            "The server does not support " + authentication->mechanismName() + ".");
     } else {
       impl_->authenticating = true;
     }
@@ -1008,8 +1006,7 @@ bool XMPPStream::authenticate(const std::shared_ptr<XMPPSASLAuthentication>& aut
     return false;
   }
   auto self = shared_from_this();
-  impl_->queue->async(
-      [self, authentication] { self->impl_->startAuthentication(authentication); });
+  impl_->queue->async([self, authentication] { self->impl_->startAuthentication(authentication); });
   return true;
 }
 

@@ -39,15 +39,14 @@ class KQ_EXPORT XMPPStreamDelegate {
   /// Authentication and resource binding succeeded; myJID() is the bound address.
   virtual void xmppStreamDidAuthenticate(XMPPStream& /*sender*/) {}
   /// The server refused the authentication: `error` is its <failure/> element.
-  virtual void xmppStreamDidNotAuthenticate(XMPPStream& /*sender*/,
-                                            const XMPPElement& /*error*/) {}
+  virtual void xmppStreamDidNotAuthenticate(XMPPStream& /*sender*/, const XMPPElement& /*error*/) {}
   /// An IQ arrived. Answer true when this delegate handles it; when no module or delegate
   /// does, the stream answers a get or set with a service-unavailable error.
   virtual bool xmppStreamDidReceiveIQ(XMPPStream& /*sender*/, const XMPPIQ& /*iq*/) {
     return false;
   }
-  virtual void xmppStreamDidReceiveMessage(XMPPStream& /*sender*/,
-                                           const XMPPMessage& /*message*/) {}
+  virtual void xmppStreamDidReceiveMessage(XMPPStream& /*sender*/, const XMPPMessage& /*message*/) {
+  }
   virtual void xmppStreamDidReceivePresence(XMPPStream& /*sender*/,
                                             const XMPPPresence& /*presence*/) {}
   /// The server sent a stream error (<stream:error>); the stream is closed next.

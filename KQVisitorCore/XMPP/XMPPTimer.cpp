@@ -11,20 +11,21 @@ std::shared_ptr<XMPPTimer> XMPPTimer::scheduledTimer(const std::shared_ptr<XMPPQ
   std::shared_ptr<XMPPTimer> timer(new XMPPTimer);
   auto shared = std::make_shared<Tick>(std::move(tick));
   std::weak_ptr<XMPPQueue> weakQueue = queue;
-  timer->timer_ = Timer::scheduledTimer(
-      queue->timerQueue(), interval, repeats,
-      [weakQueue, valid = timer->valid_, shared, repeats](Timer& /*timer*/) {
-        const auto target = weakQueue.lock();
-        if (!target || !valid->load()) {
-          return;
-        }
-        target->async([valid, shared, repeats] {
-          // Checked again on the queue: an invalidate() made there since wins.
-          if (!repeats ? valid->exchange(false) : valid->load()) {
-            (*shared)();
-          }
-        });
-      });
+  timer->timer_ =
+      Timer::scheduledTimer(queue->timerQueue(), interval, repeats,
+                            [weakQueue, valid = timer->valid_, shared, repeats](Timer& /*timer*/) {
+                              const auto target = weakQueue.lock();
+                              if (!target || !valid->load()) {
+                                return;
+                              }
+                              target->async([valid, shared, repeats] {
+                                // Checked again on the queue: an invalidate() made there since
+                                // wins.
+                                if (!repeats ? valid->exchange(false) : valid->load()) {
+                                  (*shared)();
+                                }
+                              });
+                            });
   return timer;
 }
 

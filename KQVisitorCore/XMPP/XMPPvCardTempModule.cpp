@@ -35,21 +35,20 @@ void XMPPvCardTempModule::fetchvCardTempForJID(const XMPPJID& jid, bool ignoreSt
   const XMPPJID bare = jid.bareJID();
   std::weak_ptr<XMPPvCardTempModule> weak =
       std::static_pointer_cast<XMPPvCardTempModule>(shared_from_this());
-  stream->sendIQ(XMPPIQ("get", bare, std::nullopt, XMPPElement("vCard", kXMPPvCardTempNamespace)),
-                 kvCardTimeout, [weak, bare](const std::optional<XMPPIQ>& response) {
-                   const auto self = weak.lock();
-                   if (!self || !response || !response->isResultIQ()) {
-                     return;
-                   }
-                   const auto vCard = response->elementForName("vCard", kXMPPvCardTempNamespace);
-                   const XMPPElement stored =
-                       vCard ? *vCard : XMPPElement("vCard", kXMPPvCardTempNamespace);
-                   self->storage_->setvCardTemp(stored, bare);
-                   self->delegates_.invoke(
-                       [self, stored, bare](XMPPvCardTempModuleDelegate& delegate) {
-                         delegate.xmppvCardTempModuleDidReceivevCardTemp(*self, stored, bare);
-                       });
-                 });
+  stream->sendIQ(
+      XMPPIQ("get", bare, std::nullopt, XMPPElement("vCard", kXMPPvCardTempNamespace)),
+      kvCardTimeout, [weak, bare](const std::optional<XMPPIQ>& response) {
+        const auto self = weak.lock();
+        if (!self || !response || !response->isResultIQ()) {
+          return;
+        }
+        const auto vCard = response->elementForName("vCard", kXMPPvCardTempNamespace);
+        const XMPPElement stored = vCard ? *vCard : XMPPElement("vCard", kXMPPvCardTempNamespace);
+        self->storage_->setvCardTemp(stored, bare);
+        self->delegates_.invoke([self, stored, bare](XMPPvCardTempModuleDelegate& delegate) {
+          delegate.xmppvCardTempModuleDidReceivevCardTemp(*self, stored, bare);
+        });
+      });
 }
 
 std::optional<XMPPElement> XMPPvCardTempModule::myvCardTemp() const {

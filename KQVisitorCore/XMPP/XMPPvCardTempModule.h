@@ -33,8 +33,7 @@ class KQ_EXPORT XMPPvCardTempModule : public XMPPModule {
                                std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPvCardTempModule() override;
 
-  [[nodiscard]] const std::shared_ptr<XMPPvCardMemoryStorage>& xmppvCardTempModuleStorage()
-      const {
+  [[nodiscard]] const std::shared_ptr<XMPPvCardMemoryStorage>& xmppvCardTempModuleStorage() const {
     return storage_;
   }
 

@@ -2,11 +2,11 @@
 
 #include <KQVisitorCore/KQVisitorCore.h>
 
+#include <pthread.h>
 #include <csignal>
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <pthread.h>
 #include <string>
 #include <thread>
 
@@ -138,8 +138,8 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
       pending_.push_back(line);
       return;
     }
-    kq::sendKQVisitorMessage(room_, line, options_.userId, options_.websiteId, "0",
-                             options_.nick, options_.chatId);
+    kq::sendKQVisitorMessage(room_, line, options_.userId, options_.websiteId, "0", options_.nick,
+                             options_.chatId);
   }
 
   // Leaves the room, signs out and stops the main loop once the stream is closed.
@@ -236,8 +236,8 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
            {"visitorId", optionalText(kq::visitorId(message))},
            {"visitorName", optionalText(kq::visitorName(message))},
            {"managerId", optionalText(kq::managerId(message))},
-           {"timeStamp", stamp ? nlohmann::ordered_json(kq::DatePlus::stringFromDate(
-                                     *stamp, "yyyy-MM-dd HH:mm:ss"))
+           {"timeStamp", stamp ? nlohmann::ordered_json(
+                                     kq::DatePlus::stringFromDate(*stamp, "yyyy-MM-dd HH:mm:ss"))
                                : nlohmann::ordered_json(nullptr)},
            {"ignored", kq::ignoreMessage(message)},
            {"error", kq::isErrorMessage(message)}});
@@ -245,11 +245,12 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
 
  private:
   void connected() {
-    print({{"event", "connect"}, {"jid", kq::KQVisitorXMPPClient::instance()
-                                             .xmppStream()
-                                             ->myJID()
-                                             .value_or(*kq::xmpp::XMPPJID::jidWithString("x"))
-                                             .full()}});
+    print({{"event", "connect"},
+           {"jid", kq::KQVisitorXMPPClient::instance()
+                       .xmppStream()
+                       ->myJID()
+                       .value_or(*kq::xmpp::XMPPJID::jidWithString("x"))
+                       .full()}});
     if (!options_.chatId || finishing_) {
       return;
     }
@@ -303,16 +304,15 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
 // of standard input is sent as a chat packet; everything that happens is printed.
 int runXMPP(const std::vector<std::string>& arguments) {
   if (wantsHelp(arguments)) {
-    std::cout
-        << "usage: kqvisitor-chat " << kUsage << "\n\n"
-        << "Logs in anonymously on the XMPP server of KQVISITOR_CONFIG (xmppHost, xmppPort,\n"
-        << "caFile), reconnecting as the library does, and prints each login, connect,\n"
-        << "disconnect and reconnect. With --chat-id it joins room<ID>@conference.localhost\n"
-        << "as --nick, configures the room when the server creates it, invites\n"
-        << "<OPERATOR_ID>@localhost with --reason when asked, sends each line of standard\n"
-        << "input as a chat packet and prints every message, invitation and room event.\n"
-        << "Runs until standard input closes (or Ctrl-C), then leaves and signs out.\n"
-        << "--json prints one JSON object a line.\n";
+    std::cout << "usage: kqvisitor-chat " << kUsage << "\n\n"
+              << "Logs in anonymously on the XMPP server of KQVISITOR_CONFIG (xmppHost, xmppPort,\n"
+              << "caFile), reconnecting as the library does, and prints each login, connect,\n"
+              << "disconnect and reconnect. With --chat-id it joins room<ID>@conference.localhost\n"
+              << "as --nick, configures the room when the server creates it, invites\n"
+              << "<OPERATOR_ID>@localhost with --reason when asked, sends each line of standard\n"
+              << "input as a chat packet and prints every message, invitation and room event.\n"
+              << "Runs until standard input closes (or Ctrl-C), then leaves and signs out.\n"
+              << "--json prints one JSON object a line.\n";
     return kExitOk;
   }
   Options options;

@@ -95,9 +95,8 @@ class KQVisitorXMPPClientTest : public ::testing::Test {
     const auto before = posted.size();
     ASSERT_TRUE(peer.openStream("ANONYMOUS"));
     peer.completeAuthentication("r4nd0m@localhost/TellioiPhone");
-    ASSERT_TRUE(runMainQueueUntil([&] {
-      return posted.size() >= before + 2 && posted.back() == "ConnectNotification";
-    }));
+    ASSERT_TRUE(runMainQueueUntil(
+        [&] { return posted.size() >= before + 2 && posted.back() == "ConnectNotification"; }));
   }
 
   FakeXMPPPeer peer;
@@ -157,8 +156,7 @@ TEST_F(KQVisitorXMPPClientTest, LoginPostsLoginSuccessThenConnectNotificationAnd
     sent += peer.receiveUntil("</presence>");
   }
   EXPECT_NE(sent.find("<query xmlns=\"jabber:iq:roster\"/>"), std::string::npos) << sent;
-  EXPECT_NE(sent.find("<presence><c xmlns=\"http://jabber.org/protocol/caps\""),
-            std::string::npos)
+  EXPECT_NE(sent.find("<presence><c xmlns=\"http://jabber.org/protocol/caps\""), std::string::npos)
       << sent;
 
   // disconnect(): unavailable presence, then the stream closes; the stream object stays.
@@ -233,8 +231,8 @@ TEST_F(KQVisitorXMPPClientTest, ReconnectAfterALossLogsInAgainAndPostsAgain) {
   clock->advance(std::chrono::seconds(3));
   login(false);
   EXPECT_EQ(loginResults, (std::vector<bool>{true, true}));
-  EXPECT_EQ(posted, (std::vector<std::string>{"LoginSuccess", "ConnectNotification",
-                                              "LoginSuccess", "ConnectNotification"}));
+  EXPECT_EQ(posted, (std::vector<std::string>{"LoginSuccess", "ConnectNotification", "LoginSuccess",
+                                              "ConnectNotification"}));
   EXPECT_TRUE(client->isXmppConnected());
 }
 
@@ -272,10 +270,13 @@ TEST_F(KQVisitorXMPPClientTest, ForcedLogoutStopsTheTimerAndDisconnectsTwiceWith
 
 TEST_F(KQVisitorXMPPClientTest, BuddyRequestsBecomeAnAlertOrANotification) {
   auto storage = client->xmppRosterStorage();
-  storage->addOrUpdate({*xmpp::XMPPJID::jidWithString("friend@localhost"), std::nullopt, "none",
-                        std::nullopt, {}});
-  storage->addOrUpdate({*xmpp::XMPPJID::jidWithString("op@localhost"), std::string("Operator"),
-                        "none", std::nullopt, {}});
+  storage->addOrUpdate(
+      {*xmpp::XMPPJID::jidWithString("friend@localhost"), std::nullopt, "none", std::nullopt, {}});
+  storage->addOrUpdate({*xmpp::XMPPJID::jidWithString("op@localhost"),
+                        std::string("Operator"),
+                        "none",
+                        std::nullopt,
+                        {}});
   const auto request = [](const std::string& from) {
     return xmpp::XMPPPresence(*xmpp::XMPPElement::elementWithXMLString(
         "<presence type='subscribe' from='" + from + "'/>"));

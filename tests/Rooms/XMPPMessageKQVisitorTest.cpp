@@ -77,8 +77,8 @@ TEST(XMPPMessageKQVisitorTest, InvitationFieldsComeFromTheReasonByPosition) {
   EXPECT_FALSE(greeting(three));  // too few fields: absent rather than out of range
 
   // A reason in another namespace is no invitation reason.
-  const XMPPMessage foreign = received(
-      "<message xmlns='jabber:client' chat_id='9'><reason>a|b</reason></message>");
+  const XMPPMessage foreign =
+      received("<message xmlns='jabber:client' chat_id='9'><reason>a|b</reason></message>");
   EXPECT_EQ(chatId(foreign), "9");
 }
 
@@ -113,8 +113,8 @@ TEST(XMPPMessageKQVisitorTest, ErrorsAreFoundInTheClientNamespace) {
   EXPECT_TRUE(isErrorMessage(
       received("<message xmlns='jabber:client' type='error'><body>x</body><error type='cancel'>"
                "<not-allowed xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></message>")));
-  EXPECT_FALSE(isErrorMessage(received(
-      "<message xmlns='jabber:client'><x xmlns='urn:example'><error/></x></message>")));
+  EXPECT_FALSE(isErrorMessage(
+      received("<message xmlns='jabber:client'><x xmlns='urn:example'><error/></x></message>")));
   XMPPMessage message = received("<message xmlns='jabber:client'/>");
   addComposingState(message);
   EXPECT_EQ(message.chatState(), "composing");

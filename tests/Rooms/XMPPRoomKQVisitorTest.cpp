@@ -73,8 +73,8 @@ TEST_F(XMPPRoomKQVisitorTest, ChatPacketHasItsAttributesInOrder) {
       packet, std::regex("<message to=\"room42@conference\\.localhost\" type=\"groupchat\" "
                          "user_id=\"0\" custom_packet=\"true\" website_id=\"W9\" manager_id=\"0\" "
                          "chat_id=\"42\" visitor_name=\"Ann &amp; &quot;Bob&quot; &lt;b&gt;\" "
-                         "time_stamp=\"" + std::string(kTimeStamp) +
-                         "\"><body>Hi</body></message>")))
+                         "time_stamp=\"" +
+                         std::string(kTimeStamp) + "\"><body>Hi</body></message>")))
       << packet;
   // Absent ids are written empty; empty text sends nothing.
   sendKQVisitorMessage(room, "", "0", "W9", "0", "Ann", "42");
@@ -84,8 +84,8 @@ TEST_F(XMPPRoomKQVisitorTest, ChatPacketHasItsAttributesInOrder) {
   EXPECT_TRUE(std::regex_match(
       next, std::regex("<message to=\"room42@conference\\.localhost\" type=\"groupchat\" "
                        "user_id=\"\" custom_packet=\"true\" website_id=\"\" manager_id=\"\" "
-                       "chat_id=\"\" visitor_name=\"\" time_stamp=\"" + std::string(kTimeStamp) +
-                       "\"><body>x</body></message>")))
+                       "chat_id=\"\" visitor_name=\"\" time_stamp=\"" +
+                       std::string(kTimeStamp) + "\"><body>x</body></message>")))
       << next;
 }
 
@@ -121,8 +121,8 @@ TEST_F(XMPPRoomKQVisitorTest, DestroyNoticeIgnoresTheUserIdAndLogsTheStreamAddre
       std::regex("<message from=\"k9@localhost/TellioiPhone\" to=\"room42@conference\\.localhost\" "
                  "type=\"groupchat\" user_id=\"0\" custom_packet=\"true\" website_id=\"W9\" "
                  "manager_id=\"0\" chat_id=\"42\" visitor_name=\"Ann\" end_time=\"true\" "
-                 "xmlns=\"jabber:client\" time_stamp=\"" + std::string(kTimeStamp) +
-                 "\"><body>\\[destroy room\\]</body></message>")))
+                 "xmlns=\"jabber:client\" time_stamp=\"" +
+                 std::string(kTimeStamp) + "\"><body>\\[destroy room\\]</body></message>")))
       << notice;
   EXPECT_TRUE(log.contains("k9@localhost/TellioiPhone"));
 }
@@ -136,8 +136,8 @@ TEST_F(XMPPRoomKQVisitorTest, ChatStatesAreBodilessGroupMessages) {
   const std::string prefix = "<message type=\"groupchat\" to=\"room42@conference.localhost\"><";
   const std::string suffix = " xmlns=\"http://jabber.org/protocol/chatstates\"/></message>";
   EXPECT_EQ(receivedBeforeMarker(), prefix + "composing" + suffix + prefix + "paused" + suffix +
-                                        prefix + "active" + suffix + prefix + "inactive" +
-                                        suffix + prefix + "gone" + suffix);
+                                        prefix + "active" + suffix + prefix + "inactive" + suffix +
+                                        prefix + "gone" + suffix);
   EXPECT_EQ(getKQVisitorGroupMessage(*room).XMLString(),
             "<message type=\"groupchat\" to=\"room42@conference.localhost\"/>");
 }

@@ -170,8 +170,7 @@ TEST_P(ProsodyLoginTest, VisitorLogsInAnonymouslyAndTakesTheBoundAddress) {
   options.tls = tls;
   startServer(options);
   loginVisitor();
-  EXPECT_EQ(notifications.names,
-            (std::vector<std::string>{"LoginSuccess", "ConnectNotification"}));
+  EXPECT_EQ(notifications.names, (std::vector<std::string>{"LoginSuccess", "ConnectNotification"}));
   EXPECT_EQ(notifications.logins, std::vector<bool>{true});
   const auto stream = client->xmppStream();
   EXPECT_EQ(stream->isSecure(), tls);
@@ -189,7 +188,9 @@ TEST_P(ProsodyLoginTest, VisitorLogsInAnonymouslyAndTakesTheBoundAddress) {
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutTLS, ProsodyLoginTest, ::testing::Bool(),
-                         [](const auto& parameter) { return parameter.param ? "STARTTLS" : "Plain"; });
+                         [](const auto& parameter) {
+                           return parameter.param ? "STARTTLS" : "Plain";
+                         });
 
 TEST_F(ProsodyTest, ACertificateForAnotherHostIsRefused) {
   ProsodyServer::Options options;
@@ -335,9 +336,8 @@ TEST_F(ProsodyTest, ServerRestartIsFollowedByReconnectAndLoginAgain) {
   server->start();
   clock->advance(std::chrono::seconds(3));
   ASSERT_TRUE(runMainQueueUntil([&] { return notifications.count("ConnectNotification") == 2; }));
-  EXPECT_EQ(notifications.names,
-            (std::vector<std::string>{"LoginSuccess", "ConnectNotification", "LoginSuccess",
-                                      "ConnectNotification"}));
+  EXPECT_EQ(notifications.names, (std::vector<std::string>{"LoginSuccess", "ConnectNotification",
+                                                           "LoginSuccess", "ConnectNotification"}));
   EXPECT_EQ(notifications.logins, (std::vector<bool>{true, true}));
   EXPECT_TRUE(client->xmppStream()->isAuthenticated());
   EXPECT_TRUE(client->isXmppConnected());

@@ -95,7 +95,8 @@ TEST(XMPPElementTest, XPathUsesDeclaredPrefixesPerHandle) {
 }
 
 TEST(XMPPElementTest, StanzaHelpers) {
-  XMPPMessage message(std::string("groupchat"), XMPPJID::jidWithString("room@conference.localhost"));
+  XMPPMessage message(std::string("groupchat"),
+                      XMPPJID::jidWithString("room@conference.localhost"));
   message.addBody("Hello");
   message.addComposingChatState();
   message.addPausedChatState();  // replaces the earlier state
@@ -122,8 +123,7 @@ TEST(XMPPElementTest, TextThatIsNotOneElementIsRefusedWithAReason) {
       {"<a/><b/>", XMPPParser::kErrorMalformed},
       {"<a>&undefined;</a>", XMPPParser::kErrorMalformed},
       {"<!DOCTYPE a [<!ENTITY e 'boom'>]><a>&e;</a>", XMPPParser::kErrorDeclarationRefused},
-      {"<!DOCTYPE a SYSTEM 'http://example.com/a.dtd'><a/>",
-       XMPPParser::kErrorDeclarationRefused},
+      {"<!DOCTYPE a SYSTEM 'http://example.com/a.dtd'><a/>", XMPPParser::kErrorDeclarationRefused},
   };
   for (const auto& [text, code] : refused) {
     KQError error;

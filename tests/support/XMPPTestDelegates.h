@@ -33,9 +33,7 @@ struct StreamEvents : xmpp::XMPPStreamDelegate {
   void xmppStreamSocketDidConnect(xmpp::XMPPStream& /*sender*/) override {
     events.push_back("socketDidConnect");
   }
-  void xmppStreamDidSecure(xmpp::XMPPStream& /*sender*/) override {
-    events.push_back("didSecure");
-  }
+  void xmppStreamDidSecure(xmpp::XMPPStream& /*sender*/) override { events.push_back("didSecure"); }
   void xmppStreamDidConnect(xmpp::XMPPStream& /*sender*/) override {
     events.push_back("didConnect");
   }
@@ -118,8 +116,8 @@ struct ReconnectEvents : xmpp::XMPPReconnectDelegate {
   int accidents = 0;
   int questions = 0;
   bool allow = true;
-  void xmppReconnectDidDetectAccidentalDisconnect(xmpp::XMPPReconnect& /*sender*/,
-                                                  const std::optional<KQError>& /*error*/) override {
+  void xmppReconnectDidDetectAccidentalDisconnect(
+      xmpp::XMPPReconnect& /*sender*/, const std::optional<KQError>& /*error*/) override {
     ++accidents;
   }
   bool xmppReconnectShouldAttemptAutoReconnect(xmpp::XMPPReconnect& /*sender*/) override {
