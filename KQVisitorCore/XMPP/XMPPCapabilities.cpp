@@ -13,6 +13,13 @@ namespace {
 
 constexpr std::chrono::duration<double> kDiscoTimeout{60.0};
 
+// Our own verification string never changes: computed once.
+const std::string& myVer() {
+  static const std::string ver =
+      XMPPCapabilities::hashCapabilitiesFromQuery(XMPPCapabilities::myCapabilitiesQuery());
+  return ver;
+}
+
 std::string featureOf(const XMPPElement& element) {
   return element.attributeStringValueForName("var", "");
 }
@@ -117,10 +124,9 @@ bool XMPPCapabilities::streamDidReceiveIQ(const XMPPIQ& iq) {
   XMPPElement answer = myCapabilitiesQuery();
   const auto node = query->attributeStringValueForName("node");
   if (node) {
-    static const std::string ver = hashCapabilitiesFromQuery(myCapabilitiesQuery());
     std::string expected = kNode;
     expected += '#';
-    expected += ver;
+    expected += myVer();
     if (*node != expected) {
       stream->sendElement(XMPPIQ::errorIQ(iq, "cancel", "item-not-found"));
       return true;
@@ -194,8 +200,7 @@ void XMPPCapabilities::streamWillSendElement(XMPPElement& element) {
   XMPPElement c = element.addChildElement("c", kXMPPCapsNamespace);
   c.addAttributeWithName("hash", "sha-1");
   c.addAttributeWithName("node", kNode);
-  static const std::string ver = hashCapabilitiesFromQuery(myCapabilitiesQuery());
-  c.addAttributeWithName("ver", ver);
+  c.addAttributeWithName("ver", myVer());
 }
 
 }  // namespace kq::xmpp
