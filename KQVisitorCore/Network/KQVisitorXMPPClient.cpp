@@ -194,6 +194,7 @@ void KQVisitorXMPPClient::teardownStream() {
   }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 bool KQVisitorXMPPClient::connectUser(const std::shared_ptr<KQVisitorUser>& user) {
   const auto stream = xmppStream();
   if (!stream) {
@@ -214,6 +215,7 @@ bool KQVisitorXMPPClient::connectUser(const std::shared_ptr<KQVisitorUser>& user
   return stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone, &ignored);
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 bool KQVisitorXMPPClient::authenticateAnonymousUser() {
   bool result = true;
   const auto stream = xmppStream();
@@ -224,6 +226,7 @@ bool KQVisitorXMPPClient::authenticateAnonymousUser() {
   return result;
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::goOnline() {
   if (const auto stream = xmppStream()) {
     stream->sendElement(xmpp::XMPPPresence());
@@ -232,6 +235,7 @@ void KQVisitorXMPPClient::goOnline() {
   // reconnects the current room after a reconnect.
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::goOffline() {
   if (const auto stream = xmppStream()) {
     stream->sendElement(xmpp::XMPPPresence(std::string("unavailable"), std::nullopt));
@@ -265,6 +269,7 @@ void KQVisitorXMPPClient::performForcefullLogout() {
 
 void KQVisitorXMPPClient::scheduler() {}
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::addStreamDelegate(
     const std::shared_ptr<xmpp::XMPPStreamDelegate>& delegate) {
   if (const auto stream = xmppStream()) {
@@ -272,6 +277,7 @@ void KQVisitorXMPPClient::addStreamDelegate(
   }
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::removeStreamDelegate(const xmpp::XMPPStreamDelegate* delegate) {
   if (const auto stream = xmppStream()) {
     stream->removeDelegate(delegate);
@@ -446,7 +452,7 @@ bool KQVisitorXMPPClient::allowSelfSignedCertificates() const {
 
 void KQVisitorXMPPClient::setAllowSelfSignedCertificates(bool value) {
   std::scoped_lock lock(mutex_);
-  allowSelfSignedCertificates_ = std::move(value);
+  allowSelfSignedCertificates_ = value;
 }
 
 bool KQVisitorXMPPClient::allowSSLHostNameMismatch() const {
@@ -456,7 +462,7 @@ bool KQVisitorXMPPClient::allowSSLHostNameMismatch() const {
 
 void KQVisitorXMPPClient::setAllowSSLHostNameMismatch(bool value) {
   std::scoped_lock lock(mutex_);
-  allowSSLHostNameMismatch_ = std::move(value);
+  allowSSLHostNameMismatch_ = value;
 }
 
 bool KQVisitorXMPPClient::isXmppConnected() const {
@@ -466,7 +472,7 @@ bool KQVisitorXMPPClient::isXmppConnected() const {
 
 void KQVisitorXMPPClient::setIsXmppConnected(bool value) {
   std::scoped_lock lock(mutex_);
-  isXmppConnected_ = std::move(value);
+  isXmppConnected_ = value;
 }
 
 bool KQVisitorXMPPClient::isxmppStreamDisconnected() const {
@@ -476,7 +482,7 @@ bool KQVisitorXMPPClient::isxmppStreamDisconnected() const {
 
 void KQVisitorXMPPClient::setIsxmppStreamDisconnected(bool value) {
   std::scoped_lock lock(mutex_);
-  isxmppStreamDisconnected_ = std::move(value);
+  isxmppStreamDisconnected_ = value;
 }
 
 bool KQVisitorXMPPClient::isDisconnectedAllRooms() const {
@@ -486,7 +492,7 @@ bool KQVisitorXMPPClient::isDisconnectedAllRooms() const {
 
 void KQVisitorXMPPClient::setIsDisconnectedAllRooms(bool value) {
   std::scoped_lock lock(mutex_);
-  isDisconnectedAllRooms_ = std::move(value);
+  isDisconnectedAllRooms_ = value;
 }
 
 std::shared_ptr<AlertView> KQVisitorXMPPClient::loadingAlert() const {
@@ -542,6 +548,7 @@ void KQVisitorXMPPClient::removeIdleRooms(const Notification& notification) {
   NotificationCenter::defaultCenter().post("reloadData");
 }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::performLoacalNotification(bool notify) {
   if (notify) {
     return;
@@ -564,7 +571,7 @@ std::int32_t KQVisitorXMPPClient::badgeCount() const {
 
 void KQVisitorXMPPClient::setBadgeCount(std::int32_t value) {
   std::scoped_lock lock(mutex_);
-  badgeCount_ = std::move(value);
+  badgeCount_ = value;
 }
 
 std::int32_t KQVisitorXMPPClient::messageCounterForOperatorBadge() const {
@@ -574,7 +581,7 @@ std::int32_t KQVisitorXMPPClient::messageCounterForOperatorBadge() const {
 
 void KQVisitorXMPPClient::setMessageCounterForOperatorBadge(std::int32_t value) {
   std::scoped_lock lock(mutex_);
-  messageCounterForOperatorBadge_ = std::move(value);
+  messageCounterForOperatorBadge_ = value;
 }
 
 bool KQVisitorXMPPClient::operatorScreenActive() const {
@@ -584,7 +591,7 @@ bool KQVisitorXMPPClient::operatorScreenActive() const {
 
 void KQVisitorXMPPClient::setOperatorScreenActive(bool value) {
   std::scoped_lock lock(mutex_);
-  operatorScreenActive_ = std::move(value);
+  operatorScreenActive_ = value;
 }
 
 std::int64_t KQVisitorXMPPClient::panelType() const {
@@ -594,7 +601,7 @@ std::int64_t KQVisitorXMPPClient::panelType() const {
 
 void KQVisitorXMPPClient::setPanelType(std::int64_t value) {
   std::scoped_lock lock(mutex_);
-  panelType_ = std::move(value);
+  panelType_ = value;
 }
 
 std::vector<std::any> KQVisitorXMPPClient::kqCanMessagesArray() const {

@@ -107,7 +107,7 @@ std::string XMPPCapabilities::hashCapabilitiesFromQuery(const XMPPElement& query
     text += feature + "<";
   }
   for (const auto& [formType, rest] : forms) {
-    text += formType + "<" + rest;
+    text.append(formType).append("<").append(rest);
   }
   return base64Encode(sha1(text));
 }

@@ -72,12 +72,12 @@ class XMPPDelegateList {
   /// Asks every delegate `question` on its queue, one after the other, then runs `done` on
   /// `doneQueue` with the answers (one per delegate that was called, in order).
   void ask(const std::function<bool(Delegate&)>& question,
-           std::function<void(const std::vector<bool>&)> done,
+           const std::function<void(const std::vector<bool>&)>& done,
            const std::shared_ptr<XMPPQueue>& doneQueue) const {
     auto state = std::make_shared<AskState>();
     state->entries = snapshot();
     state->question = question;
-    state->done = std::move(done);
+    state->done = done;
     state->doneQueue = doneQueue;
     askNext(state, 0);
   }

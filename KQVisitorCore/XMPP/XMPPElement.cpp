@@ -199,7 +199,7 @@ void XMPPElement::addAttributeWithName(std::string_view name, std::string_view v
   std::string valueStorage;
   if (xmlAttrPtr existing = findAttribute(node_, name)) {
     // Replace the value in place, as plain text (xmlNodeSetContent would read entities).
-    xmlNodePtr attribute = reinterpret_cast<xmlNodePtr>(existing);
+    auto* attribute = reinterpret_cast<xmlNodePtr>(existing);
     xmlFreeNodeList(attribute->children);
     attribute->children = nullptr;
     attribute->last = nullptr;

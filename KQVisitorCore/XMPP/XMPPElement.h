@@ -11,8 +11,9 @@
 #include <utility>
 #include <vector>
 
-struct _xmlDoc;
-struct _xmlNode;
+// libxml2's own names for its document and node types.
+struct _xmlDoc;   // NOLINT(bugprone-reserved-identifier)
+struct _xmlNode;  // NOLINT(bugprone-reserved-identifier)
 
 namespace kq::xmpp {
 

@@ -38,7 +38,7 @@ std::optional<std::string> base64Decode(std::string_view text) {
     return std::nullopt;
   }
   // EVP_DecodeBlock keeps the bytes that padding stands for: drop them.
-  std::size_t size = static_cast<std::size_t>(length);
+  auto size = static_cast<std::size_t>(length);
   for (std::size_t i = compact.size(); i > 0 && compact[i - 1] == '='; --i) {
     --size;
   }

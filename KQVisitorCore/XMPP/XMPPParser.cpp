@@ -46,7 +46,7 @@ struct XMPPParser::Impl {
   void start();
   void fail(long code, const std::string& message);
   void count(std::size_t bytes);
-  xmlNsPtr namespaceFor(xmlNodePtr node, const xmlChar* prefix, const xmlChar* uri);
+  xmlNsPtr namespaceFor(xmlNodePtr node, const xmlChar* prefix, const xmlChar* uri) const;
   void startElement(const xmlChar* localname, const xmlChar* prefix, const xmlChar* uri,
                     int namespaceCount, const xmlChar** namespaces, int attributeCount,
                     const xmlChar** attributes);
@@ -125,7 +125,7 @@ void XMPPParser::Impl::count(std::size_t bytes) {
 }
 
 xmlNsPtr XMPPParser::Impl::namespaceFor(xmlNodePtr node, const xmlChar* prefix,
-                                        const xmlChar* uri) {
+                                        const xmlChar* uri) const {
   if (uri == nullptr) {
     return nullptr;
   }
@@ -149,10 +149,11 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
     }
     std::vector<std::pair<std::string, std::string>> rootAttributes;
     for (int i = 0; i < namespaceCount; ++i) {
-      rootNamespaces.emplace_back(text(namespaces[2 * i]), text(namespaces[2 * i + 1]));
+      rootNamespaces.emplace_back(text(namespaces[2 * static_cast<std::ptrdiff_t>(i)]),
+                                  text(namespaces[2 * static_cast<std::ptrdiff_t>(i) + 1]));
     }
     for (int i = 0; i < attributeCount; ++i) {
-      const xmlChar** attribute = attributes + 5 * i;
+      const xmlChar** attribute = attributes + 5 * static_cast<std::ptrdiff_t>(i);
       std::string name = attribute[1] != nullptr ? text(attribute[1]) + ":" : std::string();
       name += text(attribute[0]);
       rootAttributes.emplace_back(std::move(name), text(attribute[3], attribute[4]));
@@ -177,11 +178,12 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
   ++depth;
   count(static_cast<std::size_t>(xmlStrlen(localname)));
   for (int i = 0; i < namespaceCount; ++i) {
-    xmlNewNs(node, namespaces[2 * i + 1], namespaces[2 * i]);
+    xmlNewNs(node, namespaces[2 * static_cast<std::ptrdiff_t>(i) + 1],
+             namespaces[2 * static_cast<std::ptrdiff_t>(i)]);
   }
   xmlSetNs(node, namespaceFor(node, prefix, uri));
   for (int i = 0; i < attributeCount && !failed; ++i) {
-    const xmlChar** attribute = attributes + 5 * i;
+    const xmlChar** attribute = attributes + 5 * static_cast<std::ptrdiff_t>(i);
     const std::string value = text(attribute[3], attribute[4]);
     count(value.size() + static_cast<std::size_t>(xmlStrlen(attribute[0])));
     xmlNsPtr ns = namespaceFor(node, attribute[1], attribute[2]);

@@ -28,7 +28,7 @@ bool hasStatusCode(const XMPPPresence& presence, int code) {
 
 XMPPRoomDelegate::~XMPPRoomDelegate() = default;
 
-XMPPRoom::XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, XMPPJID roomJID,
+XMPPRoom::XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
                    std::shared_ptr<DispatchQueue> dispatchQueue)
     : XMPPModule(std::move(dispatchQueue)),
       storage_(std::move(storage)),
@@ -236,8 +236,7 @@ void XMPPRoom::streamDidReceiveMessage(const XMPPMessage& message) {
   if (!isError) {
     storage_->handleIncomingMessage(message, roomJID_);
   }
-  const XMPPJID occupant = *from;
-  notify([message, occupant](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
+  notify([message, occupant = *from](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
     delegate.xmppRoomDidReceiveMessage(sender, message, occupant);
   });
 }

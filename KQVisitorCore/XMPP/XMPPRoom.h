@@ -25,7 +25,7 @@ class XMPPRoomMemoryStorage;
 class KQ_EXPORT XMPPRoom : public XMPPModule {
  public:
   /// A room `roomJID` (room@service) whose traffic is recorded in `storage`.
-  XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, XMPPJID roomJID,
+  XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
            std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPRoom() override;
 

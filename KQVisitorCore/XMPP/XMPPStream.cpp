@@ -177,7 +177,7 @@ struct XMPPStream::Impl {
   void handleElement(const XMPPElement& element);
   void handleFeatures(const XMPPElement& features);
   void beginTLS();
-  void handshake(XMPPTLSSettings settings);
+  void handshake(const XMPPTLSSettings& settings);
   void becomeReady(const XMPPElement& features);
   void startAuthentication(const std::shared_ptr<XMPPSASLAuthentication>& authentication);
   void handleSASL(const XMPPElement& element);
@@ -585,7 +585,7 @@ void XMPPStream::Impl::beginTLS() {
       queue);
 }
 
-void XMPPStream::Impl::handshake(XMPPTLSSettings settings) {
+void XMPPStream::Impl::handshake(const XMPPTLSSettings& settings) {
   if (!tlsContext) {
     auto context = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_client);
     context->set_default_verify_paths();

@@ -21,7 +21,7 @@ using test::FakeXMPPPeer;
 using test::runMainQueueUntil;
 using xmpp::XMPPJID;
 
-constexpr const char* kTimeStamp = "\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}";
+constexpr const char* kTimeStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})";
 
 class XMPPRoomKQVisitorTest : public ::testing::Test {
  protected:
@@ -134,7 +134,7 @@ TEST_F(XMPPRoomKQVisitorTest, ChatStatesAreBodilessGroupMessages) {
   sendInactiveChatState(room);
   sendGoneChatState(room);
   const std::string prefix = "<message type=\"groupchat\" to=\"room42@conference.localhost\"><";
-  const std::string suffix = " xmlns=\"http://jabber.org/protocol/chatstates\"/></message>";
+  const std::string suffix = R"( xmlns="http://jabber.org/protocol/chatstates"/></message>)";
   EXPECT_EQ(receivedBeforeMarker(), prefix + "composing" + suffix + prefix + "paused" + suffix +
                                         prefix + "active" + suffix + prefix + "inactive" + suffix +
                                         prefix + "gone" + suffix);

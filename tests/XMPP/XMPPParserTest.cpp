@@ -92,7 +92,7 @@ TEST(XMPPParserTest, AnElementOverOneMebibyteIsRefused) {
   // Text inside an element, fed in pieces.
   const std::string open = "<message><body>";
   parser.parseData(open.data(), open.size());
-  const std::string piece(64 * 1024, 'b');
+  const std::string piece(std::size_t{64} * 1024, 'b');
   for (int i = 0; i < 20 && !collected.error; ++i) {
     parser.parseData(piece.data(), piece.size());
   }

@@ -122,7 +122,7 @@ bool FakeXMPPPeer::clientClosed() {
   return !::testing::Test::HasFailure();
 }
 
-void FakeXMPPPeer::send(std::string_view text) {
+void FakeXMPPPeer::send(std::string_view text) const {
   std::size_t sent = 0;
   while (sent < text.size() && connection_ >= 0) {
     const ssize_t length =
@@ -184,7 +184,7 @@ bool FakeXMPPPeer::openStream(std::string_view mechanisms) {
 
 std::string FakeXMPPPeer::completeAuthentication(std::string_view boundJID) {
   receiveUntil("<auth");
-  if (receiveUntil(">").ends_with("/>") == false) {
+  if (!receiveUntil(">").ends_with("/>")) {
     receiveUntil("</auth>");
   }
   send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");

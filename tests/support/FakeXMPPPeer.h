@@ -28,7 +28,7 @@ class FakeXMPPPeer {
   std::string receiveUntilClosed();
   /// True when the client closed its end (after what it sent was read).
   bool clientClosed();
-  void send(std::string_view text);
+  void send(std::string_view text) const;
   /// Closes the connection to the client (the listening socket stays).
   void closeConnection();
   /// Stops listening: later connection attempts are refused.

@@ -6,16 +6,14 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <chrono>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace kq::test {
 
@@ -26,10 +24,13 @@ std::uint16_t freePort() {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
   socklen_t length = sizeof address;
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  const bool bound = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                     ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0;
   ::close(probe);
+  if (!bound) {
+    throw std::runtime_error("cannot find a free port");
+  }
   return ntohs(address.sin_port);
 }
 
@@ -84,9 +85,10 @@ void ProsodyServer::launch() {
   }
   for (const auto& [name, password] : options_.accounts) {
     arguments.push_back("--account");
-    arguments.push_back(name + "=" + password);
+    arguments.push_back(std::string(name).append("=").append(password));
   }
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (auto& argument : arguments) {
     argv.push_back(argument.data());
   }
