@@ -133,7 +133,7 @@ TEST_F(XMPPRoomKQVisitorTest, ChatStatesAreBodilessGroupMessages) {
   sendActiveChatState(room);
   sendInactiveChatState(room);
   sendGoneChatState(room);
-  const std::string prefix = "<message type=\"groupchat\" to=\"room42@conference.localhost\"><";
+  const std::string prefix = R"(<message type="groupchat" to="room42@conference.localhost"><)";
   const std::string suffix = R"( xmlns="http://jabber.org/protocol/chatstates"/></message>)";
   EXPECT_EQ(receivedBeforeMarker(), prefix + "composing" + suffix + prefix + "paused" + suffix +
                                         prefix + "active" + suffix + prefix + "inactive" + suffix +
