@@ -135,7 +135,8 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   // --- Sending ----------------------------------------------------------------------------------
 
   /// Sends a copy of `element` (taken now, on the calling thread). Sent only while connected;
-  /// otherwise did-fail-to-send-element reports it.
+  /// otherwise did-fail-to-send-element reports it. Elements sent from one thread leave in the
+  /// order they were sent; between threads there is no order.
   void sendElement(const XMPPElement& element);
 
   /// Sends the IQ `iq` (given an id when it has none) and calls `response` on the stream's queue
