@@ -39,8 +39,42 @@
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/Utilities/MulticastDelegate.h>
 
+#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPCapabilities.h>
+#include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPElement.h>
+#include <KQVisitorCore/XMPP/XMPPEncoding.h>
+#include <KQVisitorCore/XMPP/XMPPIQ.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+#include <KQVisitorCore/XMPP/XMPPMessage.h>
+#include <KQVisitorCore/XMPP/XMPPModule.h>
+#include <KQVisitorCore/XMPP/XMPPNamespaces.h>
+#include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPPresence.h>
+#include <KQVisitorCore/XMPP/XMPPQueue.h>
+#include <KQVisitorCore/XMPP/XMPPReconnect.h>
+#include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPRoster.h>
+#include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRosterItem.h>
+#include <KQVisitorCore/XMPP/XMPPRosterMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPTLSSettings.h>
+#include <KQVisitorCore/XMPP/XMPPTimer.h>
+#include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
+#include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
+
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
 #include <KQVisitorCore/Network/StringKQVisitorWebService.h>
 
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>

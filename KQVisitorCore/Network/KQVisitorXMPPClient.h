@@ -1,26 +1,67 @@
 #pragma once
 
 #include <KQVisitorCore/Model/KQVisitorUser.h>
+#include <KQVisitorCore/Platform/AlertView.h>
 #include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/Notification.h>
+#include <KQVisitorCore/Platform/NotificationCenter.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+#include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 
+#include <any>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace kq {
 
 class Reachability;
+class Timer;
+
+namespace xmpp {
+class XMPPCapabilities;
+class XMPPCapabilitiesMemoryStorage;
+class XMPPReconnect;
+class XMPPRoster;
+class XMPPRosterMemoryStorage;
+class XMPPStream;
+class XMPPvCardAvatarModule;
+class XMPPvCardMemoryStorage;
+class XMPPvCardTempModule;
+}  // namespace xmpp
 
 /// The process-wide owner of the XMPP connection, of the one sites manager and of the network
 /// listener. Reached only through instance().
-class KQ_EXPORT KQVisitorXMPPClient {
+///
+/// The client is a delegate of its stream, of the reconnect module and of the roster, all on
+/// the main queue: every event of the connection (and every object added with
+/// addStreamDelegate) is handled on the main queue's thread, which the host application runs.
+/// Its state may be read from any thread.
+class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisitorXMPPClient>,
+                                      public xmpp::XMPPStreamDelegate,
+                                      public xmpp::XMPPReconnectDelegate,
+                                      public xmpp::XMPPRosterDelegate,
+                                      public xmpp::XMPPRoomDelegate {
  public:
   KQVisitorXMPPClient(const KQVisitorXMPPClient&) = delete;
   KQVisitorXMPPClient& operator=(const KQVisitorXMPPClient&) = delete;
+  ~KQVisitorXMPPClient() override;
 
   /// The client, built on first use (thread-safe): nothing connects then. It lives until the
-  /// process ends.
+  /// process ends. The stream takes the XMPP host and port of KQVisitorConfig::shared() as it
+  /// is at that moment.
   static KQVisitorXMPPClient& instance();
+
+  /// A client of its own, built as instance() builds the singleton (stream and modules set up,
+  /// nothing connected), for tests and tools that need a second connection. The library itself
+  /// only ever uses instance(); signout() of any client signs the singleton out.
+  static std::shared_ptr<KQVisitorXMPPClient> createClient();
 
   /// The one sites manager, created on first read.
   [[nodiscard]] std::shared_ptr<KQVisitorSitesManager> sitesManager();
@@ -29,10 +70,133 @@ class KQ_EXPORT KQVisitorXMPPClient {
 
   // --- Connection -------------------------------------------------------------------------
 
-  /// Connects `user` to the XMPP server. Answers true when a connection is under way or up.
+  /// Builds the stream and its modules (reconnect every 5.0 s, roster, vCard, avatars,
+  /// capabilities) and adds the client as their delegate on the main queue; sets the host, the
+  /// port and the "preferred" start-TLS policy. Nothing connects. A second call is a programming
+  /// error: it throws std::logic_error "Method setupStream invoked multiple times".
+  void setupStream();
+  /// Lets go of the stream and its modules (after disconnecting it).
+  void teardownStream();
+
+  /// Connects `user` as "<userId>@localhost/TellioiPhone" (a null user or id writes "(null)")
+  /// with no timeout. Answers true when a connection is under way or up already (nothing more is
+  /// done then), false when the address cannot be built or the connect call fails at once.
   bool connectUser(const std::shared_ptr<KQVisitorUser>& user);
-  /// Closes the visitor's rooms, says goodbye and disconnects.
+  /// Starts SASL ANONYMOUS when the server offers it and answers the stream's answer; answers
+  /// true without sending anything when the server does not offer it.
+  bool authenticateAnonymousUser();
+  /// Sends an available presence, then has the sites manager rejoin the operator rooms.
+  void goOnline();
+  /// Sends an unavailable presence.
+  void goOffline();
+  /// Closes the operator rooms, goes offline and disconnects the stream (which stays, ready for
+  /// the next connectUser()).
+  void disconnect();
+  /// Closes the visitor's rooms, says goodbye and disconnects: disconnect() on instance().
   void signout();
+  /// disconnect(), stops timerForQAScreen, then signout().
+  void performForcefullLogout();
+  /// Does nothing.
+  void scheduler();
+
+  /// Adds `delegate` as a delegate of the stream, called on the main queue.
+  void addStreamDelegate(const std::shared_ptr<xmpp::XMPPStreamDelegate>& delegate);
+  void removeStreamDelegate(const xmpp::XMPPStreamDelegate* delegate);
+
+  // The stream and its modules; null before setupStream() and after teardownStream().
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPStream> xmppStream() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPRoster> xmppRoster() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities() const;
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> xmppCapabilitiesStorage()
+      const;
+
+  /// Declared for hosts; never set or read by the library.
+  [[nodiscard]] bool allowSelfSignedCertificates() const;
+  void setAllowSelfSignedCertificates(bool value);
+  /// When true the server certificate's name is not checked (the chain still is). False after
+  /// setupStream().
+  [[nodiscard]] bool allowSSLHostNameMismatch() const;
+  void setAllowSSLHostNameMismatch(bool value);
+  /// The socket-level connection is up: set by did-connect, cleared by a disconnect that finds
+  /// isxmppStreamDisconnected() false.
+  [[nodiscard]] bool isXmppConnected() const;
+  void setIsXmppConnected(bool value);
+  /// The stream was lost while not connected (a failed connect or reconnect); cleared by the
+  /// next successful authentication.
+  [[nodiscard]] bool isxmppStreamDisconnected() const;
+  void setIsxmppStreamDisconnected(bool value);
+  /// Owned by the sites manager; stored here only.
+  [[nodiscard]] bool isDisconnectedAllRooms() const;
+  void setIsDisconnectedAllRooms(bool value);
+  /// An alert the host may show while connecting; dismissed (button 0, animated) when the login
+  /// completes, and cleared then.
+  [[nodiscard]] std::shared_ptr<AlertView> loadingAlert() const;
+  void setLoadingAlert(std::shared_ptr<AlertView> alert);
+  /// Declared for hosts; never used by the library.
+  [[nodiscard]] std::shared_ptr<AlertView> alertForConectivity() const;
+  void setAlertForConectivity(std::shared_ptr<AlertView> alert);
+  /// A timer the host may start; performForcefullLogout() stops it and clears the field.
+  [[nodiscard]] std::shared_ptr<Timer> timerForQAScreen() const;
+  void setTimerForQAScreen(std::shared_ptr<Timer> timer);
+
+  // --- Rooms, invitations and notifications -------------------------------------------------
+
+  /// Configures the current room with the server's defaults and invites its operator. (`jid` is
+  /// not used.) Called for each status 201 of a received presence.
+  void sendDefaultRoomConfig(const std::optional<std::string>& jid);
+  /// Invites the current room's operator, without configuring.
+  void inviteUser();
+  /// Handles "removeIdleRooms": removes the room "roomId" from the website's rooms and posts
+  /// "reloadData". Without "roomId" it throws std::invalid_argument.
+  void removeIdleRooms(const Notification& notification);
+  /// With false: schedules the local notification "New Message Received" (action "Launch") one
+  /// second from now, with the application's badge number plus badgeCount(). With true: nothing.
+  void performLoacalNotification(bool notify);
+
+  /// Added to the application badge by performLoacalNotification; 0 at start.
+  [[nodiscard]] std::int32_t badgeCount() const;
+  void setBadgeCount(std::int32_t value);
+  /// Kept for the host application; 0 at start.
+  [[nodiscard]] std::int32_t messageCounterForOperatorBadge() const;
+  void setMessageCounterForOperatorBadge(std::int32_t value);
+  /// Kept for the host application.
+  [[nodiscard]] bool operatorScreenActive() const;
+  void setOperatorScreenActive(bool value);
+  [[nodiscard]] std::int64_t panelType() const;
+  void setPanelType(std::int64_t value);
+  [[nodiscard]] std::vector<std::any> kqCanMessagesArray() const;
+  void setKqCanMessagesArray(std::vector<std::any> messages);
+  /// A host view object; kept only.
+  [[nodiscard]] std::any loadingActivityIndicator() const;
+  void setLoadingActivityIndicator(std::any indicator);
+  /// Host objects, not owned: the host clears them before they go away.
+  [[nodiscard]] std::weak_ptr<void> chatDelegate() const;
+  void setChatDelegate(std::weak_ptr<void> delegate);
+  [[nodiscard]] std::weak_ptr<void> messageDelegate() const;
+  void setMessageDelegate(std::weak_ptr<void> delegate);
+
+  // --- Events of the stream, reconnect module and roster (on the main queue) ----------------
+
+  void xmppStreamSocketWillConnect(xmpp::XMPPStream& sender) override;
+  void xmppStreamWillSecureWithSettings(xmpp::XMPPStream& sender,
+                                        xmpp::XMPPTLSSettings& settings) override;
+  void xmppStreamDidConnect(xmpp::XMPPStream& sender) override;
+  void xmppStreamDidAuthenticate(xmpp::XMPPStream& sender) override;
+  void xmppStreamDidNotAuthenticate(xmpp::XMPPStream& sender,
+                                    const xmpp::XMPPElement& error) override;
+  bool xmppStreamDidReceiveIQ(xmpp::XMPPStream& sender, const xmpp::XMPPIQ& iq) override;
+  void xmppStreamDidReceivePresence(xmpp::XMPPStream& sender,
+                                    const xmpp::XMPPPresence& presence) override;
+  void xmppStreamDidDisconnect(xmpp::XMPPStream& sender,
+                               const std::optional<KQError>& error) override;
+  bool xmppReconnectShouldAttemptAutoReconnect(xmpp::XMPPReconnect& sender) override;
+  void xmppRosterDidReceiveBuddyRequest(xmpp::XMPPRoster& sender,
+                                        const xmpp::XMPPPresence& presence) override;
 
   // --- Network reachability ---------------------------------------------------------------
 
@@ -51,6 +215,36 @@ class KQ_EXPORT KQVisitorXMPPClient {
   mutable std::mutex mutex_;
   std::shared_ptr<KQVisitorSitesManager> sitesManager_;  // guarded by mutex_
   std::shared_ptr<Reachability> reachability_;           // guarded by mutex_
+
+  // Connection.
+  std::shared_ptr<xmpp::XMPPStream> xmppStream_;                        // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect_;                  // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPRoster> xmppRoster_;                        // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage_;    // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage_;      // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule_;      // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule_;  // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities_;            // guarded by mutex_
+  std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> xmppCapabilitiesStorage_;  // guarded
+  bool allowSelfSignedCertificates_ = false;        // guarded by mutex_
+  bool allowSSLHostNameMismatch_ = false;           // guarded by mutex_
+  bool isXmppConnected_ = false;                    // guarded by mutex_
+  bool isxmppStreamDisconnected_ = false;           // guarded by mutex_
+  bool isDisconnectedAllRooms_ = false;             // guarded by mutex_
+  std::shared_ptr<AlertView> loadingAlert_;         // guarded by mutex_
+  std::shared_ptr<AlertView> alertForConectivity_;  // guarded by mutex_
+  std::shared_ptr<Timer> timerForQAScreen_;         // guarded by mutex_
+
+  // Rooms, invitations and notifications.
+  NotificationCenter::Token removeIdleRoomsObserver_ = 0;
+  std::int32_t badgeCount_ = 0;                      // guarded by mutex_
+  std::int32_t messageCounterForOperatorBadge_ = 0;  // guarded by mutex_
+  bool operatorScreenActive_ = false;                // guarded by mutex_
+  std::int64_t panelType_ = 0;                       // guarded by mutex_
+  std::vector<std::any> kqCanMessagesArray_;         // guarded by mutex_
+  std::any loadingActivityIndicator_;                // guarded by mutex_
+  std::weak_ptr<void> chatDelegate_;                 // guarded by mutex_
+  std::weak_ptr<void> messageDelegate_;              // guarded by mutex_
 };
 
 }  // namespace kq

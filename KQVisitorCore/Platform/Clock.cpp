@@ -23,14 +23,16 @@ class SystemClock final : public Clock {
   }
 };
 
+// Never destroyed: queue threads (timers of a stream, a singleton's queues) may still read the
+// clock while the process exits.
 std::mutex& sharedClockMutex() {
-  static std::mutex mutex;
-  return mutex;
+  static auto* mutex = new std::mutex;
+  return *mutex;
 }
 
 std::shared_ptr<Clock>& sharedClockSlot() {
-  static std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
-  return clock;
+  static auto* clock = new std::shared_ptr<Clock>(std::make_shared<SystemClock>());
+  return *clock;
 }
 
 }  // namespace

@@ -29,5 +29,6 @@ int runConfig(const std::vector<std::string>& arguments);
 int runCall(const std::vector<std::string>& arguments);
 int runSoap(const std::vector<std::string>& arguments);
 int runUpload(const std::vector<std::string>& arguments);
+int runXMPP(const std::vector<std::string>& arguments);
 
 }  // namespace kqchat

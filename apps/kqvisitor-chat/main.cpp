@@ -16,6 +16,7 @@ constexpr Command kCommands[] = {
     {"call", "call an operation of the JSON chat service", runCall},
     {"soap", "send an offline message or ask for the languages (SOAP service)", runSoap},
     {"upload", "upload a file of up to 6 MB and print its link", runUpload},
+    {"xmpp", "log in on the XMPP server and chat in a room", runXMPP},
 };
 
 void printUsage(std::ostream& out) {

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPElement.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq::xmpp {
+
+/// Entity capabilities (XEP-0115) kept in memory: the disco#info answer for each verification
+/// string, and which verification string each address announced. Thread-safe.
+class KQ_EXPORT XMPPCapabilitiesMemoryStorage {
+ public:
+  XMPPCapabilitiesMemoryStorage() = default;
+  XMPPCapabilitiesMemoryStorage(const XMPPCapabilitiesMemoryStorage&) = delete;
+  XMPPCapabilitiesMemoryStorage& operator=(const XMPPCapabilitiesMemoryStorage&) = delete;
+
+  /// The process-wide storage.
+  static const std::shared_ptr<XMPPCapabilitiesMemoryStorage>& sharedInstance();
+
+  [[nodiscard]] bool areCapabilitiesKnownForVer(const std::string& ver) const;
+  /// The disco#info <query> stored for `ver` (a copy).
+  [[nodiscard]] std::optional<XMPPElement> capabilitiesForVer(const std::string& ver) const;
+  /// The disco#info <query> of the address `jid` announced; nullopt when unknown.
+  [[nodiscard]] std::optional<XMPPElement> capabilitiesForJID(const XMPPJID& jid) const;
+  /// Stores a copy of `query` for `ver`.
+  void setCapabilities(const std::string& ver, const XMPPElement& query);
+  void setVerForJID(const XMPPJID& jid, const std::string& ver);
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, XMPPElement> byVer_;  // guarded by mutex_
+  std::map<std::string, std::string> verOf_;  // full address -> ver; guarded by mutex_
+};
+
+}  // namespace kq::xmpp

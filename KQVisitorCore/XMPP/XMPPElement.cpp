@@ -1,0 +1,404 @@
+#include <KQVisitorCore/XMPP/XMPPElement.h>
+
+#include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/XMPP/XMPPParser.h>
+
+#include <libxml/tree.h>
+#include <libxml/xpath.h>
+#include <libxml/xpathInternals.h>
+
+#include <stdexcept>
+
+namespace kq::xmpp {
+
+struct XMPPElement::Document {
+  explicit Document(xmlDocPtr document) : doc(document) {}
+  ~Document() { xmlFreeDoc(doc); }
+  Document(const Document&) = delete;
+  Document& operator=(const Document&) = delete;
+
+  xmlDocPtr doc;
+};
+
+namespace {
+
+const xmlChar* asXML(const char* text) {
+  return reinterpret_cast<const xmlChar*>(text);
+}
+
+const xmlChar* xml(std::string_view text, std::string& storage) {
+  storage.assign(text);
+  return asXML(storage.c_str());
+}
+
+std::string fromXML(const xmlChar* value) {
+  return value == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(value));
+}
+
+// Takes ownership of a string libxml2 allocated.
+std::string takeXML(xmlChar* value) {
+  std::string result = fromXML(value);
+  xmlFree(value);
+  return result;
+}
+
+bool nameIs(const xmlNode* node, std::string_view name) {
+  return node->type == XML_ELEMENT_NODE &&
+         std::string_view(reinterpret_cast<const char*>(node->name)) == name;
+}
+
+bool namespaceIs(const xmlNode* node, std::string_view xmlns) {
+  const std::string_view href =
+      node->ns != nullptr && node->ns->href != nullptr
+          ? std::string_view(reinterpret_cast<const char*>(node->ns->href))
+          : std::string_view();
+  return href == xmlns;
+}
+
+xmlDocPtr newDocument() {
+  XMPPParser::initialize();
+  xmlDocPtr doc = xmlNewDoc(asXML("1.0"));
+  if (doc == nullptr) {
+    throw std::bad_alloc();
+  }
+  return doc;
+}
+
+// The attribute `name` of `node`: "prefix:local" names are looked up with their namespace.
+xmlAttrPtr findAttribute(xmlNodePtr node, std::string_view name) {
+  std::string storage;
+  const auto colon = name.find(':');
+  if (colon == std::string_view::npos) {
+    return xmlHasNsProp(node, xml(name, storage), nullptr);
+  }
+  std::string prefixStorage;
+  xmlNsPtr ns = xmlSearchNs(node->doc, node, xml(name.substr(0, colon), prefixStorage));
+  if (ns == nullptr) {
+    return xmlHasNsProp(node, xml(name, storage), nullptr);
+  }
+  return xmlHasNsProp(node, xml(name.substr(colon + 1), storage), ns->href);
+}
+
+}  // namespace
+
+XMPPElement::XMPPElement(std::shared_ptr<Document> document, _xmlNode* node)
+    : document_(std::move(document)), node_(node) {}
+
+XMPPElement::XMPPElement(std::string_view name) {
+  auto document = std::make_shared<Document>(newDocument());
+  std::string storage;
+  xmlNodePtr node = xmlNewDocNode(document->doc, nullptr, xml(name, storage), nullptr);
+  xmlDocSetRootElement(document->doc, node);
+  document_ = std::move(document);
+  node_ = node;
+}
+
+XMPPElement::XMPPElement(std::string_view name, std::string_view xmlns) : XMPPElement(name) {
+  std::string storage;
+  xmlNsPtr ns = xmlNewNs(node_, xml(xmlns, storage), nullptr);
+  xmlSetNs(node_, ns);
+}
+
+XMPPElement XMPPElement::takingDocument(_xmlDoc* document) {
+  auto owner = std::make_shared<Document>(document);
+  xmlNodePtr root = xmlDocGetRootElement(document);
+  return XMPPElement(std::move(owner), root);
+}
+
+std::optional<XMPPElement> XMPPElement::elementWithXMLString(std::string_view text,
+                                                             KQError* error) {
+  std::optional<XMPPElement> result;
+  std::optional<KQError> failure;
+  XMPPParser parser(XMPPParser::Mode::Document,
+                    {.didReadRoot = nullptr,
+                     .didReadElement = [&result](const XMPPElement& element) { result = element; },
+                     .didEnd = nullptr,
+                     .didFail = [&failure](const KQError& reason) { failure = reason; }});
+  parser.parseData(text.data(), text.size());
+  parser.finish();
+  if (!failure && !result) {
+    failure = KQError{XMPPParser::kErrorDomain,
+                      XMPPParser::kErrorMalformed,
+                      {{"NSLocalizedDescription", "no element in the text"}}};
+  }
+  if (failure) {
+    if (error != nullptr) {
+      *error = *failure;
+    }
+    return std::nullopt;
+  }
+  return result;
+}
+
+XMPPElement XMPPElement::copy() const {
+  auto document = std::make_shared<Document>(newDocument());
+  xmlNodePtr node = xmlDocCopyNode(node_, document->doc, 1);
+  if (node == nullptr) {
+    throw std::bad_alloc();
+  }
+  // Namespaces declared above the copied node come along: libxml2 declares them again on the
+  // copy.
+  xmlDocSetRootElement(document->doc, node);
+  return XMPPElement(std::move(document), node);
+}
+
+std::string XMPPElement::name() const {
+  return fromXML(node_->name);
+}
+
+std::string XMPPElement::xmlns() const {
+  return node_->ns != nullptr ? fromXML(node_->ns->href) : std::string();
+}
+
+bool XMPPElement::isElement() const {
+  return node_->type == XML_ELEMENT_NODE;
+}
+
+std::optional<std::string> XMPPElement::attributeStringValueForName(std::string_view name) const {
+  if (!isElement()) {
+    return std::nullopt;
+  }
+  xmlAttrPtr attribute = findAttribute(node_, name);
+  if (attribute == nullptr) {
+    return std::nullopt;
+  }
+  return takeXML(xmlNodeGetContent(reinterpret_cast<xmlNodePtr>(attribute)));
+}
+
+std::string XMPPElement::attributeStringValueForName(std::string_view name,
+                                                     std::string_view defaultValue) const {
+  auto value = attributeStringValueForName(name);
+  return value ? std::move(*value) : std::string(defaultValue);
+}
+
+int XMPPElement::attributeIntValueForName(std::string_view name) const {
+  const auto value = attributeStringValueForName(name);
+  return value ? intValue(*value) : 0;
+}
+
+std::vector<std::pair<std::string, std::string>> XMPPElement::attributes() const {
+  std::vector<std::pair<std::string, std::string>> result;
+  if (!isElement()) {
+    return result;
+  }
+  for (xmlAttrPtr attribute = node_->properties; attribute != nullptr;
+       attribute = attribute->next) {
+    std::string name;
+    if (attribute->ns != nullptr && attribute->ns->prefix != nullptr) {
+      name = fromXML(attribute->ns->prefix) + ":";
+    }
+    name += fromXML(attribute->name);
+    result.emplace_back(std::move(name),
+                        takeXML(xmlNodeGetContent(reinterpret_cast<xmlNodePtr>(attribute))));
+  }
+  return result;
+}
+
+void XMPPElement::addAttributeWithName(std::string_view name, std::string_view value) {
+  std::string nameStorage;
+  std::string valueStorage;
+  if (xmlAttrPtr existing = findAttribute(node_, name)) {
+    // Replace the value in place, as plain text (xmlNodeSetContent would read entities).
+    auto* attribute = reinterpret_cast<xmlNodePtr>(existing);
+    xmlFreeNodeList(attribute->children);
+    attribute->children = nullptr;
+    attribute->last = nullptr;
+    xmlNodePtr textNode = xmlNewDocText(node_->doc, xml(value, valueStorage));
+    xmlAddChild(attribute, textNode);
+    return;
+  }
+  // xmlNewProp stores the value as plain text: "&" stays "&" and is escaped when written.
+  xmlNewProp(node_, xml(name, nameStorage), xml(value, valueStorage));
+}
+
+void XMPPElement::removeAttributeForName(std::string_view name) {
+  if (xmlAttrPtr attribute = findAttribute(node_, name)) {
+    xmlRemoveProp(attribute);
+  }
+}
+
+std::optional<XMPPJID> XMPPElement::to() const {
+  const auto value = attributeStringValueForName("to");
+  return value ? XMPPJID::jidWithString(*value) : std::nullopt;
+}
+
+std::optional<XMPPJID> XMPPElement::from() const {
+  const auto value = attributeStringValueForName("from");
+  return value ? XMPPJID::jidWithString(*value) : std::nullopt;
+}
+
+std::optional<std::string> XMPPElement::elementID() const {
+  return attributeStringValueForName("id");
+}
+
+std::string XMPPElement::stringValue() const {
+  return takeXML(xmlNodeGetContent(node_));
+}
+
+void XMPPElement::setStringValue(std::string_view value) {
+  xmlNodePtr child = node_->children;
+  while (child != nullptr) {
+    xmlNodePtr next = child->next;
+    xmlUnlinkNode(child);
+    xmlFreeNode(child);
+    child = next;
+  }
+  if (!value.empty()) {
+    std::string storage;
+    xmlAddChild(node_, xmlNewDocText(node_->doc, xml(value, storage)));
+  }
+}
+
+std::vector<XMPPElement> XMPPElement::children() const {
+  std::vector<XMPPElement> result;
+  for (xmlNodePtr child = node_->children; child != nullptr; child = child->next) {
+    if (child->type == XML_ELEMENT_NODE) {
+      result.push_back(XMPPElement(document_, child));
+    }
+  }
+  return result;
+}
+
+std::optional<XMPPElement> XMPPElement::elementForName(std::string_view name) const {
+  for (xmlNodePtr child = node_->children; child != nullptr; child = child->next) {
+    if (nameIs(child, name)) {
+      return XMPPElement(document_, child);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<XMPPElement> XMPPElement::elementForName(std::string_view name,
+                                                       std::string_view xmlns) const {
+  for (xmlNodePtr child = node_->children; child != nullptr; child = child->next) {
+    if (nameIs(child, name) && namespaceIs(child, xmlns)) {
+      return XMPPElement(document_, child);
+    }
+  }
+  return std::nullopt;
+}
+
+std::vector<XMPPElement> XMPPElement::elementsForName(std::string_view name) const {
+  std::vector<XMPPElement> result;
+  for (xmlNodePtr child = node_->children; child != nullptr; child = child->next) {
+    if (nameIs(child, name)) {
+      result.push_back(XMPPElement(document_, child));
+    }
+  }
+  return result;
+}
+
+std::optional<XMPPElement> XMPPElement::parent() const {
+  if (node_->parent == nullptr || node_->parent->type != XML_ELEMENT_NODE) {
+    return std::nullopt;
+  }
+  return XMPPElement(document_, node_->parent);
+}
+
+XMPPElement XMPPElement::addChild(const XMPPElement& child) {
+  xmlNodePtr copy = xmlDocCopyNode(child.node_, node_->doc, 1);
+  if (copy == nullptr) {
+    throw std::bad_alloc();
+  }
+  xmlAddChild(node_, copy);
+  if (copy->ns == nullptr && copy->type == XML_ELEMENT_NODE) {
+    xmlSetNs(copy, xmlSearchNs(node_->doc, node_, nullptr));
+  }
+  return XMPPElement(document_, copy);
+}
+
+XMPPElement XMPPElement::addChildElement(std::string_view name) {
+  std::string storage;
+  xmlNodePtr child = xmlNewDocNode(node_->doc, xmlSearchNs(node_->doc, node_, nullptr),
+                                   xml(name, storage), nullptr);
+  xmlAddChild(node_, child);
+  return XMPPElement(document_, child);
+}
+
+XMPPElement XMPPElement::addChildElement(std::string_view name, std::string_view xmlns) {
+  std::string storage;
+  xmlNodePtr child = xmlNewDocNode(node_->doc, nullptr, xml(name, storage), nullptr);
+  xmlAddChild(node_, child);
+  xmlSetNs(child, xmlNewNs(child, xml(xmlns, storage), nullptr));
+  return XMPPElement(document_, child);
+}
+
+void XMPPElement::removeElementsForName(std::string_view name) {
+  xmlNodePtr child = node_->children;
+  while (child != nullptr) {
+    xmlNodePtr next = child->next;
+    if (nameIs(child, name)) {
+      xmlUnlinkNode(child);
+      xmlFreeNode(child);
+    }
+    child = next;
+  }
+}
+
+std::string XMPPElement::XMLString() const {
+  xmlBufferPtr buffer = xmlBufferCreate();
+  if (buffer == nullptr) {
+    throw std::bad_alloc();
+  }
+  if (node_->type == XML_ATTRIBUTE_NODE || node_->type == XML_TEXT_NODE) {
+    xmlBufferFree(buffer);
+    return stringValue();
+  }
+  xmlNodeDump(buffer, node_->doc, node_, 0, 0);
+  std::string result(reinterpret_cast<const char*>(xmlBufferContent(buffer)),
+                     static_cast<std::size_t>(xmlBufferLength(buffer)));
+  xmlBufferFree(buffer);
+  return result;
+}
+
+void XMPPElement::declareXPathNamespace(std::string prefix, std::string uri) {
+  for (auto& binding : xpathNamespaces_) {
+    if (binding.first == prefix) {
+      binding.second = std::move(uri);
+      return;
+    }
+  }
+  xpathNamespaces_.emplace_back(std::move(prefix), std::move(uri));
+}
+
+std::vector<XMPPElement> XMPPElement::nodesForXPath(std::string_view xpath) const {
+  std::vector<XMPPElement> result;
+  XMPPParser::initialize();
+  xmlXPathContextPtr context = xmlXPathNewContext(node_->doc);
+  if (context == nullptr) {
+    return result;
+  }
+  context->node = node_;
+  context->error = [](void* /*userData*/, xmlErrorPtr /*error*/) {};  // an empty result says it
+  // Prefixes declared in the tree, from the top down so that inner declarations win.
+  std::vector<xmlNodePtr> chain;
+  for (xmlNodePtr node = node_; node != nullptr && node->type == XML_ELEMENT_NODE;
+       node = node->parent) {
+    chain.insert(chain.begin(), node);
+  }
+  for (xmlNodePtr node : chain) {
+    for (xmlNsPtr ns = node->nsDef; ns != nullptr; ns = ns->next) {
+      if (ns->prefix != nullptr) {
+        xmlXPathRegisterNs(context, ns->prefix, ns->href);
+      }
+    }
+  }
+  for (const auto& [prefix, uri] : xpathNamespaces_) {
+    xmlXPathRegisterNs(context, asXML(prefix.c_str()), asXML(uri.c_str()));
+  }
+  std::string storage;
+  xmlXPathObjectPtr found = xmlXPathEvalExpression(xml(xpath, storage), context);
+  if (found != nullptr && found->type == XPATH_NODESET && found->nodesetval != nullptr) {
+    for (int i = 0; i < found->nodesetval->nodeNr; ++i) {
+      xmlNodePtr node = found->nodesetval->nodeTab[i];
+      if (node != nullptr && node->type != XML_NAMESPACE_DECL) {
+        result.push_back(XMPPElement(document_, node));
+      }
+    }
+  }
+  xmlXPathFreeObject(found);
+  xmlXPathFreeContext(context);
+  return result;
+}
+
+}  // namespace kq::xmpp

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kq::xmpp {
+
+/// An XMPP address: [user@]domain[/resource]. An immutable value.
+class KQ_EXPORT XMPPJID {
+ public:
+  /// Parses "user@domain/resource" (user and resource optional). nullopt when the text is not
+  /// an address: empty domain, empty user before "@" or empty resource after "/".
+  static std::optional<XMPPJID> jidWithString(std::string_view text);
+  /// The address made of the parts; nullopt when `domain` is empty or a part is empty but given.
+  static std::optional<XMPPJID> jidWithUser(std::optional<std::string> user, std::string domain,
+                                            std::optional<std::string> resource);
+
+  [[nodiscard]] const std::optional<std::string>& user() const { return user_; }
+  [[nodiscard]] const std::string& domain() const { return domain_; }
+  [[nodiscard]] const std::optional<std::string>& resource() const { return resource_; }
+
+  /// "user@domain" (or "domain").
+  [[nodiscard]] std::string bare() const;
+  /// The whole address, with the resource when there is one.
+  [[nodiscard]] std::string full() const;
+  [[nodiscard]] XMPPJID bareJID() const;
+  [[nodiscard]] XMPPJID jidWithNewResource(std::string resource) const;
+  [[nodiscard]] bool isBare() const { return !resource_.has_value(); }
+
+  /// Equal as whole addresses.
+  bool operator==(const XMPPJID& other) const = default;
+  /// Equal without looking at the resources.
+  [[nodiscard]] bool isEqualToJIDIgnoringResource(const XMPPJID& other) const;
+
+ private:
+  XMPPJID(std::optional<std::string> user, std::string domain, std::optional<std::string> resource);
+
+  std::optional<std::string> user_;
+  std::string domain_;
+  std::optional<std::string> resource_;
+};
+
+}  // namespace kq::xmpp

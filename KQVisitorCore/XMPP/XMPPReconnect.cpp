@@ -1,0 +1,184 @@
+#include <KQVisitorCore/XMPP/XMPPReconnect.h>
+
+#include <KQVisitorCore/XMPP/XMPPQueue.h>
+#include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/XMPPTimer.h>
+
+#include <algorithm>
+
+namespace kq::xmpp {
+
+XMPPReconnectDelegate::~XMPPReconnectDelegate() = default;
+
+XMPPReconnect::XMPPReconnect(std::shared_ptr<DispatchQueue> dispatchQueue)
+    : XMPPModule(std::move(dispatchQueue)) {}
+
+XMPPReconnect::~XMPPReconnect() = default;
+
+bool XMPPReconnect::autoReconnect() const {
+  std::scoped_lock lock(settingsMutex_);
+  return autoReconnect_;
+}
+
+void XMPPReconnect::setAutoReconnect(bool autoReconnect) {
+  std::scoped_lock lock(settingsMutex_);
+  autoReconnect_ = autoReconnect;
+}
+
+XMPPReconnect::Seconds XMPPReconnect::reconnectDelay() const {
+  std::scoped_lock lock(settingsMutex_);
+  return reconnectDelay_;
+}
+
+void XMPPReconnect::setReconnectDelay(Seconds delay) {
+  std::scoped_lock lock(settingsMutex_);
+  reconnectDelay_ = delay;
+}
+
+XMPPReconnect::Seconds XMPPReconnect::reconnectTimerInterval() const {
+  std::scoped_lock lock(settingsMutex_);
+  return reconnectTimerInterval_;
+}
+
+void XMPPReconnect::setReconnectTimerInterval(Seconds interval) {
+  std::scoped_lock lock(settingsMutex_);
+  reconnectTimerInterval_ = interval;
+}
+
+bool XMPPReconnect::isReconnecting() const {
+  return reconnecting_.load();
+}
+
+void XMPPReconnect::addDelegate(const std::shared_ptr<XMPPReconnectDelegate>& delegate,
+                                std::shared_ptr<DispatchQueue> queue) {
+  delegates_.add(delegate, std::move(queue));
+}
+
+void XMPPReconnect::removeDelegate(const XMPPReconnectDelegate* delegate) {
+  delegates_.remove(delegate);
+}
+
+void XMPPReconnect::runOnStreamQueue(std::function<void()> task) {
+  const auto stream = xmppStream();
+  if (!stream) {
+    return;
+  }
+  const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
+  stream->streamQueue()->async([self, task = std::move(task)] { task(); });
+}
+
+void XMPPReconnect::manualStart() {
+  runOnStreamQueue([this] {
+    const auto stream = xmppStream();
+    if (stream && stream->isDisconnected() && !reconnecting_.load()) {
+      startAttempts(Seconds::zero());
+    }
+  });
+}
+
+void XMPPReconnect::stop() {
+  runOnStreamQueue([this] { stopAttempts(); });
+}
+
+void XMPPReconnect::willDeactivate() {
+  stopAttempts();
+}
+
+void XMPPReconnect::streamDidConnect() {
+  stopAttempts();
+}
+
+void XMPPReconnect::streamDidAuthenticate() {
+  shouldReconnect_ = true;
+}
+
+void XMPPReconnect::streamWasToldToDisconnect() {
+  shouldReconnect_ = false;
+  stopAttempts();
+}
+
+void XMPPReconnect::streamDidDisconnect(const std::optional<KQError>& error) {
+  if (!shouldReconnect_ || !autoReconnect()) {
+    return;
+  }
+  if (!reconnecting_.load()) {
+    startAttempts(reconnectDelay());
+  }
+  const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
+  delegates_.invoke([self, error](XMPPReconnectDelegate& delegate) {
+    delegate.xmppReconnectDidDetectAccidentalDisconnect(*self, error);
+  });
+}
+
+void XMPPReconnect::startAttempts(Seconds firstDelay) {
+  const auto stream = xmppStream();
+  if (!stream) {
+    return;
+  }
+  stopAttempts();
+  reconnecting_ = true;
+  const auto queue = stream->streamQueue();
+  std::weak_ptr<XMPPReconnect> weak = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
+  const Seconds interval = reconnectTimerInterval();
+  auto startRepeating = [weak, queue, interval] {
+    const auto self = weak.lock();
+    if (!self || interval <= Seconds::zero()) {
+      return;
+    }
+    self->timer_ = XMPPTimer::scheduledTimer(
+        queue, std::chrono::duration_cast<Clock::Duration>(interval), true, [weak] {
+          if (const auto owner = weak.lock()) {
+            owner->attempt();
+          }
+        });
+  };
+  if (firstDelay <= Seconds::zero()) {
+    attempt();
+    startRepeating();
+    return;
+  }
+  firstAttempt_ =
+      XMPPTimer::scheduledTimer(queue, std::chrono::duration_cast<Clock::Duration>(firstDelay),
+                                false, [weak, startRepeating] {
+                                  if (const auto self = weak.lock()) {
+                                    self->firstAttempt_.reset();
+                                    self->attempt();
+                                    startRepeating();
+                                  }
+                                });
+}
+
+void XMPPReconnect::stopAttempts() {
+  reconnecting_ = false;
+  if (firstAttempt_) {
+    firstAttempt_->invalidate();
+    firstAttempt_.reset();
+  }
+  if (timer_) {
+    timer_->invalidate();
+    timer_.reset();
+  }
+}
+
+void XMPPReconnect::attempt() {
+  const auto stream = xmppStream();
+  if (!stream || !stream->isDisconnected() || !reconnecting_.load()) {
+    return;
+  }
+  const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
+  delegates_.ask(
+      [self](XMPPReconnectDelegate& delegate) {
+        return delegate.xmppReconnectShouldAttemptAutoReconnect(*self);
+      },
+      [self](const std::vector<bool>& answers) {
+        const bool allowed = std::all_of(answers.begin(), answers.end(), [](bool b) { return b; });
+        const auto current = self->xmppStream();
+        if (allowed && current && current->isDisconnected() && self->reconnecting_.load()) {
+          current->connectWithTimeout(XMPPStreamTimeoutNone);
+        }
+      },
+      stream->streamQueue());
+}
+
+}  // namespace kq::xmpp

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/XMPP/XMPPModule.h>
+
+#include <chrono>
+#include <memory>
+
+namespace kq::xmpp {
+
+class XMPPReconnectDelegate;
+class XMPPTimer;
+
+/// Reconnects a stream that was lost by accident.
+///
+/// A loss is an accident when the stream had authenticated and was not told to disconnect.
+/// After one, the module waits reconnectDelay() and tries to connect, then tries again every
+/// reconnectTimerInterval() while the stream is disconnected, until a connection succeeds, the
+/// stream is told to disconnect, stop() is called or the module is deactivated. Each attempt is
+/// first put to the delegates (xmppReconnectShouldAttemptAutoReconnect). Timing is kq::Timer
+/// time, so a ManualClock drives it.
+class KQ_EXPORT XMPPReconnect : public XMPPModule {
+ public:
+  using Seconds = std::chrono::duration<double>;
+  static constexpr Seconds kDefaultReconnectDelay{2.0};
+  static constexpr Seconds kDefaultReconnectTimerInterval{20.0};
+
+  explicit XMPPReconnect(std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
+  ~XMPPReconnect() override;
+
+  /// Whether accidental losses are followed by attempts (true until set).
+  [[nodiscard]] bool autoReconnect() const;
+  void setAutoReconnect(bool autoReconnect);
+  /// The wait before the first attempt after a loss; zero or less attempts at once.
+  [[nodiscard]] Seconds reconnectDelay() const;
+  void setReconnectDelay(Seconds delay);
+  /// The interval of further attempts; zero or less makes no further attempts.
+  [[nodiscard]] Seconds reconnectTimerInterval() const;
+  void setReconnectTimerInterval(Seconds interval);
+
+  /// When the stream is disconnected and no attempts are running: tries to connect now and
+  /// every reconnectTimerInterval() after that, as after an accident. Does nothing otherwise.
+  void manualStart();
+  /// Stops the attempts until the next accident or manualStart().
+  void stop();
+  /// True while attempts are scheduled.
+  [[nodiscard]] bool isReconnecting() const;
+
+  void addDelegate(const std::shared_ptr<XMPPReconnectDelegate>& delegate,
+                   std::shared_ptr<DispatchQueue> queue);
+  void removeDelegate(const XMPPReconnectDelegate* delegate);
+
+ protected:
+  void willDeactivate() override;
+  void streamDidConnect() override;
+  void streamDidAuthenticate() override;
+  void streamWasToldToDisconnect() override;
+  void streamDidDisconnect(const std::optional<KQError>& error) override;
+
+ private:
+  void startAttempts(Seconds firstDelay);
+  void stopAttempts();
+  void attempt();
+  void runOnStreamQueue(std::function<void()> task);
+
+  mutable std::mutex settingsMutex_;
+  bool autoReconnect_ = true;                                        // guarded by settingsMutex_
+  Seconds reconnectDelay_ = kDefaultReconnectDelay;                  // guarded by settingsMutex_
+  Seconds reconnectTimerInterval_ = kDefaultReconnectTimerInterval;  // guarded by settingsMutex_
+  std::atomic<bool> reconnecting_{false};
+
+  // On the stream's queue.
+  bool shouldReconnect_ = false;
+  std::shared_ptr<XMPPTimer> firstAttempt_;
+  std::shared_ptr<XMPPTimer> timer_;
+
+  XMPPDelegateList<XMPPReconnectDelegate> delegates_;
+};
+
+}  // namespace kq::xmpp

@@ -1,0 +1,255 @@
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+
+#include <KQVisitorCore/XMPP/XMPPNamespaces.h>
+#include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+namespace kq::xmpp {
+
+namespace {
+
+constexpr std::chrono::duration<double> kOwnerTimeout{60.0};
+
+bool hasStatusCode(const XMPPPresence& presence, int code) {
+  const auto x = presence.elementForName("x", kXMPPMUCUserNamespace);
+  if (!x) {
+    return false;
+  }
+  for (const auto& status : x->elementsForName("status")) {
+    if (status.attributeIntValueForName("code") == code) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+XMPPRoomDelegate::~XMPPRoomDelegate() = default;
+
+XMPPRoom::XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
+                   std::shared_ptr<DispatchQueue> dispatchQueue)
+    : XMPPModule(std::move(dispatchQueue)),
+      storage_(std::move(storage)),
+      roomJID_(roomJID.bareJID()) {}
+
+XMPPRoom::~XMPPRoom() = default;
+
+std::optional<std::string> XMPPRoom::myNickname() const {
+  std::scoped_lock lock(mutex_);
+  return nickname_;
+}
+
+std::optional<XMPPJID> XMPPRoom::myRoomJID() const {
+  const auto nickname = myNickname();
+  return nickname ? XMPPJID::jidWithUser(roomJID_.user(), roomJID_.domain(), *nickname)
+                  : std::nullopt;
+}
+
+bool XMPPRoom::isJoined() const {
+  std::scoped_lock lock(mutex_);
+  return joined_;
+}
+
+void XMPPRoom::addDelegate(const std::shared_ptr<XMPPRoomDelegate>& delegate,
+                           std::shared_ptr<DispatchQueue> queue) {
+  delegates_.add(delegate, std::move(queue));
+}
+
+void XMPPRoom::removeDelegate(const XMPPRoomDelegate* delegate) {
+  delegates_.remove(delegate);
+}
+
+void XMPPRoom::notify(const std::function<void(XMPPRoomDelegate&, XMPPRoom&)>& call) {
+  const auto self = std::static_pointer_cast<XMPPRoom>(shared_from_this());
+  delegates_.invoke([self, call](XMPPRoomDelegate& delegate) { call(delegate, *self); });
+}
+
+void XMPPRoom::joinRoomUsingNickname(const std::string& nickname,
+                                     const std::optional<XMPPElement>& history,
+                                     const std::optional<std::string>& password) {
+  {
+    std::scoped_lock lock(mutex_);
+    nickname_ = nickname;
+  }
+  const auto stream = xmppStream();
+  const auto to = myRoomJID();
+  if (!stream || !to) {
+    return;
+  }
+  XMPPPresence presence(std::nullopt, to);
+  XMPPElement x = presence.addChildElement("x", kXMPPMUCNamespace);
+  if (history) {
+    x.addChild(*history);
+  }
+  if (password) {
+    x.addChildElement("password").setStringValue(*password);
+  }
+  stream->sendElement(presence);
+}
+
+void XMPPRoom::leaveRoom() {
+  const auto stream = xmppStream();
+  const auto to = myRoomJID();
+  if (stream && to) {
+    stream->sendElement(XMPPPresence("unavailable", to));
+  }
+}
+
+void XMPPRoom::configureRoomUsingOptions(const std::optional<XMPPElement>& roomConfigForm) {
+  XMPPElement query("query", kXMPPMUCOwnerNamespace);
+  XMPPElement x = query.addChildElement("x", kXMPPDataFormsNamespace);
+  x.addAttributeWithName("type", "submit");
+  if (roomConfigForm) {
+    for (const auto& field : roomConfigForm->elementsForName("field")) {
+      x.addChild(field);
+    }
+  }
+  sendOwnerIQ(query, false);
+}
+
+void XMPPRoom::destroyRoom() {
+  XMPPElement query("query", kXMPPMUCOwnerNamespace);
+  query.addChildElement("destroy");
+  sendOwnerIQ(query, true);
+}
+
+void XMPPRoom::sendOwnerIQ(const XMPPElement& query, bool destroying) {
+  const auto stream = xmppStream();
+  if (!stream) {
+    return;
+  }
+  std::weak_ptr<XMPPRoom> weak = std::static_pointer_cast<XMPPRoom>(shared_from_this());
+  const XMPPJID room = roomJID_;
+  stream->sendIQ(
+      XMPPIQ("set", room, XMPPStream::generateUUID(), query), kOwnerTimeout,
+      [weak, destroying, room](const std::optional<XMPPIQ>& response) {
+        const auto self = weak.lock();
+        if (!self) {
+          return;
+        }
+        const XMPPIQ answer =
+            response ? *response : XMPPIQ("error", std::nullopt, std::nullopt, std::nullopt);
+        const bool accepted = answer.isResultIQ();
+        if (destroying && accepted) {
+          self->storage_->clearRoom(room);
+        }
+        self->notify([destroying, accepted, answer](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
+          if (destroying) {
+            accepted ? delegate.xmppRoomDidDestroy(sender)
+                     : delegate.xmppRoomDidFailToDestroy(sender, answer);
+          } else {
+            accepted ? delegate.xmppRoomDidConfigure(sender, answer)
+                     : delegate.xmppRoomDidNotConfigure(sender, answer);
+          }
+        });
+      });
+}
+
+void XMPPRoom::inviteUser(const XMPPJID& jid, const std::optional<std::string>& message) {
+  const auto stream = xmppStream();
+  if (!stream) {
+    return;
+  }
+  XMPPMessage invitation(std::nullopt, roomJID_);
+  XMPPElement invite =
+      invitation.addChildElement("x", kXMPPMUCUserNamespace).addChildElement("invite");
+  invite.addAttributeWithName("to", jid.full());
+  if (message && !message->empty()) {
+    invite.addChildElement("reason").setStringValue(*message);
+  }
+  stream->sendElement(invitation);
+}
+
+void XMPPRoom::sendMessage(const XMPPMessage& message) {
+  const auto stream = xmppStream();
+  if (!stream) {
+    return;
+  }
+  XMPPMessage copy(message.copy());
+  copy.addAttributeWithName("to", roomJID_.full());
+  copy.addAttributeWithName("type", "groupchat");
+  stream->sendElement(copy);
+}
+
+void XMPPRoom::streamDidDisconnect(const std::optional<KQError>& /*error*/) {
+  bool wasJoined = false;
+  {
+    std::scoped_lock lock(mutex_);
+    wasJoined = joined_;
+    joined_ = false;
+  }
+  if (wasJoined) {
+    notify([](XMPPRoomDelegate& delegate, XMPPRoom& sender) { delegate.xmppRoomDidLeave(sender); });
+  }
+}
+
+void XMPPRoom::streamDidReceivePresence(const XMPPPresence& presence) {
+  const auto from = presence.from();
+  if (!from || !from->isEqualToJIDIgnoringResource(roomJID_)) {
+    return;
+  }
+  storage_->handlePresence(presence, roomJID_);
+  const auto me = myRoomJID();
+  const bool isMine = hasStatusCode(presence, 110) || (me && *from == *me);
+  if (!isMine) {
+    return;
+  }
+  const bool unavailable = presence.type() == "unavailable";
+  if (presence.type() == "error") {
+    return;  // a refused join: we never were in the room
+  }
+  bool changed = false;
+  {
+    std::scoped_lock lock(mutex_);
+    if (unavailable == joined_) {
+      joined_ = !unavailable;
+      changed = true;
+    }
+  }
+  if (!changed) {
+    return;
+  }
+  if (unavailable) {
+    notify([](XMPPRoomDelegate& delegate, XMPPRoom& sender) { delegate.xmppRoomDidLeave(sender); });
+    return;
+  }
+  const bool created = hasStatusCode(presence, 201);
+  notify([created](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
+    if (created) {
+      delegate.xmppRoomDidCreate(sender);
+    }
+    delegate.xmppRoomDidJoin(sender);
+  });
+}
+
+void XMPPRoom::streamDidReceiveMessage(const XMPPMessage& message) {
+  const auto from = message.from();
+  if (!from || !from->isEqualToJIDIgnoringResource(roomJID_)) {
+    return;
+  }
+  const bool isError = message.type() == "error";
+  if (!message.isGroupChatMessageWithBody() && !isError) {
+    return;  // subjects, invitations' echoes, chat states
+  }
+  if (!isError) {
+    storage_->handleIncomingMessage(message, roomJID_);
+  }
+  notify([message, occupant = *from](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
+    delegate.xmppRoomDidReceiveMessage(sender, message, occupant);
+  });
+}
+
+void XMPPRoom::streamWillSendElement(XMPPElement& element) {
+  if (element.name() != "message" || element.attributeStringValueForName("type") != "groupchat" ||
+      !element.elementForName("body")) {
+    return;
+  }
+  const auto to = element.to();
+  if (to && to->isEqualToJIDIgnoringResource(roomJID_)) {
+    storage_->handleOutgoingMessage(XMPPMessage(element), roomJID_);
+  }
+}
+
+}  // namespace kq::xmpp

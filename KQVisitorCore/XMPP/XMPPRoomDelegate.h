@@ -1,0 +1,42 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPIQ.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+#include <KQVisitorCore/XMPP/XMPPMessage.h>
+
+namespace kq::xmpp {
+
+class XMPPRoom;
+
+/// What a multi-user-chat room tells its delegates, on the queue each was added with. Every
+/// method does nothing unless overridden.
+class KQ_EXPORT XMPPRoomDelegate {
+ public:
+  XMPPRoomDelegate() = default;
+  XMPPRoomDelegate(const XMPPRoomDelegate&) = delete;
+  XMPPRoomDelegate& operator=(const XMPPRoomDelegate&) = delete;
+  virtual ~XMPPRoomDelegate();
+
+  /// The server created the room for our join (status 201); did-join follows.
+  virtual void xmppRoomDidCreate(XMPPRoom& /*sender*/) {}
+  /// We are in the room.
+  virtual void xmppRoomDidJoin(XMPPRoom& /*sender*/) {}
+  /// We are out of the room (we left, were removed, or the room was destroyed).
+  virtual void xmppRoomDidLeave(XMPPRoom& /*sender*/) {}
+  /// The room was destroyed at our request.
+  virtual void xmppRoomDidDestroy(XMPPRoom& /*sender*/) {}
+  /// The server refused to destroy the room; `iqError` is its answer (an empty error IQ when
+  /// no answer came).
+  virtual void xmppRoomDidFailToDestroy(XMPPRoom& /*sender*/, const XMPPIQ& /*iqError*/) {}
+  /// The server accepted the room configuration we submitted.
+  virtual void xmppRoomDidConfigure(XMPPRoom& /*sender*/, const XMPPIQ& /*iqResult*/) {}
+  /// The server refused it.
+  virtual void xmppRoomDidNotConfigure(XMPPRoom& /*sender*/, const XMPPIQ& /*iqResult*/) {}
+  /// A group-chat message with a body, or an error message, came from the room;
+  /// `occupantJID` is its sender (room@service/nick, or the room itself).
+  virtual void xmppRoomDidReceiveMessage(XMPPRoom& /*sender*/, const XMPPMessage& /*message*/,
+                                         const XMPPJID& /*occupantJID*/) {}
+};
+
+}  // namespace kq::xmpp

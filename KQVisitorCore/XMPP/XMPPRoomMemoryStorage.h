@@ -1,0 +1,53 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+#include <KQVisitorCore/XMPP/XMPPMessage.h>
+#include <KQVisitorCore/XMPP/XMPPPresence.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kq::xmpp {
+
+/// What the rooms have seen, kept in memory per room: the occupants' latest presence and the
+/// messages received and sent. Thread-safe.
+class KQ_EXPORT XMPPRoomMemoryStorage {
+ public:
+  /// The most messages kept per room; the oldest go first.
+  static constexpr std::size_t kMaxMessagesPerRoom = 500;
+
+  XMPPRoomMemoryStorage() = default;
+  XMPPRoomMemoryStorage(const XMPPRoomMemoryStorage&) = delete;
+  XMPPRoomMemoryStorage& operator=(const XMPPRoomMemoryStorage&) = delete;
+
+  /// The process-wide storage.
+  static const std::shared_ptr<XMPPRoomMemoryStorage>& sharedInstance();
+
+  /// Records an occupant's presence (an unavailable presence removes the occupant).
+  void handlePresence(const XMPPPresence& presence, const XMPPJID& roomJID);
+  void handleIncomingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+  void handleOutgoingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+  /// Forgets a room.
+  void clearRoom(const XMPPJID& roomJID);
+
+  /// The nicknames of the room's occupants, sorted.
+  [[nodiscard]] std::vector<std::string> occupantNicknames(const XMPPJID& roomJID) const;
+  /// Copies of the room's messages, oldest first.
+  [[nodiscard]] std::vector<XMPPMessage> messages(const XMPPJID& roomJID) const;
+
+ private:
+  struct Room {
+    std::map<std::string, XMPPPresence> occupants;
+    std::vector<XMPPMessage> messages;
+  };
+  void addMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+
+  mutable std::mutex mutex_;
+  std::map<std::string, Room> rooms_;  // guarded by mutex_
+};
+
+}  // namespace kq::xmpp

@@ -1,0 +1,177 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/XMPP/XMPPElement.h>
+#include <KQVisitorCore/XMPP/XMPPIQ.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kq::xmpp {
+
+class XMPPModule;
+class XMPPQueue;
+class XMPPSASLAuthentication;
+class XMPPStreamDelegate;
+
+/// Whether the stream upgrades to TLS (STARTTLS) after opening.
+enum class XMPPStreamStartTLSPolicy {
+  /// Never ask for TLS; a server that requires it is left with an error.
+  None = 0,
+  /// Upgrade whenever the server offers TLS, continue in the clear when it does not.
+  Preferred = 1,
+  /// Upgrade, and give up with an error when the server does not offer TLS.
+  Required = 2,
+};
+
+/// Where the stream is in its life.
+enum class XMPPStreamState {
+  Disconnected,
+  /// Resolving the host and opening the TCP connection.
+  Connecting,
+  /// Opening the XML stream, TLS, authentication and resource binding.
+  Negotiating,
+  /// Open and negotiated: before authentication (ready for authenticate()) or after it.
+  Connected,
+};
+
+/// The connect timeout that means none.
+inline constexpr std::chrono::duration<double> XMPPStreamTimeoutNone{-1.0};
+
+/// An XMPP client stream over TCP, with STARTTLS, SASL and resource binding.
+///
+/// The stream runs on a queue of its own (streamQueue(): one thread with an event loop) where it
+/// does its socket I/O, parsing and module work. Every public method is thread-safe: it reads
+/// the stream's state at once and posts the work to the queue. Delegates are called on the
+/// queue each was added with, in the order they were added; modules (XMPPModule) hear of each
+/// event first, on the stream's queue.
+///
+/// The stream stays alive while a connection is open (its I/O holds it); disconnect() and the
+/// did-disconnect event let it go.
+class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
+ public:
+  /// Error domain and codes of the stream's own errors (did-disconnect, failed calls).
+  static constexpr const char* kErrorDomain = "XMPPStreamErrorDomain";
+  enum ErrorCode : long {
+    kErrorInvalidState = 1,
+    kErrorInvalidProperty = 2,
+    kErrorUnsupportedAction = 3,
+    kErrorConnectTimeout = 4,
+    kErrorSocket = 5,
+    kErrorTLS = 6,
+    kErrorServerClosed = 7,
+    kErrorStreamError = 8,
+    kErrorProtocol = 9,
+    kErrorNotConnected = 10,
+  };
+
+  static std::shared_ptr<XMPPStream> create();
+
+  XMPPStream(const XMPPStream&) = delete;
+  XMPPStream& operator=(const XMPPStream&) = delete;
+  ~XMPPStream();
+
+  // --- Settings (read when a connection starts) -------------------------------------------
+
+  /// The host to connect to; empty means the domain of myJID().
+  [[nodiscard]] std::string hostName() const;
+  void setHostName(std::string hostName);
+  /// The TCP port; 5222 until set.
+  [[nodiscard]] std::uint16_t hostPort() const;
+  void setHostPort(std::uint16_t hostPort);
+  /// The account's address. Set before connecting; after authentication it is the address the
+  /// server bound (with SASL ANONYMOUS the server picks the user part).
+  [[nodiscard]] std::optional<XMPPJID> myJID() const;
+  void setMyJID(std::optional<XMPPJID> jid);
+  [[nodiscard]] XMPPStreamStartTLSPolicy startTLSPolicy() const;
+  void setStartTLSPolicy(XMPPStreamStartTLSPolicy policy);
+  /// Keep the connection while the application is in the background. Kept for hosts that ask;
+  /// on Linux a connection is never suspended, so the flag changes nothing.
+  [[nodiscard]] bool enableBackgroundingOnSocket() const;
+  void setEnableBackgroundingOnSocket(bool enable);
+
+  // --- State --------------------------------------------------------------------------------
+
+  [[nodiscard]] XMPPStreamState state() const;
+  [[nodiscard]] bool isDisconnected() const { return state() == XMPPStreamState::Disconnected; }
+  /// Connecting or negotiating: a connection is under way but not ready.
+  [[nodiscard]] bool isConnecting() const;
+  [[nodiscard]] bool isConnected() const { return state() == XMPPStreamState::Connected; }
+  [[nodiscard]] bool isAuthenticated() const;
+  [[nodiscard]] bool isAuthenticating() const;
+  /// TLS is on.
+  [[nodiscard]] bool isSecure() const;
+  /// The SASL mechanisms the server offered (known once connected).
+  [[nodiscard]] std::vector<std::string> supportedAuthenticationMechanisms() const;
+  [[nodiscard]] bool supportsAnonymousAuthentication() const;
+  [[nodiscard]] bool supportsPlainAuthentication() const;
+
+  // --- Connecting -----------------------------------------------------------------------------
+
+  /// Starts connecting to hostName():hostPort() as myJID(). Answers false with `error` (when
+  /// given) if the stream is not disconnected or myJID() is not set; otherwise true, and the
+  /// outcome arrives as did-connect or did-disconnect. `timeout` bounds the time until
+  /// did-connect (XMPPStreamTimeoutNone: no bound).
+  bool connectWithTimeout(std::chrono::duration<double> timeout, KQError* error = nullptr);
+
+  /// Closes the stream after the elements already handed to sendElement have been written;
+  /// did-disconnect follows with no error. Does nothing when disconnected.
+  void disconnect();
+
+  /// Authenticates with `authentication` (SASL). Answers false with `error` when the stream is
+  /// not connected, is already authenticated or authenticating, or the server does not offer
+  /// the mechanism; otherwise true, and did-authenticate or did-not-authenticate follows.
+  bool authenticate(const std::shared_ptr<XMPPSASLAuthentication>& authentication,
+                    KQError* error = nullptr);
+
+  // --- Sending ----------------------------------------------------------------------------------
+
+  /// Sends a copy of `element` (taken now, on the calling thread). Sent only while connected;
+  /// otherwise did-fail-to-send-element reports it. Elements sent from one thread leave in the
+  /// order they were sent; between threads there is no order.
+  void sendElement(const XMPPElement& element);
+
+  /// Sends the IQ `iq` (given an id when it has none) and calls `response` on the stream's queue
+  /// with the matching result or error, or with nullopt when `timeout` passes first or the
+  /// stream disconnects.
+  void sendIQ(const XMPPIQ& iq, std::chrono::duration<double> timeout,
+              std::function<void(const std::optional<XMPPIQ>&)> response);
+
+  /// A new unique id for a stanza.
+  static std::string generateUUID();
+
+  // --- Delegates and modules ------------------------------------------------------------------
+
+  /// Adds `delegate` (held weakly), to be called on `queue`.
+  void addDelegate(const std::shared_ptr<XMPPStreamDelegate>& delegate,
+                   std::shared_ptr<DispatchQueue> queue);
+  /// Removes `delegate`; calls already posted for it are dropped.
+  void removeDelegate(const XMPPStreamDelegate* delegate);
+
+  /// The stream's own queue.
+  [[nodiscard]] const std::shared_ptr<XMPPQueue>& streamQueue() const;
+
+  /// The active modules, in order of activation (read on the stream's queue, waited for).
+  [[nodiscard]] std::vector<std::shared_ptr<XMPPModule>> registeredModules() const;
+
+  /// The stream's state and connection; private to XMPPStream.cpp.
+  struct Impl;
+
+ private:
+  friend class XMPPModule;
+  XMPPStream();
+  void registerModule(const std::shared_ptr<XMPPModule>& module);
+  void unregisterModule(const XMPPModule* module);
+
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kq::xmpp

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPElement.h>
+#include <KQVisitorCore/XMPP/XMPPJID.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kq::xmpp {
+
+/// vCards (vcard-temp) kept in memory by bare address. Thread-safe.
+class KQ_EXPORT XMPPvCardMemoryStorage {
+ public:
+  XMPPvCardMemoryStorage() = default;
+  XMPPvCardMemoryStorage(const XMPPvCardMemoryStorage&) = delete;
+  XMPPvCardMemoryStorage& operator=(const XMPPvCardMemoryStorage&) = delete;
+
+  /// The process-wide storage.
+  static const std::shared_ptr<XMPPvCardMemoryStorage>& sharedInstance();
+
+  /// A copy of the <vCard> stored for the bare address of `jid`.
+  [[nodiscard]] std::optional<XMPPElement> vCardTempForJID(const XMPPJID& jid) const;
+  /// Stores a copy of `vCard` for the bare address of `jid`.
+  void setvCardTemp(const XMPPElement& vCard, const XMPPJID& jid);
+  /// The lower-case hex SHA-1 of the vCard's photo; empty for a vCard without a photo;
+  /// nullopt when no vCard is stored.
+  [[nodiscard]] std::optional<std::string> photoHashForJID(const XMPPJID& jid) const;
+  /// The decoded photo; nullopt when there is none.
+  [[nodiscard]] std::optional<std::string> photoDataForJID(const XMPPJID& jid) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, XMPPElement> vCards_;  // guarded by mutex_
+};
+
+}  // namespace kq::xmpp

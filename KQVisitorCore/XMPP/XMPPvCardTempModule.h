@@ -1,0 +1,58 @@
+#pragma once
+
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/XMPP/XMPPModule.h>
+
+#include <memory>
+
+namespace kq::xmpp {
+
+class XMPPvCardMemoryStorage;
+class XMPPvCardTempModule;
+
+/// What the vCard module tells its delegates, on the queue each was added with.
+class KQ_EXPORT XMPPvCardTempModuleDelegate {
+ public:
+  XMPPvCardTempModuleDelegate() = default;
+  XMPPvCardTempModuleDelegate(const XMPPvCardTempModuleDelegate&) = delete;
+  XMPPvCardTempModuleDelegate& operator=(const XMPPvCardTempModuleDelegate&) = delete;
+  virtual ~XMPPvCardTempModuleDelegate();
+
+  /// A vCard was fetched and stored.
+  virtual void xmppvCardTempModuleDidReceivevCardTemp(XMPPvCardTempModule& /*sender*/,
+                                                      const XMPPElement& /*vCardTemp*/,
+                                                      const XMPPJID& /*jid*/) {}
+};
+
+/// vCards (XEP-0054): fetches them into the storage, and answers vCard requests addressed to
+/// this client with our own (or an empty one).
+class KQ_EXPORT XMPPvCardTempModule : public XMPPModule {
+ public:
+  explicit XMPPvCardTempModule(std::shared_ptr<XMPPvCardMemoryStorage> storage,
+                               std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
+  ~XMPPvCardTempModule() override;
+
+  [[nodiscard]] const std::shared_ptr<XMPPvCardMemoryStorage>& xmppvCardTempModuleStorage() const {
+    return storage_;
+  }
+
+  /// Fetches the vCard of the bare address of `jid` unless the storage has it (or
+  /// `ignoreStorage`).
+  void fetchvCardTempForJID(const XMPPJID& jid, bool ignoreStorage = false);
+  /// Our own vCard from the storage; nullopt when unknown.
+  [[nodiscard]] std::optional<XMPPElement> myvCardTemp() const;
+
+  void addDelegate(const std::shared_ptr<XMPPvCardTempModuleDelegate>& delegate,
+                   std::shared_ptr<DispatchQueue> queue);
+  void removeDelegate(const XMPPvCardTempModuleDelegate* delegate);
+
+ protected:
+  bool streamDidReceiveIQ(const XMPPIQ& iq) override;
+
+ private:
+  const std::shared_ptr<XMPPvCardMemoryStorage> storage_;
+  XMPPDelegateList<XMPPvCardTempModuleDelegate> delegates_;
+};
+
+}  // namespace kq::xmpp

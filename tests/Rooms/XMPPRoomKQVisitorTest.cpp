@@ -1,0 +1,158 @@
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+#include "tests/support/FakeXMPPPeer.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MainQueue.h"
+#include "tests/support/XMPPTestDelegates.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+
+namespace kq {
+namespace {
+
+using test::FakeXMPPPeer;
+using test::runMainQueueUntil;
+using xmpp::XMPPJID;
+
+constexpr const char* kTimeStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})";
+
+class XMPPRoomKQVisitorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stream = xmpp::XMPPStream::create();
+    stream->setHostName("127.0.0.1");
+    stream->setHostPort(peer.port());
+    stream->setMyJID(XMPPJID::jidWithString("u1@localhost/TellioiPhone"));
+    stream->addDelegate(events, DispatchQueue::main());
+    room = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+                                            *XMPPJID::jidWithString("room42@conference.localhost"),
+                                            DispatchQueue::main());
+    room->activate(stream);
+    ASSERT_TRUE(stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone));
+    ASSERT_TRUE(peer.openStream("ANONYMOUS"));
+    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didConnect") == 1; }));
+    ASSERT_TRUE(stream->authenticate(std::make_shared<xmpp::XMPPAnonymousAuthentication>()));
+    peer.completeAuthentication("k9@localhost/TellioiPhone");
+    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didAuthenticate") == 1; }));
+  }
+
+  void TearDown() override {
+    room->deactivate();
+    stream->disconnect();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+  }
+
+  // Sends a marker presence and returns what the server read before it.
+  std::string receivedBeforeMarker() {
+    stream->sendElement(xmpp::XMPPPresence(std::string("probe"), std::nullopt));
+    const std::string text = peer.receiveUntil("<presence type=\"probe\"/>");
+    return text.substr(0, text.size() - std::string("<presence type=\"probe\"/>").size());
+  }
+
+  FakeXMPPPeer peer;
+  std::shared_ptr<xmpp::XMPPStream> stream;
+  std::shared_ptr<xmpp::XMPPRoom> room;
+  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
+};
+
+TEST_F(XMPPRoomKQVisitorTest, ChatPacketHasItsAttributesInOrder) {
+  sendKQVisitorMessage(room, "Hi", "0", "W9", "0", "Ann & \"Bob\" <b>", "42");
+  const std::string packet = peer.receiveUntil("</message>");
+  EXPECT_TRUE(std::regex_match(
+      packet, std::regex("<message to=\"room42@conference\\.localhost\" type=\"groupchat\" "
+                         "user_id=\"0\" custom_packet=\"true\" website_id=\"W9\" manager_id=\"0\" "
+                         "chat_id=\"42\" visitor_name=\"Ann &amp; &quot;Bob&quot; &lt;b&gt;\" "
+                         "time_stamp=\"" +
+                         std::string(kTimeStamp) + "\"><body>Hi</body></message>")))
+      << packet;
+  // Absent ids are written empty; empty text sends nothing.
+  sendKQVisitorMessage(room, "", "0", "W9", "0", "Ann", "42");
+  sendKQVisitorMessage(room, "x", std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                       std::nullopt);
+  const std::string next = receivedBeforeMarker();
+  EXPECT_TRUE(std::regex_match(
+      next, std::regex("<message to=\"room42@conference\\.localhost\" type=\"groupchat\" "
+                       "user_id=\"\" custom_packet=\"true\" website_id=\"\" manager_id=\"\" "
+                       "chat_id=\"\" visitor_name=\"\" time_stamp=\"" +
+                       std::string(kTimeStamp) + "\"><body>x</body></message>")))
+      << next;
+}
+
+TEST_F(XMPPRoomKQVisitorTest, PacketsWaitForTheModuleQueueWhenSentFromElsewhere) {
+  // From another thread the packet is posted to the room's queue (the main queue here): it
+  // leaves only once that queue runs.
+  std::thread other([&] { sendKQVisitorMessage(room, "later", "0", "W", "0", "A", "42"); });
+  other.join();
+  EXPECT_EQ(receivedBeforeMarker(), "");
+  test::drainMainQueue();
+  EXPECT_NE(peer.receiveUntil("</message>").find("<body>later</body>"), std::string::npos);
+  // On the room's queue it is built and handed to the stream at once.
+  sendKQVisitorMessage(room, "now", "0", "W", "0", "A", "42");
+  EXPECT_NE(receivedBeforeMarker().find("<body>now</body>"), std::string::npos);
+}
+
+TEST_F(XMPPRoomKQVisitorTest, InvitationCarriesOnlyTheReasonAndTheOperator) {
+  sendKQVisitorInvite(room, "42|W9|7|Ann|x|Hello", "0", "W9", "0", "Ann", "42", "77");
+  EXPECT_EQ(peer.receiveUntil("</message>"),
+            "<message to=\"room42@conference.localhost\"><x "
+            "xmlns=\"http://jabber.org/protocol/muc#user\"><invite to=\"77@localhost\"><reason>"
+            "42|W9|7|Ann|x|Hello</reason></invite></x></message>");
+  sendKQVisitorInvite(room, "", "0", "W9", "0", "Ann", "42", "77");
+  EXPECT_EQ(receivedBeforeMarker(), "");
+}
+
+TEST_F(XMPPRoomKQVisitorTest, DestroyNoticeIgnoresTheUserIdAndLogsTheStreamAddress) {
+  test::LogCapture log;
+  sendKQVisitorRoomDestroyMessageUserid(room, "42", "W9", "Ann", "42");
+  const std::string notice = peer.receiveUntil("</message>");
+  EXPECT_TRUE(std::regex_match(
+      notice,
+      std::regex("<message from=\"k9@localhost/TellioiPhone\" to=\"room42@conference\\.localhost\" "
+                 "type=\"groupchat\" user_id=\"0\" custom_packet=\"true\" website_id=\"W9\" "
+                 "manager_id=\"0\" chat_id=\"42\" visitor_name=\"Ann\" end_time=\"true\" "
+                 "xmlns=\"jabber:client\" time_stamp=\"" +
+                 std::string(kTimeStamp) + "\"><body>\\[destroy room\\]</body></message>")))
+      << notice;
+  EXPECT_TRUE(log.contains("k9@localhost/TellioiPhone"));
+}
+
+TEST_F(XMPPRoomKQVisitorTest, ChatStatesAreBodilessGroupMessages) {
+  sendComposingChatState(room);
+  sendPausedChatState(room);
+  sendActiveChatState(room);
+  sendInactiveChatState(room);
+  sendGoneChatState(room);
+  const std::string prefix = R"(<message type="groupchat" to="room42@conference.localhost"><)";
+  const std::string suffix = R"( xmlns="http://jabber.org/protocol/chatstates"/></message>)";
+  EXPECT_EQ(receivedBeforeMarker(), prefix + "composing" + suffix + prefix + "paused" + suffix +
+                                        prefix + "active" + suffix + prefix + "inactive" + suffix +
+                                        prefix + "gone" + suffix);
+  EXPECT_EQ(getKQVisitorGroupMessage(*room).XMLString(),
+            "<message type=\"groupchat\" to=\"room42@conference.localhost\"/>");
+}
+
+TEST_F(XMPPRoomKQVisitorTest, DisconnectClosesTheWholeStream) {
+  disconnect(room);
+  EXPECT_EQ(peer.receiveUntilClosed(), "</stream:stream>");
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  // Nothing to do for a room without a stream.
+  room->deactivate();
+  sendKQVisitorMessage(room, "Hi", "0", "W", "0", "A", "42");
+  sendComposingChatState(room);
+  disconnect(room);
+  sendKQVisitorMessage(nullptr, "Hi", "0", "W", "0", "A", "42");
+}
+
+}  // namespace
+}  // namespace kq

@@ -1,0 +1,347 @@
+// The XMPP client and the chat packet against a real Prosody on loopback.
+
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/Utilities/DatePlus.h>
+#include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+#include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
+#include "tests/support/ProsodyServer.h"
+#include "tests/support/XMPPTestDelegates.h"
+
+#include <gtest/gtest.h>
+
+#include <any>
+
+namespace kq {
+namespace {
+
+using test::ProsodyServer;
+using test::runMainQueueUntil;
+using xmpp::XMPPJID;
+
+// Counts the client's notifications.
+class Notifications {
+ public:
+  Notifications() {
+    for (const char* name : {"LoginSuccess", "ConnectNotification"}) {
+      tokens_.push_back(NotificationCenter::defaultCenter().addObserver(
+          name, [this](const Notification& notification) {
+            names.push_back(notification.name);
+            if (notification.name == "LoginSuccess") {
+              logins.push_back(std::any_cast<bool>(notification.object));
+            }
+          }));
+    }
+  }
+  ~Notifications() {
+    for (const auto token : tokens_) {
+      NotificationCenter::defaultCenter().removeObserver(token);
+    }
+  }
+  Notifications(const Notifications&) = delete;
+  Notifications& operator=(const Notifications&) = delete;
+
+  [[nodiscard]] int count(const std::string& name) const {
+    return static_cast<int>(std::count(names.begin(), names.end(), name));
+  }
+
+  std::vector<std::string> names;
+  std::vector<bool> logins;
+
+ private:
+  std::vector<NotificationCenter::Token> tokens_;
+};
+
+// A client logged in with a password, as the operator's agent logs in.
+struct Operator {
+  explicit Operator(const ProsodyServer& server) {
+    stream->setHostName("127.0.0.1");
+    stream->setHostPort(server.port());
+    stream->setMyJID(XMPPJID::jidWithString("42@localhost/agent"));
+    stream->addDelegate(events, DispatchQueue::main());
+  }
+  ~Operator() {
+    stream->disconnect();
+    runMainQueueUntil([&] { return stream->isDisconnected(); });
+    for (const auto& module : stream->registeredModules()) {
+      module->deactivate();
+    }
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
+    stream.reset();
+    runMainQueueUntil([&] { return gone.expired(); });
+  }
+  Operator(const Operator&) = delete;
+  Operator& operator=(const Operator&) = delete;
+
+  bool login() {
+    if (!stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone) ||
+        !runMainQueueUntil([&] { return events->count("didConnect") == 1; }) ||
+        !stream->authenticate(std::make_shared<xmpp::XMPPPlainAuthentication>("secret"))) {
+      return false;
+    }
+    if (!runMainQueueUntil([&] { return events->count("didAuthenticate") == 1; })) {
+      return false;
+    }
+    stream->sendElement(xmpp::XMPPPresence());  // available: messages to 42@localhost reach us
+    return true;
+  }
+
+  std::shared_ptr<xmpp::XMPPStream> stream = xmpp::XMPPStream::create();
+  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
+};
+
+std::shared_ptr<KQVisitorUser> visitor(const std::string& id) {
+  auto user = std::make_shared<KQVisitorUser>();
+  user->setUserId(id);
+  user->setUsername("Ann");
+  return user;
+}
+
+class ProsodyTest : public ::testing::Test {
+ protected:
+  void startServer(ProsodyServer::Options options) {
+    if (!ProsodyServer::isAvailable()) {
+      GTEST_FAIL() << "Prosody is not installed (scripts/install-deps installs it)";
+    }
+    options.accounts["42"] = "secret";
+    server = std::make_unique<ProsodyServer>(options);
+    KQVisitorConfig config = KQVisitorConfig::shared();
+    config.xmppHost = "127.0.0.1";
+    config.xmppPort = server->port();
+    config.caFile = server->caFile();
+    KQVisitorConfig::setShared(config);
+    client = KQVisitorXMPPClient::createClient();
+    client->addStreamDelegate(events);
+  }
+
+  void TearDown() override {
+    if (client) {
+      client->disconnect();
+      runMainQueueUntil([&] { return client->xmppStream()->isDisconnected(); });
+      const std::weak_ptr<xmpp::XMPPStream> gone = client->xmppStream();
+      client.reset();
+      EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+    }
+    server.reset();
+  }
+
+  void loginVisitor() {
+    ASSERT_TRUE(client->connectUser(visitor("u1")));
+    ASSERT_TRUE(runMainQueueUntil([&] { return notifications.count("ConnectNotification") == 1; }))
+        << (events->disconnectError ? events->disconnectError->description() : "");
+  }
+
+  // Joins room<chatId> as the product does and submits the default configuration once the
+  // server reports the room created.
+  std::shared_ptr<xmpp::XMPPRoom> createRoom(const std::string& chatId,
+                                             const std::shared_ptr<test::RoomEvents>& roomEvents) {
+    auto room = std::make_shared<xmpp::XMPPRoom>(
+        xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+        *XMPPJID::jidWithString("room" + chatId + "@conference.localhost"), DispatchQueue::main());
+    room->activate(client->xmppStream());
+    room->addDelegate(roomEvents, DispatchQueue::main());
+    room->addDelegate(client, DispatchQueue::main());
+    room->joinRoomUsingNickname("Ann", std::nullopt);
+    EXPECT_TRUE(runMainQueueUntil([&] { return roomEvents->count("didJoin") == 1; }));
+    EXPECT_EQ(roomEvents->count("didCreate"), 1);
+    room->configureRoomUsingOptions(std::nullopt);
+    EXPECT_TRUE(runMainQueueUntil([&] { return roomEvents->count("didConfigure") == 1; }));
+    return room;
+  }
+
+  std::unique_ptr<ProsodyServer> server;
+  std::shared_ptr<KQVisitorXMPPClient> client;
+  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
+  Notifications notifications;
+};
+
+class ProsodyLoginTest : public ProsodyTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ProsodyLoginTest, VisitorLogsInAnonymouslyAndTakesTheBoundAddress) {
+  const bool tls = GetParam();
+  ProsodyServer::Options options;
+  options.tls = tls;
+  startServer(options);
+  loginVisitor();
+  EXPECT_EQ(notifications.names, (std::vector<std::string>{"LoginSuccess", "ConnectNotification"}));
+  EXPECT_EQ(notifications.logins, std::vector<bool>{true});
+  const auto stream = client->xmppStream();
+  EXPECT_EQ(stream->isSecure(), tls);
+  EXPECT_EQ(events->count("didSecure"), tls ? 1 : 0);
+  const auto me = stream->myJID();
+  ASSERT_TRUE(me);
+  EXPECT_NE(me->user(), "u1");  // the server picked the node
+  EXPECT_EQ(me->domain(), "localhost");
+  EXPECT_EQ(me->resource(), "TellioiPhone");
+  EXPECT_TRUE(client->isXmppConnected());
+
+  client->disconnect();
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  EXPECT_FALSE(events->disconnectError);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAndWithoutTLS, ProsodyLoginTest, ::testing::Bool(),
+                         [](const auto& parameter) {
+                           return parameter.param ? "STARTTLS" : "Plain";
+                         });
+
+TEST_F(ProsodyTest, ACertificateForAnotherHostIsRefused) {
+  ProsodyServer::Options options;
+  options.certificateNames = {"wronghost.example"};
+  startServer(options);
+  ASSERT_TRUE(client->connectUser(visitor("u1")));
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  ASSERT_TRUE(events->disconnectError);
+  EXPECT_EQ(events->disconnectError->code, xmpp::XMPPStream::kErrorTLS);
+  EXPECT_EQ(events->count("didConnect"), 0);
+  EXPECT_TRUE(notifications.names.empty());
+  EXPECT_FALSE(client->isXmppConnected());
+  EXPECT_TRUE(client->isxmppStreamDisconnected());
+
+  // With the name check off, the same certificate (signed by a trusted authority) passes.
+  client->setAllowSSLHostNameMismatch(true);
+  loginVisitor();
+  EXPECT_TRUE(client->xmppStream()->isSecure());
+  EXPECT_FALSE(client->isxmppStreamDisconnected());
+}
+
+TEST_F(ProsodyTest, RoomIsCreatedConfiguredAndOpenToTheOperator) {
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  auto roomEvents = std::make_shared<test::RoomEvents>();
+  auto room = createRoom("1001", roomEvents);
+  EXPECT_TRUE(room->isJoined());
+
+  Operator agent(*server);
+  ASSERT_TRUE(agent.login());
+  auto operatorRoom = std::make_shared<xmpp::XMPPRoom>(
+      xmpp::XMPPRoomMemoryStorage::sharedInstance(), room->roomJID(), DispatchQueue::main());
+  auto operatorEvents = std::make_shared<test::RoomEvents>();
+  operatorRoom->addDelegate(operatorEvents, DispatchQueue::main());
+  operatorRoom->activate(agent.stream);
+  operatorRoom->joinRoomUsingNickname("Operator", std::nullopt);
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+  EXPECT_EQ(operatorEvents->count("didCreate"), 0);  // the room existed and was unlocked
+  operatorRoom->deactivate();
+  room->deactivate();
+}
+
+TEST_F(ProsodyTest, ChatPacketIsReflectedAndReadBackFieldByField) {
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  auto roomEvents = std::make_shared<test::RoomEvents>();
+  auto room = createRoom("1002", roomEvents);
+  sendKQVisitorMessage(room, "Hello & <welcome> \"friend\"", "0", "W9", "0", "Ann & \"Bo\" <b>",
+                       "1002");
+  ASSERT_TRUE(runMainQueueUntil([&] {
+    for (const auto& message : roomEvents->messages) {
+      if (message.attributeStringValueForName("custom_packet") == "true") {
+        return true;
+      }
+    }
+    return false;
+  }));
+  const xmpp::XMPPMessage* reflected = nullptr;
+  for (const auto& message : roomEvents->messages) {
+    if (message.attributeStringValueForName("custom_packet") == "true") {
+      reflected = &message;
+    }
+  }
+  ASSERT_NE(reflected, nullptr);
+  EXPECT_EQ(kqChatMessage(*reflected), "Hello & <welcome> \"friend\"");
+  EXPECT_EQ(chatId(*reflected), "1002");
+  EXPECT_EQ(websiteId(*reflected), "W9");
+  EXPECT_EQ(visitorId(*reflected), "0");
+  EXPECT_EQ(visitorName(*reflected), "Ann & \"Bo\" <b>");
+  EXPECT_EQ(managerId(*reflected), "0");
+  EXPECT_TRUE(isGroupChat(*reflected));
+  EXPECT_FALSE(isErrorMessage(*reflected));
+  EXPECT_FALSE(ignoreMessage(*reflected));
+  const auto stamp = getTimeStamp(*reflected);
+  ASSERT_TRUE(stamp);
+  EXPECT_LT(std::abs(stamp->timeIntervalSince1970() - Date::now().timeIntervalSince1970()), 120.0);
+  EXPECT_EQ(roomEvents->occupants.back().full(), "room1002@conference.localhost/Ann");
+  room->deactivate();
+}
+
+TEST_F(ProsodyTest, OperatorReadsTheInvitationReason) {
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  Operator agent(*server);
+  ASSERT_TRUE(agent.login());
+  auto roomEvents = std::make_shared<test::RoomEvents>();
+  auto room = createRoom("1003", roomEvents);
+  sendKQVisitorInvite(room, "1003|W9|7|Ann|x|Welcome to the chat", "0", "W9", "0", "Ann", "1003",
+                      "42");
+  ASSERT_TRUE(runMainQueueUntil([&] { return !agent.events->messages.empty(); }));
+  const auto& invitation = agent.events->messages.front();
+  EXPECT_EQ(invitation.from()->bare(), "room1003@conference.localhost");
+  EXPECT_EQ(chatId(invitation), "1003");
+  EXPECT_EQ(websiteId(invitation), "W9");
+  EXPECT_EQ(visitorId(invitation), "7");
+  EXPECT_EQ(visitorName(invitation), "Ann");
+  EXPECT_FALSE(managerId(invitation));
+  EXPECT_EQ(greeting(invitation), "Welcome to the chat");
+  room->deactivate();
+}
+
+TEST_F(ProsodyTest, ChatStatesReachTheOtherOccupantAndDestroyEndsTheRoom) {
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  auto roomEvents = std::make_shared<test::RoomEvents>();
+  auto room = createRoom("1004", roomEvents);
+  Operator agent(*server);
+  ASSERT_TRUE(agent.login());
+  auto operatorRoom = std::make_shared<xmpp::XMPPRoom>(
+      xmpp::XMPPRoomMemoryStorage::sharedInstance(), room->roomJID(), DispatchQueue::main());
+  auto operatorEvents = std::make_shared<test::RoomEvents>();
+  operatorRoom->addDelegate(operatorEvents, DispatchQueue::main());
+  operatorRoom->activate(agent.stream);
+  operatorRoom->joinRoomUsingNickname("Operator", std::nullopt);
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+
+  sendComposingChatState(room);
+  ASSERT_TRUE(runMainQueueUntil([&] {
+    for (const auto& message : agent.events->messages) {
+      if (message.chatState() == "composing") {
+        return true;
+      }
+    }
+    return false;
+  }));
+  EXPECT_EQ(operatorEvents->count("didReceiveMessage"), 0);  // no body: no room message
+
+  room->destroyRoom();
+  ASSERT_TRUE(runMainQueueUntil([&] { return roomEvents->count("didDestroy") == 1; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didLeave") == 1; }));
+  EXPECT_FALSE(operatorRoom->isJoined());
+  operatorRoom->deactivate();
+  room->deactivate();
+}
+
+TEST_F(ProsodyTest, ServerRestartIsFollowedByReconnectAndLoginAgain) {
+  test::ManualClockScope clock;
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  server->stop();
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  EXPECT_FALSE(client->isXmppConnected());
+  server->start();
+  clock->advance(std::chrono::seconds(3));
+  ASSERT_TRUE(runMainQueueUntil([&] { return notifications.count("ConnectNotification") == 2; }));
+  EXPECT_EQ(notifications.names, (std::vector<std::string>{"LoginSuccess", "ConnectNotification",
+                                                           "LoginSuccess", "ConnectNotification"}));
+  EXPECT_EQ(notifications.logins, (std::vector<bool>{true, true}));
+  EXPECT_TRUE(client->xmppStream()->isAuthenticated());
+  EXPECT_TRUE(client->isXmppConnected());
+}
+
+}  // namespace
+}  // namespace kq

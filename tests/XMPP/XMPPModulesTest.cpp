@@ -1,0 +1,439 @@
+#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPCapabilities.h>
+#include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPReconnect.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPRoster.h>
+#include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRosterMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
+#include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
+
+#include "tests/support/FakeXMPPPeer.h"
+#include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
+#include "tests/support/XMPPTestDelegates.h"
+
+#include <gtest/gtest.h>
+
+namespace kq::xmpp {
+namespace {
+
+using test::FakeXMPPPeer;
+using test::runMainQueueUntil;
+
+// The id attribute of the first element in `text`.
+std::string idOf(const std::string& text) {
+  const auto start = text.find("id=\"") + 4;
+  return text.substr(start, text.find('"', start) - start);
+}
+
+class XMPPModulesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stream = XMPPStream::create();
+    stream->setHostName("127.0.0.1");
+    stream->setHostPort(peer.port());
+    stream->setMyJID(XMPPJID::jidWithString("visitor@localhost/TellioiPhone"));
+    stream->addDelegate(events, DispatchQueue::main());
+  }
+
+  void TearDown() override {
+    for (const auto& module : stream->registeredModules()) {
+      module->deactivate();
+    }
+    stream->disconnect();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
+    peer.closeConnection();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
+    const std::weak_ptr<XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+  }
+
+  // Connects (unless a module already started connecting) and logs in anonymously.
+  void login(bool connectFirst = true) {
+    if (connectFirst) {
+      ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+    }
+    const int connected = events->count("didConnect");
+    ASSERT_TRUE(peer.openStream("ANONYMOUS"));
+    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didConnect") > connected; }));
+    ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+    peer.completeAuthentication("v1@localhost/TellioiPhone");
+    ASSERT_TRUE(runMainQueueUntil([&, seen = events->count("didAuthenticate")] {
+      return events->count("didAuthenticate") > seen;
+    }));
+  }
+
+  FakeXMPPPeer peer;
+  std::shared_ptr<XMPPStream> stream;
+  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
+};
+
+// Moves the clock on by `step` until `done`: a repeating timer that is rescheduling while the
+// clock moves skips the deadline it missed, so one step may not be enough.
+bool advanceUntil(test::ManualClockScope& clock, Clock::Duration step,
+                  const std::function<bool()>& done) {
+  return runMainQueueUntil([&] {
+    if (done()) {
+      return true;
+    }
+    clock->advance(step);
+    return runMainQueueUntil(done, std::chrono::milliseconds(200));
+  });
+}
+
+TEST_F(XMPPModulesTest, ReconnectAfterAnAccidentOnlyAndOnTheClock) {
+  test::ManualClockScope clock;
+  auto reconnect = std::make_shared<XMPPReconnect>();
+  reconnect->setReconnectTimerInterval(std::chrono::duration<double>(5.0));
+  auto observer = std::make_shared<test::ReconnectEvents>();
+  reconnect->addDelegate(observer, DispatchQueue::main());
+  ASSERT_TRUE(reconnect->activate(stream));
+  EXPECT_FALSE(reconnect->activate(stream));  // once only
+  login();
+
+  // The server drops the connection: an accident.
+  peer.closeConnection();
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->accidents == 1; }));
+  EXPECT_TRUE(reconnect->isReconnecting());
+  EXPECT_TRUE(stream->isDisconnected());
+  // Nothing happens before the delay has passed on the clock.
+  clock->advance(std::chrono::milliseconds(1900));
+  test::drainMainQueue();
+  EXPECT_EQ(observer->questions, 0);
+  clock->advance(std::chrono::milliseconds(200));
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 1; }));
+  login(false);
+  EXPECT_FALSE(reconnect->isReconnecting());
+
+  // While the server stays away, attempts repeat every interval.
+  peer.closeConnection();
+  peer.stopListening();
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->accidents == 2; }));
+  // Two losses so far; each attempt against the closed port adds one.
+  const int losses = 2;
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses; }));
+  clock->advance(std::chrono::seconds(2));
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 2; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses + 1; }));
+  ASSERT_TRUE(
+      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 3; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses + 2; }));
+
+  // A delegate that says no stops the attempt; stop() ends them.
+  observer->allow = false;
+  ASSERT_TRUE(
+      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 4; }));
+  test::drainMainQueue();
+  EXPECT_TRUE(stream->isDisconnected());
+  reconnect->stop();
+  ASSERT_TRUE(runMainQueueUntil([&] { return !reconnect->isReconnecting(); }));
+  clock->advance(std::chrono::seconds(30));
+  test::drainMainQueue();
+  EXPECT_EQ(observer->questions, 4);
+}
+
+TEST_F(XMPPModulesTest, NoReconnectAfterBeingToldToDisconnectButManualStartConnects) {
+  test::ManualClockScope clock;
+  auto reconnect = std::make_shared<XMPPReconnect>();
+  auto observer = std::make_shared<test::ReconnectEvents>();
+  reconnect->addDelegate(observer, DispatchQueue::main());
+  reconnect->activate(stream);
+  login();
+  stream->disconnect();
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  clock->advance(std::chrono::seconds(60));
+  test::drainMainQueue();
+  EXPECT_EQ(observer->accidents, 0);
+  EXPECT_EQ(observer->questions, 0);
+  EXPECT_FALSE(reconnect->isReconnecting());
+
+  reconnect->manualStart();
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 1; }));
+  ASSERT_TRUE(peer.accept());
+}
+
+TEST_F(XMPPModulesTest, RosterFetchesAcceptsKnownContactsAndForwardsOtherRequests) {
+  struct Buddies : XMPPRosterDelegate {
+    std::vector<XMPPPresence> requests;
+    int populated = 0;
+    void xmppRosterDidReceiveBuddyRequest(XMPPRoster& /*sender*/,
+                                          const XMPPPresence& presence) override {
+      requests.push_back(presence);
+    }
+    void xmppRosterDidEndPopulating(XMPPRoster& /*sender*/) override { ++populated; }
+  };
+  auto storage = std::make_shared<XMPPRosterMemoryStorage>();
+  auto roster = std::make_shared<XMPPRoster>(storage);
+  roster->setAutoFetchRoster(true);
+  roster->setAutoAcceptKnownPresenceSubscriptionRequests(true);
+  auto buddies = std::make_shared<Buddies>();
+  roster->addDelegate(buddies, DispatchQueue::main());
+  roster->activate(stream);
+  login();
+
+  const std::string get = peer.receiveUntil("</iq>");
+  EXPECT_EQ(get,
+            "<iq type=\"get\" id=\"" + idOf(get) + "\"><query xmlns=\"jabber:iq:roster\"/></iq>");
+  peer.send("<iq type='result' id='" + idOf(get) +
+            "'><query xmlns='jabber:iq:roster'><item jid='friend@localhost' name='Friend' "
+            "subscription='to'><group>A</group></item></query></iq>");
+  ASSERT_TRUE(runMainQueueUntil([&] { return buddies->populated == 1; }));
+  const auto friendItem = storage->userForJID(*XMPPJID::jidWithString("friend@localhost/phone"));
+  ASSERT_TRUE(friendItem);
+  EXPECT_EQ(friendItem->displayName(), "Friend");
+  EXPECT_EQ(friendItem->groups, std::vector<std::string>{"A"});
+
+  // A known contact is accepted on its own; a stranger reaches the delegate.
+  peer.send("<presence type='subscribe' from='friend@localhost'/>");
+  EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"subscribed\" to=\"friend@localhost\"/>");
+  peer.send("<presence type='subscribe' from='stranger@localhost'/>");
+  ASSERT_TRUE(runMainQueueUntil([&] { return buddies->requests.size() == 1; }));
+  EXPECT_EQ(buddies->requests[0].from()->bare(), "stranger@localhost");
+
+  // A roster push from the server updates the storage and is answered.
+  peer.send(
+      "<iq type='set' id='push1'><query xmlns='jabber:iq:roster'>"
+      "<item jid='friend@localhost' subscription='remove'/></query></iq>");
+  EXPECT_EQ(peer.receiveUntil("/>"), "<iq type=\"result\" id=\"push1\"/>");
+  EXPECT_FALSE(storage->userForJID(*XMPPJID::jidWithString("friend@localhost")));
+}
+
+TEST_F(XMPPModulesTest, CapabilitiesAreAnnouncedAnsweredAndFetched) {
+  auto storage = std::make_shared<XMPPCapabilitiesMemoryStorage>();
+  auto capabilities = std::make_shared<XMPPCapabilities>(storage);
+  capabilities->activate(stream);
+  login();
+  const std::string ver =
+      XMPPCapabilities::hashCapabilitiesFromQuery(XMPPCapabilities::myCapabilitiesQuery());
+
+  stream->sendElement(XMPPPresence());
+  EXPECT_EQ(peer.receiveUntil("</presence>"),
+            "<presence><c xmlns=\"http://jabber.org/protocol/caps\" hash=\"sha-1\" "
+            "node=\"https://kqvisitor.example/KQVisitorCore\" ver=\"" +
+                ver + "\"/></presence>");
+  stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
+  EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"unavailable\"/>");
+
+  peer.send(
+      "<iq type='get' id='d1' from='peer@localhost/x'><query "
+      "xmlns='http://jabber.org/protocol/disco#info' "
+      "node='https://kqvisitor.example/KQVisitorCore#" +
+      ver + "'/></iq>");
+  const std::string answer = peer.receiveUntil("</iq>");
+  EXPECT_NE(answer.find("type=\"result\""), std::string::npos);
+  EXPECT_NE(answer.find("<identity category=\"client\" type=\"phone\" name=\"KQVisitorCore\"/>"),
+            std::string::npos);
+  EXPECT_NE(answer.find("<feature var=\"http://jabber.org/protocol/muc\"/>"), std::string::npos);
+  EXPECT_NE(answer.find("<feature var=\"http://jabber.org/protocol/disco#info\"/>"),
+            std::string::npos);
+  peer.send(
+      "<iq type='get' id='d2' from='peer@localhost/x'><query "
+      "xmlns='http://jabber.org/protocol/disco#info' node='other#x'/></iq>");
+  EXPECT_NE(peer.receiveUntil("</iq>").find("<item-not-found"), std::string::npos);
+
+  // A peer announces capabilities we do not know: we ask, check the hash, store.
+  const std::string peerQuery =
+      "<query xmlns='http://jabber.org/protocol/disco#info'>"
+      "<identity category='client' name='Exodus 0.9.1' type='pc'/>"
+      "<feature var='http://jabber.org/protocol/caps'/>"
+      "<feature var='http://jabber.org/protocol/disco#info'/>"
+      "<feature var='http://jabber.org/protocol/disco#items'/>"
+      "<feature var='http://jabber.org/protocol/muc'/></query>";
+  peer.send(
+      "<presence from='op@localhost/desk'><c xmlns='http://jabber.org/protocol/caps' "
+      "hash='sha-1' node='http://exodus' ver='QgayPKawpkPSDYmwT/WM94uAlu0='/></presence>");
+  const std::string ask = peer.receiveUntil("</iq>");
+  EXPECT_NE(ask.find("to=\"op@localhost/desk\""), std::string::npos);
+  EXPECT_NE(ask.find("node=\"http://exodus#QgayPKawpkPSDYmwT/WM94uAlu0=\""), std::string::npos);
+  peer.send("<iq type='result' id='" + idOf(ask) + "' from='op@localhost/desk'>" + peerQuery +
+            "</iq>");
+  const auto jid = *XMPPJID::jidWithString("op@localhost/desk");
+  ASSERT_TRUE(runMainQueueUntil([&] { return storage->capabilitiesForJID(jid).has_value(); }));
+  EXPECT_TRUE(storage->areCapabilitiesKnownForVer("QgayPKawpkPSDYmwT/WM94uAlu0="));
+
+  // An answer that does not match its announcement is not stored.
+  peer.send(
+      "<presence from='liar@localhost/x'><c xmlns='http://jabber.org/protocol/caps' "
+      "hash='sha-1' node='n' ver='AAAA'/></presence>");
+  const std::string second = peer.receiveUntil("</iq>");
+  peer.send("<iq type='result' id='" + idOf(second) + "' from='liar@localhost/x'>" + peerQuery +
+            "</iq>");
+  stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
+  peer.receiveUntil("/>");  // the stream has handled the answer by now
+  EXPECT_FALSE(storage->capabilitiesForJID(*XMPPJID::jidWithString("liar@localhost/x")));
+}
+
+TEST_F(XMPPModulesTest, VCardsAreAnsweredFetchedAndAvatarsFollowTheirHash) {
+  auto storage = std::make_shared<XMPPvCardMemoryStorage>();
+  auto vCards = std::make_shared<XMPPvCardTempModule>(storage);
+  auto avatars = std::make_shared<XMPPvCardAvatarModule>(vCards);
+  vCards->activate(stream);
+  avatars->activate(stream);
+  login();
+
+  peer.send("<iq type='get' id='vc1' from='peer@localhost/x'><vCard xmlns='vcard-temp'/></iq>");
+  EXPECT_EQ(peer.receiveUntil("</iq>").find("<iq type=\"result\" to=\"peer@localhost/x\" "
+                                            "id=\"vc1\"><vCard xmlns=\"vcard-temp\"/></iq>"),
+            0U);
+  // Our vCard is unknown: available presences carry no avatar element.
+  stream->sendElement(XMPPPresence());
+  EXPECT_EQ(peer.receiveUntil("/>"), "<presence/>");
+
+  // A contact announces a photo: its vCard is fetched and the photo decoded.
+  peer.send(
+      "<presence from='op@localhost/desk'><x xmlns='vcard-temp:x:update'>"
+      "<photo>0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33</photo></x></presence>");
+  const std::string get = peer.receiveUntil("</iq>");
+  EXPECT_NE(get.find("to=\"op@localhost\""), std::string::npos);
+  peer.send("<iq type='result' id='" + idOf(get) +
+            "' from='op@localhost'><vCard "
+            "xmlns='vcard-temp'><PHOTO><BINVAL>Zm9v</BINVAL></PHOTO></vCard></iq>");
+  const auto op = *XMPPJID::jidWithString("op@localhost");
+  ASSERT_TRUE(runMainQueueUntil([&] { return avatars->photoDataForJID(op).has_value(); }));
+  EXPECT_EQ(avatars->photoDataForJID(op), "foo");
+  EXPECT_EQ(storage->photoHashForJID(op), "0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33");
+  // The same hash again fetches nothing.
+  peer.send(
+      "<presence from='op@localhost/desk'><x xmlns='vcard-temp:x:update'>"
+      "<photo>0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33</photo></x></presence>");
+  stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
+  EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"unavailable\"/>");
+
+  // Once our own vCard is stored, presences announce its (empty) photo.
+  storage->setvCardTemp(XMPPElement("vCard", "vcard-temp"), *stream->myJID());
+  stream->sendElement(XMPPPresence());
+  EXPECT_EQ(peer.receiveUntil("</presence>"),
+            "<presence><x xmlns=\"vcard-temp:x:update\"><photo/></x></presence>");
+}
+
+class XMPPRoomTest : public XMPPModulesTest {
+ protected:
+  void SetUp() override {
+    XMPPModulesTest::SetUp();
+    room = std::make_shared<XMPPRoom>(
+        storage, *XMPPJID::jidWithString("room42@conference.localhost"), DispatchQueue::main());
+    room->addDelegate(roomEvents, DispatchQueue::main());
+    room->activate(stream);
+    login();
+  }
+
+  bool waitForRoom(const std::string& event, int times = 1) {
+    return runMainQueueUntil([&] { return roomEvents->count(event) >= times; });
+  }
+
+  std::shared_ptr<XMPPRoomMemoryStorage> storage = std::make_shared<XMPPRoomMemoryStorage>();
+  std::shared_ptr<XMPPRoom> room;
+  std::shared_ptr<test::RoomEvents> roomEvents = std::make_shared<test::RoomEvents>();
+};
+
+TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
+  EXPECT_TRUE(room->moduleQueue()->isCurrent());  // the main queue, pumped by this thread
+  room->joinRoomUsingNickname("Visitor", std::nullopt);
+  EXPECT_EQ(peer.receiveUntil("</presence>"),
+            "<presence to=\"room42@conference.localhost/Visitor\"><x "
+            "xmlns=\"http://jabber.org/protocol/muc\"/></presence>");
+  peer.send(
+      "<presence from='room42@conference.localhost/Visitor'><x "
+      "xmlns='http://jabber.org/protocol/muc#user'><item affiliation='owner' "
+      "role='moderator'/><status code='110'/><status code='201'/></x></presence>");
+  ASSERT_TRUE(waitForRoom("didJoin"));
+  EXPECT_EQ(roomEvents->events, (std::vector<std::string>{"didCreate", "didJoin"}));
+  EXPECT_TRUE(room->isJoined());
+  EXPECT_EQ(storage->occupantNicknames(room->roomJID()), std::vector<std::string>{"Visitor"});
+
+  room->configureRoomUsingOptions(std::nullopt);
+  const std::string configure = peer.receiveUntil("</iq>");
+  EXPECT_EQ(configure, "<iq type=\"set\" to=\"room42@conference.localhost\" id=\"" +
+                           idOf(configure) +
+                           "\"><query xmlns=\"http://jabber.org/protocol/muc#owner\"><x "
+                           "xmlns=\"jabber:x:data\" type=\"submit\"/></query></iq>");
+  peer.send("<iq type='result' id='" + idOf(configure) + "' from='room42@conference.localhost'/>");
+  ASSERT_TRUE(waitForRoom("didConfigure"));
+
+  // Someone else's presence is no join of ours.
+  peer.send(
+      "<presence from='room42@conference.localhost/Operator'><x "
+      "xmlns='http://jabber.org/protocol/muc#user'><item role='participant'/></x>"
+      "</presence>");
+  room->leaveRoom();
+  EXPECT_EQ(peer.receiveUntil("/>"),
+            "<presence type=\"unavailable\" to=\"room42@conference.localhost/Visitor\"/>");
+  peer.send(
+      "<presence type='unavailable' from='room42@conference.localhost/Visitor'><x "
+      "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>");
+  ASSERT_TRUE(waitForRoom("didLeave"));
+  EXPECT_FALSE(room->isJoined());
+  EXPECT_EQ(roomEvents->count("didJoin"), 1);
+  EXPECT_EQ(storage->occupantNicknames(room->roomJID()), std::vector<std::string>{"Operator"});
+}
+
+TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
+  room->joinRoomUsingNickname("Visitor", std::nullopt);
+  peer.receiveUntil("</presence>");
+  peer.send(
+      "<presence from='room42@conference.localhost/Visitor'><x "
+      "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>"
+      "<message type='groupchat' from='room42@conference.localhost/Operator' "
+      "chat_id='42'><body>Hello</body></message>"
+      "<message type='groupchat' from='other@conference.localhost/Operator'>"
+      "<body>elsewhere</body></message>"
+      "<message type='groupchat' from='room42@conference.localhost/Operator'>"
+      "<composing xmlns='http://jabber.org/protocol/chatstates'/></message>"
+      "<message type='error' from='room42@conference.localhost'><body>x</body><error "
+      "type='modify'><not-acceptable xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"
+      "</message>");
+  ASSERT_TRUE(waitForRoom("didReceiveMessage", 2));
+  test::drainMainQueue();
+  ASSERT_EQ(roomEvents->messages.size(), 2U);
+  EXPECT_EQ(roomEvents->messages[0].attributeStringValueForName("chat_id"), "42");
+  EXPECT_EQ(roomEvents->occupants[0].full(), "room42@conference.localhost/Operator");
+  EXPECT_TRUE(roomEvents->messages[1].isErrorMessage());
+  EXPECT_EQ(storage->messages(room->roomJID()).size(), 1U);
+
+  room->destroyRoom();
+  std::string destroy = peer.receiveUntil("</iq>");
+  EXPECT_NE(destroy.find("<query xmlns=\"http://jabber.org/protocol/muc#owner\"><destroy/>"
+                         "</query>"),
+            std::string::npos);
+  peer.send("<iq type='error' id='" + idOf(destroy) +
+            "' from='room42@conference.localhost'>"
+            "<error type='auth'><forbidden xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"
+            "</iq>");
+  ASSERT_TRUE(waitForRoom("didFailToDestroy"));
+  room->destroyRoom();
+  destroy = peer.receiveUntil("</iq>");
+  peer.send("<iq type='result' id='" + idOf(destroy) + "' from='room42@conference.localhost'/>");
+  ASSERT_TRUE(waitForRoom("didDestroy"));
+}
+
+TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoom) {
+  room->inviteUser(*XMPPJID::jidWithString("42@localhost"), std::string("come in"));
+  EXPECT_EQ(peer.receiveUntil("</message>"),
+            "<message to=\"room42@conference.localhost\"><x "
+            "xmlns=\"http://jabber.org/protocol/muc#user\"><invite to=\"42@localhost\">"
+            "<reason>come in</reason></invite></x></message>");
+  XMPPMessage message;
+  message.addBody("typed");
+  room->sendMessage(message);
+  EXPECT_EQ(peer.receiveUntil("</message>"),
+            "<message to=\"room42@conference.localhost\" type=\"groupchat\"><body>typed</body>"
+            "</message>");
+  // A disconnect takes a joined room out.
+  room->joinRoomUsingNickname("Visitor", std::nullopt);
+  peer.receiveUntil("</presence>");
+  peer.send(
+      "<presence from='room42@conference.localhost/Visitor'><x "
+      "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>");
+  ASSERT_TRUE(waitForRoom("didJoin"));
+  peer.closeConnection();
+  ASSERT_TRUE(waitForRoom("didLeave"));
+}
+
+}  // namespace
+}  // namespace kq::xmpp

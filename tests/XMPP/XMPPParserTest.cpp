@@ -1,0 +1,144 @@
+#include <KQVisitorCore/XMPP/XMPPParser.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kq::xmpp {
+namespace {
+
+constexpr const char* kHeader =
+    "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
+    "xmlns:stream='http://etherx.jabber.org/streams' id='s1' version='1.0'>";
+
+// Collects what a stream parser reports.
+struct Collected {
+  std::vector<std::pair<std::string, std::string>> root;
+  std::vector<std::string> elements;
+  bool ended = false;
+  std::optional<KQError> error;
+
+  XMPPParser::Callbacks callbacks() {
+    return {.didReadRoot = [this](const auto& attributes) { root = attributes; },
+            .didReadElement =
+                [this](const XMPPElement& element) { elements.push_back(element.XMLString()); },
+            .didEnd = [this] { ended = true; },
+            .didFail = [this](const KQError& failure) { error = failure; }};
+  }
+};
+
+TEST(XMPPParserTest, StanzasFedByteByByteComeOutWhole) {
+  const std::string input =
+      std::string(kHeader) +
+      "<stream:features><mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>"
+      "<mechanism>ANONYMOUS</mechanism></mechanisms></stream:features>  "
+      "<message from='room@conference.localhost/op' user_id='7 &amp; 8'><body>caf\xC3\xA9 "
+      "&lt;3</body></message>\n</stream:stream>";
+  Collected collected;
+  XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
+  for (const char c : input) {
+    parser.parseData(&c, 1);
+  }
+  EXPECT_FALSE(collected.error);
+  ASSERT_EQ(collected.root.size(), 2U);
+  EXPECT_EQ(collected.root[0], (std::pair<std::string, std::string>("id", "s1")));
+  ASSERT_EQ(collected.elements.size(), 2U);
+  // Each element declares again the stream namespaces it uses.
+  EXPECT_EQ(collected.elements[0],
+            "<stream:features xmlns:stream=\"http://etherx.jabber.org/streams\"><mechanisms "
+            "xmlns=\"urn:ietf:params:xml:ns:xmpp-sasl\"><mechanism>ANONYMOUS</mechanism>"
+            "</mechanisms></stream:features>");
+  EXPECT_EQ(collected.elements[1],
+            "<message xmlns=\"jabber:client\" from=\"room@conference.localhost/op\" "
+            "user_id=\"7 &amp; 8\"><body>caf\xC3\xA9 &lt;3</body></message>");
+  EXPECT_TRUE(collected.ended);
+}
+
+TEST(XMPPParserTest, BadStreamsFailOnceAndReportNothingAfterwards) {
+  struct Case {
+    std::string input;
+    long code;
+  };
+  const std::vector<Case> cases = {
+      {std::string(kHeader) + "<message><body>x</mesage>", XMPPParser::kErrorMalformed},
+      {std::string(kHeader) + "<message a='1' a='2'/>", XMPPParser::kErrorMalformed},
+      {"<?xml version='1.0'?><!DOCTYPE stream [<!ENTITY lol 'lol'>]>" + std::string(kHeader + 21),
+       XMPPParser::kErrorDeclarationRefused},
+      {std::string(kHeader) + "<message>&lol;</message>", XMPPParser::kErrorMalformed},
+      {"<html><body/></html>", XMPPParser::kErrorNotAStream},
+  };
+  for (const auto& testCase : cases) {
+    Collected collected;
+    XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
+    parser.parseData(testCase.input.data(), testCase.input.size());
+    const std::string more = "<message><body>after</body></message>";
+    parser.parseData(more.data(), more.size());
+    ASSERT_TRUE(collected.error) << testCase.input;
+    EXPECT_EQ(collected.error->code, testCase.code) << testCase.input;
+    EXPECT_TRUE(parser.hasFailed());
+    EXPECT_TRUE(collected.elements.empty()) << testCase.input;
+  }
+}
+
+TEST(XMPPParserTest, AnElementOverOneMebibyteIsRefused) {
+  Collected collected;
+  XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
+  parser.parseData(kHeader, std::char_traits<char>::length(kHeader));
+  const std::string small = "<message><body>" + std::string(1000, 'a') + "</body></message>";
+  parser.parseData(small.data(), small.size());
+  ASSERT_EQ(collected.elements.size(), 1U);
+
+  // Text inside an element, fed in pieces.
+  const std::string open = "<message><body>";
+  parser.parseData(open.data(), open.size());
+  const std::string piece(std::size_t{64} * 1024, 'b');
+  for (int i = 0; i < 20 && !collected.error; ++i) {
+    parser.parseData(piece.data(), piece.size());
+  }
+  ASSERT_TRUE(collected.error);
+  EXPECT_EQ(collected.error->code, XMPPParser::kErrorTooLarge);
+
+  // An attribute that never ends: libxml2 would buffer it, the cap still holds.
+  Collected second;
+  XMPPParser other(XMPPParser::Mode::Stream, second.callbacks());
+  other.parseData(kHeader, std::char_traits<char>::length(kHeader));
+  const std::string start = "<message a='";
+  other.parseData(start.data(), start.size());
+  for (int i = 0; i < 20 && !second.error; ++i) {
+    other.parseData(piece.data(), piece.size());
+  }
+  ASSERT_TRUE(second.error);
+  EXPECT_EQ(second.error->code, XMPPParser::kErrorTooLarge);
+}
+
+TEST(XMPPParserTest, ManySmallStanzasNeverAddUpToTheCap) {
+  Collected collected;
+  XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
+  parser.parseData(kHeader, std::char_traits<char>::length(kHeader));
+  const std::string stanza = "<presence>" + std::string(1000, ' ') + "</presence> ";
+  for (int i = 0; i < 1500; ++i) {
+    parser.parseData(stanza.data(), stanza.size());
+  }
+  EXPECT_FALSE(collected.error);
+  EXPECT_EQ(collected.elements.size(), 1500U);
+}
+
+TEST(XMPPParserTest, StopIgnoresTheRestOfTheInput) {
+  Collected collected;
+  XMPPParser* self = nullptr;
+  auto callbacks = collected.callbacks();
+  callbacks.didReadElement = [&](const XMPPElement& element) {
+    collected.elements.push_back(element.name());
+    self->stop();
+  };
+  XMPPParser parser(XMPPParser::Mode::Stream, callbacks);
+  self = &parser;
+  const std::string input = std::string(kHeader) + "<proceed/><message/>";
+  parser.parseData(input.data(), input.size());
+  EXPECT_EQ(collected.elements, std::vector<std::string>{"proceed"});
+  EXPECT_FALSE(collected.error);
+}
+
+}  // namespace
+}  // namespace kq::xmpp

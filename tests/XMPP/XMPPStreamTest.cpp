@@ -1,0 +1,345 @@
+#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+#include "tests/support/FakeXMPPPeer.h"
+#include "tests/support/MainQueue.h"
+#include "tests/support/XMPPTestDelegates.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+namespace kq::xmpp {
+namespace {
+
+using test::FakeXMPPPeer;
+using test::runMainQueueUntil;
+
+constexpr const char* kClientHeader =
+    "<?xml version='1.0'?><stream:stream to='localhost' version='1.0' xmlns='jabber:client' "
+    "xmlns:stream='http://etherx.jabber.org/streams'>";
+
+class XMPPStreamTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    stream = XMPPStream::create();
+    stream->setHostName("127.0.0.1");
+    stream->setHostPort(peer.port());
+    stream->setMyJID(XMPPJID::jidWithString("visitor@localhost/TellioiPhone"));
+    stream->addDelegate(events, DispatchQueue::main());
+  }
+
+  void TearDown() override {
+    stream->disconnect();
+    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
+    peer.closeConnection();
+    const std::weak_ptr<XMPPStream> gone = stream;
+    stream.reset();
+    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+  }
+
+  bool waitFor(const std::string& event, int times = 1) {
+    return runMainQueueUntil([&] { return events->count(event) >= times; });
+  }
+
+  // Connects and opens the stream up to did-connect.
+  void connect(std::string_view mechanisms = "ANONYMOUS PLAIN") {
+    ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+    ASSERT_TRUE(peer.accept());
+    EXPECT_EQ(peer.receiveUntil("'http://etherx.jabber.org/streams'>"), kClientHeader);
+    peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features(mechanisms));
+    ASSERT_TRUE(waitFor("didConnect"));
+  }
+
+  void authenticate(const std::string& boundJID = "a1b2c3@localhost/TellioiPhone") {
+    ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+    peer.completeAuthentication(boundJID);
+    ASSERT_TRUE(waitFor("didAuthenticate"));
+  }
+
+  FakeXMPPPeer peer;
+  std::shared_ptr<XMPPStream> stream;
+  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
+};
+
+TEST_F(XMPPStreamTest, AnonymousLoginStepByStep) {
+  EXPECT_TRUE(stream->isDisconnected());
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  EXPECT_TRUE(stream->isConnecting());
+  KQError error;
+  EXPECT_FALSE(stream->connectWithTimeout(XMPPStreamTimeoutNone, &error));
+  EXPECT_EQ(error.code, XMPPStream::kErrorInvalidState);
+
+  ASSERT_TRUE(peer.accept());
+  EXPECT_EQ(peer.receiveUntil("'http://etherx.jabber.org/streams'>"), kClientHeader);
+  EXPECT_EQ(stream->state(), XMPPStreamState::Negotiating);
+  peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features("PLAIN ANONYMOUS"));
+  ASSERT_TRUE(waitFor("didConnect"));
+  EXPECT_EQ(stream->state(), XMPPStreamState::Connected);
+  EXPECT_FALSE(stream->isAuthenticated());
+  EXPECT_FALSE(stream->isSecure());
+  EXPECT_TRUE(stream->supportsAnonymousAuthentication());
+  EXPECT_TRUE(stream->supportsPlainAuthentication());
+  EXPECT_EQ(events->events,
+            (std::vector<std::string>{"socketWillConnect", "socketDidConnect", "didConnect"}));
+
+  ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+  EXPECT_TRUE(stream->isAuthenticating());
+  EXPECT_EQ(peer.receiveUntil("/>"),
+            "<auth xmlns=\"urn:ietf:params:xml:ns:xmpp-sasl\" mechanism=\"ANONYMOUS\"/>");
+  EXPECT_EQ(stream->state(), XMPPStreamState::Negotiating);
+  peer.send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");
+  EXPECT_EQ(peer.receiveUntil("'http://etherx.jabber.org/streams'>"), kClientHeader);
+  peer.send(FakeXMPPPeer::serverHeader() +
+            "<stream:features><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/></stream:features>");
+  const std::string bind = peer.receiveUntil("</iq>");
+  EXPECT_TRUE(std::regex_match(
+      bind, std::regex("<iq type=\"set\" id=\"[0-9A-F-]{36}\"><bind "
+                       "xmlns=\"urn:ietf:params:xml:ns:xmpp-bind\"><resource>TellioiPhone"
+                       "</resource></bind></iq>")))
+      << bind;
+  const std::string id = bind.substr(19, 36);
+  peer.send("<iq type='result' id='" + id +
+            "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>k3j2h1@localhost/TellioiPhone"
+            "</jid></bind></iq>");
+  ASSERT_TRUE(waitFor("didAuthenticate"));
+  EXPECT_TRUE(stream->isAuthenticated());
+  EXPECT_FALSE(stream->isAuthenticating());
+  EXPECT_EQ(stream->state(), XMPPStreamState::Connected);
+  // The server chose the node: the stream's address follows the bind result.
+  EXPECT_EQ(stream->myJID()->full(), "k3j2h1@localhost/TellioiPhone");
+
+  stream->disconnect();
+  EXPECT_EQ(peer.receiveUntilClosed(), "</stream:stream>");
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_FALSE(events->disconnectError);
+  EXPECT_TRUE(stream->isDisconnected());
+  EXPECT_FALSE(stream->isAuthenticated());
+}
+
+TEST_F(XMPPStreamTest, PlainSendsTheUserAndPasswordAndASessionWhenTheServerRequiresOne) {
+  stream->setMyJID(XMPPJID::jidWithString("42@localhost/agent"));
+  connect("PLAIN");
+  ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPPlainAuthentication>("secret")));
+  EXPECT_EQ(peer.receiveUntil("</auth>"),
+            "<auth xmlns=\"urn:ietf:params:xml:ns:xmpp-sasl\" "
+            "mechanism=\"PLAIN\">ADQyAHNlY3JldA==</auth>");
+  peer.send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  peer.send(FakeXMPPPeer::serverHeader() +
+            "<stream:features><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/>"
+            "<session xmlns='urn:ietf:params:xml:ns:xmpp-session'/></stream:features>");
+  const std::string bind = peer.receiveUntil("</iq>");
+  peer.send("<iq type='result' id='" + bind.substr(19, 36) +
+            "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>42@localhost/agent</jid>"
+            "</bind></iq>");
+  const std::string session = peer.receiveUntil("</iq>");
+  EXPECT_NE(session.find("<session xmlns=\"urn:ietf:params:xml:ns:xmpp-session\"/>"),
+            std::string::npos);
+  EXPECT_EQ(events->count("didAuthenticate"), 0);
+  peer.send("<iq type='result' id='" + session.substr(19, 36) + "'/>");
+  ASSERT_TRUE(waitFor("didAuthenticate"));
+}
+
+TEST_F(XMPPStreamTest, RefusedAuthenticationLeavesTheStreamReadyForAnotherTry) {
+  connect();
+  ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+  peer.receiveUntil("/>");
+  peer.send("<failure xmlns='urn:ietf:params:xml:ns:xmpp-sasl'><not-authorized/></failure>");
+  ASSERT_TRUE(waitFor("didNotAuthenticate"));
+  ASSERT_TRUE(events->authenticationError);
+  EXPECT_TRUE(events->authenticationError->elementForName("not-authorized"));
+  EXPECT_EQ(stream->state(), XMPPStreamState::Connected);
+  EXPECT_FALSE(stream->isAuthenticated());
+  EXPECT_FALSE(stream->isAuthenticating());
+  EXPECT_EQ(events->count("didDisconnect"), 0);
+  authenticate();
+}
+
+TEST_F(XMPPStreamTest, AMechanismTheServerDoesNotOfferIsRefusedAtOnce) {
+  connect("SCRAM-SHA-1 X-UNKNOWN");
+  EXPECT_FALSE(stream->supportsAnonymousAuthentication());
+  KQError error;
+  EXPECT_FALSE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>(), &error));
+  EXPECT_EQ(error.code, XMPPStream::kErrorUnsupportedAction);
+  EXPECT_EQ(stream->state(), XMPPStreamState::Connected);
+  // Nothing was sent: the next thing the server reads is the closing tag.
+  stream->disconnect();
+  EXPECT_EQ(peer.receiveUntilClosed(), "</stream:stream>");
+}
+
+TEST_F(XMPPStreamTest, FaultsFromTheServerEndInDisconnectWithAnError) {
+  struct Fault {
+    std::string name;
+    std::string bytes;
+    std::string domain;
+    long code;
+  };
+  const std::vector<Fault> faults = {
+      {"malformed", "<message><body>x</mesage>", XMPPParser::kErrorDomain,
+       XMPPParser::kErrorMalformed},
+      {"entity declaration", "<!DOCTYPE x [<!ENTITY a 'b'>]>", XMPPParser::kErrorDomain,
+       XMPPParser::kErrorMalformed},
+      {"over 1 MiB", "<message><body>" + std::string(std::size_t{1100} * 1024, 'z'),
+       XMPPParser::kErrorDomain, XMPPParser::kErrorTooLarge},
+      {"closed mid-stanza", "<message><body>half", XMPPStream::kErrorDomain,
+       XMPPStream::kErrorServerClosed},
+      {"stream error",
+       "<stream:error><conflict xmlns='urn:ietf:params:xml:ns:xmpp-streams'/></stream:error>",
+       XMPPStream::kErrorDomain, XMPPStream::kErrorStreamError},
+  };
+  int round = 0;
+  for (const auto& fault : faults) {
+    SCOPED_TRACE(fault.name);
+    ++round;
+    connect();
+    peer.send(fault.bytes);
+    if (fault.name == "closed mid-stanza") {
+      peer.closeConnection();
+    }
+    ASSERT_TRUE(waitFor("didDisconnect", round));
+    ASSERT_TRUE(events->disconnectError);
+    EXPECT_EQ(events->disconnectError->domain, fault.domain);
+    EXPECT_EQ(events->disconnectError->code, fault.code);
+    EXPECT_TRUE(stream->isDisconnected());
+    peer.closeConnection();
+    events->events.erase(std::remove(events->events.begin(), events->events.end(), "didConnect"),
+                         events->events.end());
+  }
+}
+
+TEST_F(XMPPStreamTest, TLSPolicies) {
+  // Required, but the server offers none.
+  stream->setStartTLSPolicy(XMPPStreamStartTLSPolicy::Required);
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  ASSERT_TRUE(peer.accept());
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features("ANONYMOUS"));
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorTLS);
+  EXPECT_EQ(events->count("didConnect"), 0);
+
+  // Preferred: the client asks for TLS when offered; a refusal ends the stream.
+  stream->setStartTLSPolicy(XMPPStreamStartTLSPolicy::Preferred);
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  ASSERT_TRUE(peer.accept());
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features("ANONYMOUS", true));
+  EXPECT_EQ(peer.receiveUntil("/>"), "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>");
+  peer.send("<failure xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>");
+  ASSERT_TRUE(waitFor("didDisconnect", 2));
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorTLS);
+
+  // None: TLS offered is not taken.
+  stream->setStartTLSPolicy(XMPPStreamStartTLSPolicy::None);
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  ASSERT_TRUE(peer.accept());
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features("ANONYMOUS", true));
+  ASSERT_TRUE(waitFor("didConnect"));
+  EXPECT_FALSE(stream->isSecure());
+}
+
+TEST_F(XMPPStreamTest, StanzasReachTheDelegatesAndUnansweredRequestsGetAnError) {
+  connect();
+  authenticate();
+  peer.send(
+      "<message from='room1@conference.localhost/op' to='a1b2c3@localhost/TellioiPhone' "
+      "type='groupchat' note='&amp;&lt;&quot;'><body>hi</body></message>"
+      "<presence from='someone@localhost/x'/>"
+      "<iq type='get' id='v1' from='localhost'><query xmlns='jabber:iq:version'/></iq>");
+  ASSERT_TRUE(waitFor("didReceiveIQ"));
+  ASSERT_EQ(events->messages.size(), 1U);
+  EXPECT_EQ(events->messages[0].attributeStringValueForName("note"), "&<\"");
+  EXPECT_EQ(events->messages[0].body(), "hi");
+  ASSERT_EQ(events->presences.size(), 1U);
+  EXPECT_EQ(events->presences[0].from()->full(), "someone@localhost/x");
+  EXPECT_EQ(peer.receiveUntil("</iq>"),
+            "<iq type=\"error\" to=\"localhost\" id=\"v1\"><query xmlns=\"jabber:iq:version\"/>"
+            "<error type=\"cancel\"><service-unavailable "
+            "xmlns=\"urn:ietf:params:xml:ns:xmpp-stanzas\"/></error></iq>");
+
+  // A delegate that handles the request keeps the stream from answering it.
+  events->answerIQs = true;
+  peer.send("<iq type='get' id='v2' from='localhost'><query xmlns='jabber:iq:version'/></iq>");
+  ASSERT_TRUE(waitFor("didReceiveIQ", 2));
+  stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
+  EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"unavailable\"/>");
+}
+
+TEST_F(XMPPStreamTest, SendingWhileDisconnectedIsReportedAndAnIQWaitsForItsAnswer) {
+  stream->sendElement(XMPPMessage());
+  ASSERT_TRUE(waitFor("didFailToSendElement"));
+  EXPECT_EQ(events->failedToSend.at(0).name(), "message");
+
+  connect();
+  authenticate();
+  std::optional<XMPPIQ> answer;
+  bool answered = false;
+  stream->sendIQ(XMPPIQ("get", XMPPJID::jidWithString("localhost"), std::string("p1")),
+                 std::chrono::seconds(60), [&](const std::optional<XMPPIQ>& response) {
+                   // Runs on the stream's queue; hand the result to the test thread.
+                   DispatchQueue::main()->async([&, response] {
+                     answer = response;
+                     answered = true;
+                   });
+                 });
+  EXPECT_EQ(peer.receiveUntil("/>"), "<iq type=\"get\" to=\"localhost\" id=\"p1\"/>");
+  peer.send("<iq type='result' id='p1' from='localhost'/>");
+  ASSERT_TRUE(runMainQueueUntil([&] { return answered; }));
+  ASSERT_TRUE(answer);
+  EXPECT_TRUE(answer->isResultIQ());
+  EXPECT_EQ(events->count("didReceiveIQ"), 0);  // the tracked answer goes to its caller only
+
+  // A disconnect answers a pending request with nothing.
+  answered = false;
+  stream->sendIQ(XMPPIQ("get", std::nullopt, std::string("p2")), std::chrono::seconds(60),
+                 [&](const std::optional<XMPPIQ>& response) {
+                   DispatchQueue::main()->async([&, response] {
+                     answer = response;
+                     answered = true;
+                   });
+                 });
+  peer.receiveUntil("/>");
+  peer.closeConnection();
+  ASSERT_TRUE(runMainQueueUntil([&] { return answered; }));
+  EXPECT_FALSE(answer);
+}
+
+TEST_F(XMPPStreamTest, ConnectRefusedOrTimedOut) {
+  peer.stopListening();
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorSocket);
+  EXPECT_EQ(events->count("socketDidConnect"), 0);
+
+  KQError error;
+  stream->setMyJID(std::nullopt);
+  EXPECT_FALSE(stream->connectWithTimeout(XMPPStreamTimeoutNone, &error));
+  EXPECT_EQ(error.code, XMPPStream::kErrorInvalidProperty);
+}
+
+TEST_F(XMPPStreamTest, ConnectTimeoutEndsAStreamTheServerNeverAnswers) {
+  // The server accepts (the kernel does, from its backlog) but never answers the header.
+  ASSERT_TRUE(stream->connectWithTimeout(std::chrono::milliseconds(1)));
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_EQ(events->count("connectDidTimeout"), 1);
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorConnectTimeout);
+}
+
+TEST_F(XMPPStreamTest, RemovedDelegatesHearNothingMore) {
+  auto second = std::make_shared<test::StreamEvents>();
+  stream->addDelegate(second, DispatchQueue::main());
+  connect();
+  ASSERT_TRUE(runMainQueueUntil([&] { return second->count("didConnect") == 1; }));
+  stream->removeDelegate(second.get());
+  peer.send("<presence from='x@localhost/y'/>");
+  ASSERT_TRUE(waitFor("didReceivePresence"));
+  test::drainMainQueue();
+  EXPECT_EQ(second->count("didReceivePresence"), 0);
+}
+
+}  // namespace
+}  // namespace kq::xmpp

@@ -1,0 +1,204 @@
+#include "tests/support/FakeXMPPPeer.h"
+
+#include "tests/support/MainQueue.h"
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace kq::test {
+
+namespace {
+
+// Waits until `fd` is readable or `deadline` passes. The test's thread runs the main queue, and
+// the client under test answers the server there: keep pumping it while waiting.
+bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd waiting{fd, POLLIN, 0};
+    if (::poll(&waiting, 1, 0) > 0) {
+      return true;
+    }
+    DispatchQueue::main()->pump(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+}  // namespace
+
+FakeXMPPPeer::FakeXMPPPeer() {
+  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (listener_ < 0) {
+    throw std::runtime_error("FakeXMPPPeer: socket failed");
+  }
+  const int yes = 1;
+  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = 0;
+  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener_, 4) != 0) {
+    throw std::runtime_error("FakeXMPPPeer: cannot listen");
+  }
+  socklen_t length = sizeof address;
+  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+  port_ = ntohs(address.sin_port);
+}
+
+FakeXMPPPeer::~FakeXMPPPeer() {
+  closeConnection();
+  stopListening();
+}
+
+bool FakeXMPPPeer::accept() {
+  closeConnection();
+  if (!waitReadable(listener_, std::chrono::steady_clock::now() + kPatience)) {
+    ADD_FAILURE() << "FakeXMPPPeer: no client connected";
+    return false;
+  }
+  connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+  if (connection_ < 0) {
+    ADD_FAILURE() << "FakeXMPPPeer: accept failed";
+    return false;
+  }
+  const int yes = 1;
+  ::setsockopt(connection_, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+  buffer_.clear();
+  return true;
+}
+
+std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (true) {
+    const auto found = buffer_.find(marker);
+    if (found != std::string::npos) {
+      std::string result = buffer_.substr(0, found + marker.size());
+      buffer_.erase(0, found + marker.size());
+      return result;
+    }
+    if (connection_ < 0 || !waitReadable(connection_, deadline)) {
+      ADD_FAILURE() << "FakeXMPPPeer: \"" << marker << "\" never arrived; got: " << buffer_;
+      return std::exchange(buffer_, {});
+    }
+    char chunk[4096];
+    const ssize_t length = ::recv(connection_, chunk, sizeof chunk, 0);
+    if (length <= 0) {
+      ADD_FAILURE() << "FakeXMPPPeer: the client closed before \"" << marker
+                    << "\"; got: " << buffer_;
+      return std::exchange(buffer_, {});
+    }
+    buffer_.append(chunk, static_cast<std::size_t>(length));
+  }
+}
+
+std::string FakeXMPPPeer::receiveUntilClosed() {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (connection_ >= 0) {
+    if (!waitReadable(connection_, deadline)) {
+      ADD_FAILURE() << "FakeXMPPPeer: the client never closed; got: " << buffer_;
+      break;
+    }
+    char chunk[4096];
+    const ssize_t length = ::recv(connection_, chunk, sizeof chunk, 0);
+    if (length <= 0) {
+      break;
+    }
+    buffer_.append(chunk, static_cast<std::size_t>(length));
+  }
+  return std::exchange(buffer_, {});
+}
+
+bool FakeXMPPPeer::clientClosed() {
+  receiveUntilClosed();
+  return !::testing::Test::HasFailure();
+}
+
+void FakeXMPPPeer::send(std::string_view text) const {
+  std::size_t sent = 0;
+  while (sent < text.size() && connection_ >= 0) {
+    const ssize_t length =
+        ::send(connection_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (length <= 0) {
+      return;  // the client went away; the test checks what it saw
+    }
+    sent += static_cast<std::size_t>(length);
+  }
+}
+
+void FakeXMPPPeer::closeConnection() {
+  if (connection_ >= 0) {
+    ::close(connection_);
+    connection_ = -1;
+  }
+}
+
+void FakeXMPPPeer::stopListening() {
+  if (listener_ >= 0) {
+    ::close(listener_);
+    listener_ = -1;
+  }
+}
+
+std::string FakeXMPPPeer::serverHeader() {
+  return "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
+         "xmlns:stream='http://etherx.jabber.org/streams' id='fake' from='localhost' "
+         "version='1.0'>";
+}
+
+std::string FakeXMPPPeer::features(std::string_view mechanisms, bool tls) {
+  std::string text = "<stream:features>";
+  if (tls) {
+    text += "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
+  }
+  text += "<mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>";
+  std::size_t start = 0;
+  while (start < mechanisms.size()) {
+    std::size_t end = mechanisms.find(' ', start);
+    if (end == std::string_view::npos) {
+      end = mechanisms.size();
+    }
+    text += "<mechanism>" + std::string(mechanisms.substr(start, end - start)) + "</mechanism>";
+    start = end + 1;
+  }
+  text += "</mechanisms></stream:features>";
+  return text;
+}
+
+bool FakeXMPPPeer::openStream(std::string_view mechanisms) {
+  if (!accept()) {
+    return false;
+  }
+  receiveUntil("'http://etherx.jabber.org/streams'>");
+  send(serverHeader() + features(mechanisms));
+  return !::testing::Test::HasFailure();
+}
+
+std::string FakeXMPPPeer::completeAuthentication(std::string_view boundJID) {
+  receiveUntil("<auth");
+  if (!receiveUntil(">").ends_with("/>")) {
+    receiveUntil("</auth>");
+  }
+  send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>");
+  receiveUntil("'http://etherx.jabber.org/streams'>");
+  send(serverHeader() +
+       "<stream:features><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/>"
+       "<session xmlns='urn:ietf:params:xml:ns:xmpp-session'><optional/></session>"
+       "</stream:features>");
+  std::string request = receiveUntil("</iq>");
+  const auto idStart = request.find("id=\"") + 4;
+  const std::string id = request.substr(idStart, request.find('"', idStart) - idStart);
+  send("<iq type='result' id='" + id + "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>" +
+       std::string(boundJID) + "</jid></bind></iq>");
+  return request;
+}
+
+}  // namespace kq::test
