@@ -140,6 +140,24 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
     kq::sendKQVisitorMessage(room_, line, options_.userId, options_.websiteId, "0", options_.nick,
                              options_.chatId);
+    ++unconfirmed_;
+  }
+
+  // kExitFailure when lines typed did not reach the room.
+  [[nodiscard]] int exitStatus() const { return undelivered_ > 0 ? kExitFailure : kExitOk; }
+
+  // Standard input has ended: leave once every line typed has reached the room (the room
+  // reflects each to its sender), so that `echo Hi | kqvisitor-chat xmpp ...` delivers "Hi".
+  // A disconnect meanwhile ends the wait; the lines not delivered are then reported.
+  void inputEnded() {
+    inputEnded_ = true;
+    finishIfDelivered();
+  }
+
+  void finishIfDelivered() {
+    if (inputEnded_ && (!options_.chatId || (pending_.empty() && unconfirmed_ == 0))) {
+      finish();
+    }
   }
 
   // Leaves the room, signs out and stops the main loop once the stream is closed.
@@ -149,10 +167,11 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
     finishing_ = true;
     auto& client = kq::KQVisitorXMPPClient::instance();
+    for (const auto& line : pending_) {
+      print({{"event", "unsent"}, {"body", line}});
+    }
+    undelivered_ = static_cast<int>(pending_.size()) + unconfirmed_;
     if (room_) {
-      for (const auto& line : pending_) {
-        print({{"event", "unsent"}, {"body", line}});
-      }
       room_->leaveRoom();
     }
     client.xmppReconnect()->stop();
@@ -170,6 +189,8 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     print(event);
     if (finishing_) {
       kq::DispatchQueue::main()->stop();
+    } else if (inputEnded_) {
+      finish();  // Nothing more can be delivered; finish() reports what was not.
     }
   }
 
@@ -209,6 +230,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     for (const auto& line : waiting) {
       send(line);
     }
+    finishIfDelivered();
   }
   void xmppRoomDidConfigure(kq::xmpp::XMPPRoom& sender,
                             const kq::xmpp::XMPPIQ& /*iqResult*/) override {
@@ -227,7 +249,17 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   }
   void xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& /*sender*/, const XMPPMessage& message,
                                  const kq::xmpp::XMPPJID& occupant) override {
+    if (occupant.resource() == options_.nick && unconfirmed_ > 0 && !kq::isErrorMessage(message)) {
+      --unconfirmed_;  // one of ours, back from the room
+    }
     const auto stamp = kq::getTimeStamp(message);
+    printMessage(message, occupant, stamp);
+    finishIfDelivered();
+  }
+
+ private:
+  void printMessage(const XMPPMessage& message, const kq::xmpp::XMPPJID& occupant,
+                    const std::optional<kq::Date>& stamp) {
     print({{"event", "message"},
            {"from", occupant.full()},
            {"body", kq::kqChatMessage(message)},
@@ -243,7 +275,6 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
            {"error", kq::isErrorMessage(message)}});
   }
 
- private:
   void connected() {
     print({{"event", "connect"},
            {"jid", kq::KQVisitorXMPPClient::instance()
@@ -294,6 +325,9 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   std::shared_ptr<kq::xmpp::XMPPRoom> room_;
   std::vector<std::string> pending_;
   bool finishing_ = false;
+  bool inputEnded_ = false;
+  int unconfirmed_ = 0;  // lines sent that the room has not reflected yet
+  int undelivered_ = 0;  // lines left unsent or unconfirmed when finishing
   bool created_ = false;
   bool invited_ = false;
 };
@@ -311,7 +345,9 @@ int runXMPP(const std::vector<std::string>& arguments) {
               << "as --nick, configures the room when the server creates it, invites\n"
               << "<OPERATOR_ID>@localhost with --reason when asked, sends each line of standard\n"
               << "input as a chat packet and prints every message, invitation and room event.\n"
-              << "Runs until standard input closes (or Ctrl-C), then leaves and signs out.\n"
+              << "Runs until standard input closes and every line has reached the room (or\n"
+              << "Ctrl-C), then leaves and signs out. Exits with 1 when lines could not be\n"
+              << "delivered (each is printed as unsent), 2 for bad arguments.\n"
               << "--json prints one JSON object a line.\n";
     return kExitOk;
   }
@@ -335,7 +371,7 @@ int runXMPP(const std::vector<std::string>& arguments) {
     while (std::getline(std::cin, line)) {
       main->async([session, line] { session->send(line); });
     }
-    main->async([session] { session->finish(); });
+    main->async([session] { session->inputEnded(); });
   }).detach();
   std::thread([session, main, signals] {
     int received = 0;
@@ -343,7 +379,7 @@ int runXMPP(const std::vector<std::string>& arguments) {
     main->async([session] { session->finish(); });
   }).detach();
   main->run();
-  return kExitOk;
+  return session->exitStatus();
 }
 
 }  // namespace kqchat

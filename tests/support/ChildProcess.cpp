@@ -16,15 +16,23 @@
 namespace kq::test {
 
 ChildResult runChild(const std::vector<std::string>& arguments,
-                     const std::vector<std::string>& environment) {
+                     const std::vector<std::string>& environment, const std::string& input) {
+  int inPipe[2];
   int outPipe[2];
   int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+  if (pipe2(inPipe, O_CLOEXEC) != 0 || pipe2(outPipe, O_CLOEXEC) != 0 ||
+      pipe2(errPipe, O_CLOEXEC) != 0) {
     throw std::runtime_error("runChild: cannot make pipes");
   }
+  // The input is small: it fits the pipe's buffer, so writing it all before the child reads
+  // cannot block.
+  if (write(inPipe[1], input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
+    throw std::runtime_error("runChild: cannot write the child's input");
+  }
+  close(inPipe[1]);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
 
@@ -50,6 +58,7 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   pid_t child = 0;
   const int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
+  close(inPipe[0]);
   close(outPipe[1]);
   close(errPipe[1]);
   ChildResult result;

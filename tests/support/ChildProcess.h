@@ -15,10 +15,12 @@ struct ChildResult {
 };
 
 /// Runs `arguments` (the program first) with the environment of this process plus
-/// `environment` (NAME=VALUE entries), stdin from /dev/null, and waits for it to end; a child
-/// still running after kPatience is killed (a hang fails the test instead of holding it).
+/// `environment` (NAME=VALUE entries), and waits for it to end; a child still running after
+/// kPatience is killed (a hang fails the test instead of holding it). Its standard input reads
+/// `input` and then ends (at once when `input` is empty).
 ChildResult runChild(const std::vector<std::string>& arguments,
-                     const std::vector<std::string>& environment = {});
+                     const std::vector<std::string>& environment = {},
+                     const std::string& input = {});
 
 /// Runs a command that must succeed (test set-up such as "ip route add ..."); throws
 /// std::runtime_error naming it and its stderr otherwise.

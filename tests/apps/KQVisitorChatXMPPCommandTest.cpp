@@ -1,0 +1,138 @@
+// kqvisitor-chat xmpp, run as a child process against a real Prosody.
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/ProsodyServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <nlohmann/json.hpp>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace kq {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// The JSON lines of `out`, in order.
+std::vector<Json> events(const std::string& out) {
+  std::vector<Json> lines;
+  std::istringstream stream(out);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(Json::parse(line));
+  }
+  return lines;
+}
+
+// The events named `name`, in order.
+std::vector<Json> named(const std::vector<Json>& all, const std::string& name) {
+  std::vector<Json> found;
+  for (const auto& event : all) {
+    if (event["event"] == name) {
+      found.push_back(event);
+    }
+  }
+  return found;
+}
+
+// A loopback port on which nothing listens: bound once to learn a free one, then released.
+int portWithNoListener() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+class KQVisitorChatXMPPCommandTest : public ::testing::Test {
+ protected:
+  void writeConfig(int port, const std::string& caFile) {
+    test::writeFile(
+        config(), Json({{"xmppHost", "127.0.0.1"}, {"xmppPort", port}, {"caFile", caFile}}).dump());
+  }
+
+  [[nodiscard]] std::string config() const { return folder.file("config.json"); }
+
+  test::ChildResult chat(std::vector<std::string> arguments, const std::string& input) {
+    arguments.insert(arguments.begin(), {KQ_CHAT_TOOL, "xmpp"});
+    return test::runChild(arguments, {"KQVISITOR_CONFIG=" + config()}, input);
+  }
+
+  test::TemporaryDirectory folder;
+};
+
+TEST_F(KQVisitorChatXMPPCommandTest, ChatsInTheRoomFromStandardInputAndLeavesOnceDelivered) {
+  test::ProsodyServer server({});
+  writeConfig(server.port(), server.caFile());
+  const auto result = chat({"--chat-id", "31", "--website-id", "W9", "--user-id", "77", "--nick",
+                            "Ann", "--invite", "42", "--reason", "31|W9|77|Ann|x|Hello", "--json"},
+                           "Hello operator\nAre you there?\n");
+  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+  const auto all = events(result.out);
+
+  ASSERT_FALSE(named(all, "login").empty()) << result.out;
+  EXPECT_EQ(named(all, "login").front()["success"], true);
+  std::vector<std::string> roomStates;
+  for (const auto& event : named(all, "room")) {
+    EXPECT_EQ(event["room"], "room31@conference.localhost");
+    roomStates.push_back(event["state"]);
+  }
+  EXPECT_EQ(roomStates, (std::vector<std::string>{"created", "joined", "configured", "left"}));
+  ASSERT_EQ(named(all, "invite").size(), 1U);
+  EXPECT_EQ(named(all, "invite").front()["operator"], "42@localhost");
+
+  // Both lines went out as chat packets and came back from the room before it was left.
+  const auto messages = named(all, "message");
+  ASSERT_EQ(messages.size(), 2U) << result.out;
+  EXPECT_EQ(messages[0]["body"], "Hello operator");
+  EXPECT_EQ(messages[1]["body"], "Are you there?");
+  for (const auto& message : messages) {
+    EXPECT_EQ(message["chatId"], "31");
+    EXPECT_EQ(message["websiteId"], "W9");
+    EXPECT_EQ(message["visitorId"], "77");
+    EXPECT_EQ(message["visitorName"], "Ann");
+    EXPECT_EQ(message["managerId"], "0");
+    EXPECT_EQ(message["ignored"], false);
+    EXPECT_TRUE(message["timeStamp"].is_string());
+  }
+  EXPECT_TRUE(named(all, "unsent").empty());
+  EXPECT_EQ(all.back()["event"], "disconnect");
+  EXPECT_TRUE(all.back()["error"].is_null());
+}
+
+TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFailTheRun) {
+  writeConfig(portWithNoListener(), "");
+  const auto result = chat({"--chat-id", "31", "--nick", "Ann", "--json"}, "Hello\n");
+  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+  const auto all = events(result.out);
+  ASSERT_FALSE(named(all, "disconnect").empty()) << result.out;
+  EXPECT_NE(named(all, "disconnect").front()["error"].get<std::string>().find("Cannot connect"),
+            std::string::npos);
+  ASSERT_EQ(named(all, "unsent").size(), 1U);
+  EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
+}
+
+TEST_F(KQVisitorChatXMPPCommandTest, BadArgumentsExitWithStatusTwo) {
+  writeConfig(5225, "");
+  for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--invite", "42"},
+                                                    {"--chat-id", "1", "--invite", "42"},
+                                                    {"--tls", "sometimes"},
+                                                    {"--unknown"}}) {
+    const auto result = chat(arguments, "");
+    EXPECT_EQ(result.exitStatus, 2) << arguments.front();
+    EXPECT_NE(result.err.find("usage: kqvisitor-chat xmpp"), std::string::npos) << result.err;
+  }
+}
+
+}  // namespace
+}  // namespace kq
