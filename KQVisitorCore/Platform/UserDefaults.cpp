@@ -281,39 +281,44 @@ void UserDefaults::markChanged() {
 }
 
 bool UserDefaults::synchronize() {
-  std::scoped_lock writeLock(writeMutex_);
-  Json snapshot;
-  std::uint64_t count = 0;
+  std::optional<std::string> problem;
   {
-    std::scoped_lock lock(mutex_);
-    writeScheduled_ = false;
-    if (changeCount_ == savedCount_) {
-      return true;  // The file already holds these settings.
+    std::scoped_lock writeLock(writeMutex_);
+    Json snapshot;
+    std::uint64_t count = 0;
+    {
+      std::scoped_lock lock(mutex_);
+      writeScheduled_ = false;
+      if (changeCount_ == savedCount_) {
+        return true;  // The file already holds these settings.
+      }
+      snapshot = values_;
+      count = changeCount_;
     }
-    snapshot = values_;
-    count = changeCount_;
+    problem = writeSnapshot(snapshot);
+    if (!problem) {
+      std::scoped_lock lock(mutex_);
+      savedCount_ = count;
+    }
   }
-  if (!writeSnapshot(snapshot)) {
+  if (problem) {
+    log(*problem);  // outside the locks: the log sink is the host's code
     return false;
   }
-  std::scoped_lock lock(mutex_);
-  savedCount_ = count;
   return true;
 }
 
-bool UserDefaults::writeSnapshot(const Json& snapshot) {
+std::optional<std::string> UserDefaults::writeSnapshot(const Json& snapshot) const {
   const std::string folder = folderOf(path_);
   if (!makeFolders(folder)) {
-    log("UserDefaults: cannot create the folder ", folder, " (", errnoText(),
-        "); settings not saved");
-    return false;
+    return "UserDefaults: cannot create the folder " + folder + " (" + errnoText() +
+           "); settings not saved";
   }
   std::string temporary = path_ + ".XXXXXX";
   const int fd = ::mkstemp(temporary.data());
   if (fd < 0) {
-    log("UserDefaults: cannot create a file in ", folder, " (", errnoText(),
-        "); settings not saved");
-    return false;
+    return "UserDefaults: cannot create a file in " + folder + " (" + errnoText() +
+           "); settings not saved";
   }
   // Invalid UTF-8 in a stored string is written as U+FFFD rather than failing the save.
   const std::string text =
@@ -322,10 +327,10 @@ bool UserDefaults::writeSnapshot(const Json& snapshot) {
   const std::string writeError = written ? "" : errnoText();
   ::close(fd);
   if (!written || ::rename(temporary.c_str(), path_.c_str()) != 0) {
-    log("UserDefaults: cannot write ", path_, " (", written ? errnoText() : writeError,
-        "); settings not saved");
+    const std::string problem = "UserDefaults: cannot write " + path_ + " (" +
+                                (written ? errnoText() : writeError) + "); settings not saved";
     ::unlink(temporary.c_str());
-    return false;
+    return problem;
   }
   // The rename is durable only once the folder's entry is on disk too.
   const int folderFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -333,7 +338,7 @@ bool UserDefaults::writeSnapshot(const Json& snapshot) {
     ::fsync(folderFd);
     ::close(folderFd);
   }
-  return true;
+  return std::nullopt;
 }
 
 }  // namespace kq

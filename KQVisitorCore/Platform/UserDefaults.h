@@ -66,7 +66,8 @@ class KQ_EXPORT UserDefaults {
   void load();
   void setAside(const std::string& problem) const;
   void markChanged();
-  bool writeSnapshot(const Json& snapshot);
+  // Writes the file; on failure, the line to log.
+  [[nodiscard]] std::optional<std::string> writeSnapshot(const Json& snapshot) const;
 
   const std::string path_;
   mutable std::mutex mutex_;

@@ -113,6 +113,24 @@ TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
   EXPECT_FALSE(defaults.objectForKey("anything"));
 }
 
+TEST(UserDefaultsTest, AFailedWriteIsReportedAndRetriedByTheNextSynchronize) {
+  test::TemporaryDirectory folder;
+  const std::string blocker = folder.file("not-a-folder");
+  test::writeFile(blocker, "a file where the settings' folder should be");
+  const std::string path = blocker + "/defaults.json";
+  UserDefaults defaults(path);
+  defaults.setObject("kept", "d_time");
+  {
+    test::LogCapture log;
+    EXPECT_FALSE(defaults.synchronize());
+    EXPECT_TRUE(log.contains("cannot create the folder " + blocker)) << "the log says what failed";
+  }
+  EXPECT_EQ(defaults.stringForKey("d_time"), "kept") << "a failed write loses nothing";
+  std::filesystem::remove(blocker);
+  EXPECT_TRUE(defaults.synchronize()) << "the change is still unsaved, so it is written now";
+  EXPECT_EQ(UserDefaults(path).stringForKey("d_time"), "kept");
+}
+
 TEST(UserDefaultsTest, TypedReadsFollowFoundationRules) {
   test::TemporaryDirectory folder;
   UserDefaults defaults(folder.file("defaults.json"));
