@@ -156,6 +156,18 @@ class ProsodyTest : public ::testing::Test {
     return room;
   }
 
+  // The operator joins the visitor's room under the nickname "Operator".
+  static std::shared_ptr<xmpp::XMPPRoom> joinAsOperator(
+      const Operator& agent, const XMPPJID& roomJID,
+      const std::shared_ptr<test::RoomEvents>& roomEvents) {
+    auto room = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+                                                 roomJID, DispatchQueue::main());
+    room->addDelegate(roomEvents, DispatchQueue::main());
+    room->activate(agent.stream);
+    room->joinRoomUsingNickname("Operator", std::nullopt);
+    return room;
+  }
+
   std::unique_ptr<ProsodyServer> server;
   std::shared_ptr<KQVisitorXMPPClient> client;
   std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
@@ -221,12 +233,8 @@ TEST_F(ProsodyTest, RoomIsCreatedConfiguredAndOpenToTheOperator) {
 
   Operator agent(*server);
   ASSERT_TRUE(agent.login());
-  auto operatorRoom = std::make_shared<xmpp::XMPPRoom>(
-      xmpp::XMPPRoomMemoryStorage::sharedInstance(), room->roomJID(), DispatchQueue::main());
   auto operatorEvents = std::make_shared<test::RoomEvents>();
-  operatorRoom->addDelegate(operatorEvents, DispatchQueue::main());
-  operatorRoom->activate(agent.stream);
-  operatorRoom->joinRoomUsingNickname("Operator", std::nullopt);
+  auto operatorRoom = joinAsOperator(agent, room->roomJID(), operatorEvents);
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
   EXPECT_EQ(operatorEvents->count("didCreate"), 0);  // the room existed and was unlocked
   operatorRoom->deactivate();
@@ -240,21 +248,15 @@ TEST_F(ProsodyTest, ChatPacketIsReflectedAndReadBackFieldByField) {
   auto room = createRoom("1002", roomEvents);
   sendKQVisitorMessage(room, "Hello & <welcome> \"friend\"", "0", "W9", "0", "Ann & \"Bo\" <b>",
                        "1002");
+  const xmpp::XMPPMessage* reflected = nullptr;
   ASSERT_TRUE(runMainQueueUntil([&] {
     for (const auto& message : roomEvents->messages) {
       if (message.attributeStringValueForName("custom_packet") == "true") {
-        return true;
+        reflected = &message;
       }
     }
-    return false;
+    return reflected != nullptr;
   }));
-  const xmpp::XMPPMessage* reflected = nullptr;
-  for (const auto& message : roomEvents->messages) {
-    if (message.attributeStringValueForName("custom_packet") == "true") {
-      reflected = &message;
-    }
-  }
-  ASSERT_NE(reflected, nullptr);
   EXPECT_EQ(kqChatMessage(*reflected), "Hello & <welcome> \"friend\"");
   EXPECT_EQ(chatId(*reflected), "1002");
   EXPECT_EQ(websiteId(*reflected), "W9");
@@ -299,12 +301,8 @@ TEST_F(ProsodyTest, ChatStatesReachTheOtherOccupantAndDestroyEndsTheRoom) {
   auto room = createRoom("1004", roomEvents);
   Operator agent(*server);
   ASSERT_TRUE(agent.login());
-  auto operatorRoom = std::make_shared<xmpp::XMPPRoom>(
-      xmpp::XMPPRoomMemoryStorage::sharedInstance(), room->roomJID(), DispatchQueue::main());
   auto operatorEvents = std::make_shared<test::RoomEvents>();
-  operatorRoom->addDelegate(operatorEvents, DispatchQueue::main());
-  operatorRoom->activate(agent.stream);
-  operatorRoom->joinRoomUsingNickname("Operator", std::nullopt);
+  auto operatorRoom = joinAsOperator(agent, room->roomJID(), operatorEvents);
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
 
   sendComposingChatState(room);

@@ -12,6 +12,7 @@
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
 
+#include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/FakeXMPPPeer.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
@@ -31,29 +32,8 @@ std::string idOf(const std::string& text) {
   return text.substr(start, text.find('"', start) - start);
 }
 
-class XMPPModulesTest : public ::testing::Test {
+class XMPPModulesTest : public test::FakePeerStreamTest {
  protected:
-  void SetUp() override {
-    stream = XMPPStream::create();
-    stream->setHostName("127.0.0.1");
-    stream->setHostPort(peer.port());
-    stream->setMyJID(XMPPJID::jidWithString("visitor@localhost/TellioiPhone"));
-    stream->addDelegate(events, DispatchQueue::main());
-  }
-
-  void TearDown() override {
-    for (const auto& module : stream->registeredModules()) {
-      module->deactivate();
-    }
-    stream->disconnect();
-    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
-    peer.closeConnection();
-    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
-    const std::weak_ptr<XMPPStream> gone = stream;
-    stream.reset();
-    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
-  }
-
   // Connects (unless a module already started connecting) and logs in anonymously.
   void login(bool connectFirst = true) {
     if (connectFirst) {
@@ -68,10 +48,6 @@ class XMPPModulesTest : public ::testing::Test {
       return events->count("didAuthenticate") > seen;
     }));
   }
-
-  FakeXMPPPeer peer;
-  std::shared_ptr<XMPPStream> stream;
-  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
 };
 
 // Moves the clock on by `step` until `done`: a repeating timer that is rescheduling while the

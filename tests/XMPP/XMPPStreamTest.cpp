@@ -3,6 +3,7 @@
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
+#include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/FakeXMPPPeer.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/XMPPTestDelegates.h"
@@ -21,25 +22,8 @@ constexpr const char* kClientHeader =
     "<?xml version='1.0'?><stream:stream to='localhost' version='1.0' xmlns='jabber:client' "
     "xmlns:stream='http://etherx.jabber.org/streams'>";
 
-class XMPPStreamTest : public ::testing::Test {
+class XMPPStreamTest : public test::FakePeerStreamTest {
  protected:
-  void SetUp() override {
-    stream = XMPPStream::create();
-    stream->setHostName("127.0.0.1");
-    stream->setHostPort(peer.port());
-    stream->setMyJID(XMPPJID::jidWithString("visitor@localhost/TellioiPhone"));
-    stream->addDelegate(events, DispatchQueue::main());
-  }
-
-  void TearDown() override {
-    stream->disconnect();
-    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
-    peer.closeConnection();
-    const std::weak_ptr<XMPPStream> gone = stream;
-    stream.reset();
-    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
-  }
-
   bool waitFor(const std::string& event, int times = 1) {
     return runMainQueueUntil([&] { return events->count(event) >= times; });
   }
@@ -58,10 +42,6 @@ class XMPPStreamTest : public ::testing::Test {
     peer.completeAuthentication(boundJID);
     ASSERT_TRUE(waitFor("didAuthenticate"));
   }
-
-  FakeXMPPPeer peer;
-  std::shared_ptr<XMPPStream> stream;
-  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
 };
 
 TEST_F(XMPPStreamTest, AnonymousLoginStepByStep) {
