@@ -859,7 +859,17 @@ std::shared_ptr<XMPPStream> XMPPStream::create() {
   static std::once_flag once;
   std::call_once(once, [] { OPENSSL_init_ssl(0, nullptr); });
   XMPPParser::initialize();
-  return std::shared_ptr<XMPPStream>(new XMPPStream);
+  // A task on the stream's own thread may hold the last reference. Destroying the stream there
+  // would leave that thread tearing down libxml2 and OpenSSL state while nothing waits for it,
+  // even while the process exits and those libraries clean up: such a stream is destroyed on
+  // the main queue instead, which joins the stream's thread.
+  return std::shared_ptr<XMPPStream>(new XMPPStream, [](XMPPStream* stream) {
+    if (stream->impl_->queue->isCurrent()) {
+      DispatchQueue::main()->async([stream] { delete stream; });
+    } else {
+      delete stream;
+    }
+  });
 }
 
 std::string XMPPStream::hostName() const {

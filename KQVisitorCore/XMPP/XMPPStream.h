@@ -55,7 +55,8 @@ inline constexpr std::chrono::duration<double> XMPPStreamTimeoutNone{-1.0};
 /// event first, on the stream's queue.
 ///
 /// The stream stays alive while a connection is open (its I/O holds it); disconnect() and the
-/// did-disconnect event let it go.
+/// did-disconnect event let it go. When its last reference goes away on the stream's own
+/// thread, the stream is destroyed on the main queue (which the host runs).
 class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
  public:
   /// Error domain and codes of the stream's own errors (did-disconnect, failed calls).
