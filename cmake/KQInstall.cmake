@@ -4,9 +4,17 @@ include(CMakePackageConfigHelpers)
 install(TARGETS KQVisitorCore EXPORT KQVisitorCoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# Internal headers (the library's own threads, queues, delegate lists and stream parser) stay out
+# of the installed tree; no installed header includes them.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/KQVisitorCore/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KQVisitorCore
-  FILES_MATCHING PATTERN "*.h")
+  FILES_MATCHING PATTERN "*.h"
+  PATTERN "Guarded.h" EXCLUDE
+  PATTERN "OwnedThread.h" EXCLUDE
+  PATTERN "TimedTasks.h" EXCLUDE
+  PATTERN "XMPPDelegateList.h" EXCLUDE
+  PATTERN "XMPPParser.h" EXCLUDE
+  PATTERN "XMPPQueue.h" EXCLUDE)
 
 set(KQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KQVisitorCore)
 install(EXPORT KQVisitorCoreTargets NAMESPACE KQVisitorCore:: DESTINATION ${KQ_CMAKE_DIR})

@@ -75,9 +75,13 @@ void KQVisitorWebService::logout() {
 // --- JSON service ----------------------------------------------------------------------------
 
 std::string KQVisitorWebService::jsonServiceBaseURL() const {
-  const KQVisitorConfig config = KQVisitorConfig::shared();
-  return isHTTPClient() ? config.jsonServiceBetaOrigin + std::string(kBetaServicePath)
-                        : config.jsonServiceProductionOrigin + std::string(kProductionServicePath);
+  if (isHTTPClient()) {
+    return KQVisitorConfig::sharedFor({"jsonServiceBetaOrigin", "caFile"}).jsonServiceBetaOrigin +
+           std::string(kBetaServicePath);
+  }
+  return KQVisitorConfig::sharedFor({"jsonServiceProductionOrigin", "caFile"})
+             .jsonServiceProductionOrigin +
+         std::string(kProductionServicePath);
 }
 
 std::string KQVisitorWebService::urlBuilder(const nlohmann::ordered_json& parameters) {

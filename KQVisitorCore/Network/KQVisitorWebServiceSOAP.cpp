@@ -19,7 +19,8 @@ struct ManagementCall {
 
 std::optional<ManagementCall> managementCall(std::string_view operation) {
   try {
-    const KQVisitorConfig config = KQVisitorConfig::shared();
+    const KQVisitorConfig config =
+        KQVisitorConfig::sharedFor({"soapServiceOrigin", "soapNamespace", "caFile"});
     return ManagementCall{
         config.soapServiceOrigin + std::string(KQVisitorWebService::kManagementServicePath),
         config.soapNamespace + std::string(operation)};

@@ -63,7 +63,8 @@ void KQVisitorWebService::uploadFile(const nlohmann::ordered_json& parameters,
   }
   std::string url;
   try {
-    url = KQVisitorConfig::shared().uploadServiceOrigin + std::string(kUploadServicePath);
+    url = KQVisitorConfig::sharedFor({"uploadServiceOrigin", "caFile"}).uploadServiceOrigin +
+          std::string(kUploadServicePath);
   } catch (const KQVisitorConfig::Error& error) {
     if (failure) {
       failure(error.what());

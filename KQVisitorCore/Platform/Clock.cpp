@@ -4,6 +4,8 @@
 #include <KQVisitorCore/Platform/ManualClock.h>
 
 #include <algorithm>
+#include <map>
+#include <vector>
 
 namespace kq {
 namespace {
@@ -35,9 +37,58 @@ std::shared_ptr<Clock>& sharedClockSlot() {
   return *clock;
 }
 
+struct TimeObservers {
+  std::mutex mutex;
+  std::uint64_t nextKey = 1;                             // guarded by mutex
+  std::map<std::uint64_t, std::function<void()>> byKey;  // guarded by mutex
+};
+
+TimeObservers& timeObservers() {
+  static auto* observers = new TimeObservers;  // never destroyed, like the clock
+  return *observers;
+}
+
 }  // namespace
 
 Clock::~Clock() = default;
+
+void Clock::notifyTimeChanged() {
+  DispatchQueue::wakeAll();
+  std::vector<std::function<void()>> observers;
+  {
+    auto& registry = timeObservers();
+    std::scoped_lock lock(registry.mutex);
+    for (const auto& [key, observer] : registry.byKey) {
+      observers.push_back(observer);
+    }
+  }
+  for (const auto& observer : observers) {
+    observer();
+  }
+}
+
+std::uint64_t Clock::addTimeObserver(std::function<void()> observer) {
+  auto& registry = timeObservers();
+  std::scoped_lock lock(registry.mutex);
+  const std::uint64_t key = registry.nextKey++;
+  registry.byKey.emplace(key, std::move(observer));
+  return key;
+}
+
+void Clock::removeTimeObserver(std::uint64_t key) {
+  std::function<void()> removed;
+  {
+    auto& registry = timeObservers();
+    std::scoped_lock lock(registry.mutex);
+    const auto found = registry.byKey.find(key);
+    if (found == registry.byKey.end()) {
+      return;
+    }
+    removed = std::move(found->second);
+    registry.byKey.erase(found);
+  }
+  // `removed` is destroyed here, outside the lock.
+}
 
 std::shared_ptr<Clock> Clock::shared() {
   std::scoped_lock lock(sharedClockMutex());
@@ -49,7 +100,7 @@ void Clock::setShared(std::shared_ptr<Clock> clock) {
     std::scoped_lock lock(sharedClockMutex());
     sharedClockSlot() = clock ? std::move(clock) : std::make_shared<SystemClock>();
   }
-  DispatchQueue::wakeAll();
+  notifyTimeChanged();
 }
 
 ManualClock::ManualClock() : ticks_(std::chrono::steady_clock::now().time_since_epoch().count()) {}
@@ -76,7 +127,7 @@ void ManualClock::advance(Duration by) {
     return;
   }
   ticks_.fetch_add(by.count());
-  DispatchQueue::wakeAll();
+  notifyTimeChanged();
 }
 
 }  // namespace kq

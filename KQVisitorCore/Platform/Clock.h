@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -35,6 +37,17 @@ class KQ_EXPORT Clock {
   /// Installs `clock` (null restores the system clock) and wakes every queue so that waits are
   /// measured on the new clock. Install a clock before scheduling the timers that should use it.
   static void setShared(std::shared_ptr<Clock> clock);
+
+  /// Tells every queue waiting for a deadline, and every time observer, that the time moved or
+  /// the clock was replaced. Clocks whose time jumps call it.
+  static void notifyTimeChanged();
+
+  /// Registers `observer`, called by notifyTimeChanged() on the thread that changed the time
+  /// (never under a lock of the clock's), for event loops that keep timers of their own. Answers
+  /// a key for removeTimeObserver(). An observer may still run once while it is being removed:
+  /// it keeps what it uses alive by itself.
+  static std::uint64_t addTimeObserver(std::function<void()> observer);
+  static void removeTimeObserver(std::uint64_t key);
 };
 
 }  // namespace kq

@@ -1,17 +1,16 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 
-#include <pthread.h>
+#include <KQVisitorCore/Platform/OwnedThread.h>
+#include <KQVisitorCore/Platform/TimedTasks.h>
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <future>
-#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -34,13 +33,11 @@ struct DispatchQueue::Impl {
   std::mutex mutex;
   std::condition_variable wake;
   std::deque<Task> ready;
-  std::map<std::pair<TimePoint, TaskId>, Task> timed;
-  std::unordered_map<TaskId, TimePoint> deadlineOf;
-  TaskId nextId = 1;
+  TimedTasks timed;
   bool stopping = false;       // the queue is being destroyed
   bool stopRequested = false;  // main queue: run() should return
   int running = 0;             // main queue: nesting depth of run()
-  std::thread thread;
+  OwnedThread thread;
   std::atomic<std::thread::id> owner{};
 };
 
@@ -86,15 +83,13 @@ DispatchQueue::Impl::~Impl() {
 }
 
 void DispatchQueue::Impl::promoteDue(TimePoint now) {
-  while (!timed.empty() && timed.begin()->first.first <= now) {
-    auto node = timed.extract(timed.begin());
-    deadlineOf.erase(node.key().second);
-    ready.push_back(std::move(node.mapped()));
+  while (Task task = timed.takeDue(now)) {
+    ready.push_back(std::move(task));
   }
 }
 
 DispatchQueue::TimePoint DispatchQueue::Impl::nextDeadline() const {
-  return timed.empty() ? TimePoint::max() : timed.begin()->first.first;
+  return timed.nextDeadline();
 }
 
 std::size_t DispatchQueue::Impl::runPass(std::unique_lock<std::mutex>& lock) {
@@ -135,22 +130,16 @@ DispatchQueue::DispatchQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)
 
 DispatchQueue::~DispatchQueue() {
   std::deque<Task> droppedReady;
-  std::map<std::pair<TimePoint, TaskId>, Task> droppedTimed;
+  TimedTasks droppedTimed;
   {
     std::scoped_lock lock(impl_->mutex);
     impl_->stopping = true;
     droppedReady.swap(impl_->ready);
-    droppedTimed.swap(impl_->timed);
-    impl_->deadlineOf.clear();
+    droppedTimed = impl_->timed.takeAll();
   }
   impl_->wake.notify_all();
-  if (impl_->thread.joinable()) {
-    if (impl_->thread.get_id() == std::this_thread::get_id()) {
-      impl_->thread.detach();  // threadMain keeps Impl alive through its own reference
-    } else {
-      impl_->thread.join();
-    }
-  }
+  // On the queue's own thread, threadMain keeps Impl alive through its own reference.
+  impl_->thread.release();
   // droppedReady and droppedTimed are destroyed here, outside every lock.
 }
 
@@ -162,11 +151,7 @@ const std::shared_ptr<DispatchQueue>& DispatchQueue::main() {
 
 std::shared_ptr<DispatchQueue> DispatchQueue::create(std::string label) {
   auto impl = std::make_shared<Impl>(std::move(label));
-  impl->thread = std::thread([impl] {
-    // The thread name shows in debuggers and crash reports; Linux allows 15 characters.
-    pthread_setname_np(pthread_self(), impl->label.substr(0, 15).c_str());
-    impl->threadMain();
-  });
+  impl->thread = OwnedThread(impl->label, [impl] { impl->threadMain(); });
   return std::shared_ptr<DispatchQueue>(new DispatchQueue(std::move(impl)));
 }
 
@@ -196,23 +181,15 @@ DispatchQueue::TaskId DispatchQueue::scheduleAt(TimePoint deadline, Task task) {
     if (impl_->stopping) {
       return 0;
     }
-    id = impl_->nextId++;
-    impl_->timed.emplace(std::make_pair(deadline, id), std::move(task));
-    impl_->deadlineOf.emplace(id, deadline);
+    id = impl_->timed.add(deadline, std::move(task));
   }
   impl_->wake.notify_one();
   return id;
 }
 
-DispatchQueue::Task DispatchQueue::cancel(TaskId id) {
+TimerQueue::Task DispatchQueue::cancel(TaskId id) {
   std::scoped_lock lock(impl_->mutex);
-  const auto found = impl_->deadlineOf.find(id);
-  if (found == impl_->deadlineOf.end()) {
-    return nullptr;
-  }
-  auto node = impl_->timed.extract(std::make_pair(found->second, id));
-  impl_->deadlineOf.erase(found);
-  return node.empty() ? nullptr : std::move(node.mapped());
+  return impl_->timed.take(id);
 }
 
 void DispatchQueue::sync(const Task& task) {
@@ -238,7 +215,7 @@ bool DispatchQueue::isCurrent() const {
 }
 
 void DispatchQueue::run() {
-  if (impl_->thread.joinable()) {
+  if (impl_->thread.isRunning()) {
     throw std::logic_error("DispatchQueue::run: queue \"" + impl_->label +
                            "\" runs on its own thread");
   }
@@ -272,7 +249,7 @@ void DispatchQueue::stop() {
 }
 
 std::size_t DispatchQueue::pump(Duration maxWait) {
-  if (impl_->thread.joinable()) {
+  if (impl_->thread.isRunning()) {
     throw std::logic_error("DispatchQueue::pump: queue \"" + impl_->label +
                            "\" runs on its own thread");
   }

@@ -2,6 +2,7 @@
 
 #include <KQVisitorCore/Platform/Clock.h>
 #include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/TimerQueue.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,8 +12,6 @@
 
 namespace kq {
 
-class Timer;
-
 /// A serial queue of tasks, in the manner of a dispatch queue: tasks run one at a time, in the
 /// order they were submitted; delayed tasks join the end of the queue when their deadline (on
 /// Clock::shared()) has passed, earliest deadline first.
@@ -21,9 +20,8 @@ class Timer;
 /// thread with run() or pumps it from its own event loop with pump(). Every other queue is
 /// created with create() and owns one thread. Tasks are never run inside the call that submits
 /// them (except sync() on the queue's own thread).
-class KQ_EXPORT DispatchQueue {
+class KQ_EXPORT DispatchQueue final : public TimerQueue {
  public:
-  using Task = std::function<void()>;
   using Duration = Clock::Duration;
   using TimePoint = Clock::TimePoint;
 
@@ -32,7 +30,7 @@ class KQ_EXPORT DispatchQueue {
 
   /// Stops the queue's thread and drops the tasks that have not run. Safe to run on the queue's
   /// own thread (the thread then ends after the task that released the queue).
-  ~DispatchQueue();
+  ~DispatchQueue() override;
 
   /// The host-driven main queue. It lives until the process ends.
   static const std::shared_ptr<DispatchQueue>& main();
@@ -55,7 +53,10 @@ class KQ_EXPORT DispatchQueue {
 
   /// True on the thread that runs this queue's tasks. For the main queue: on the thread that
   /// last ran or pumped it, also between pumps.
-  [[nodiscard]] bool isCurrent() const;
+  [[nodiscard]] bool isCurrent() const override;
+
+  TaskId scheduleAt(TimePoint deadline, Task task) override;
+  Task cancel(TaskId id) override;
 
   /// Main queue only: runs tasks on the calling thread until stop() is called.
   void run();
@@ -75,15 +76,7 @@ class KQ_EXPORT DispatchQueue {
   struct Impl;
 
  private:
-  friend class Timer;
-  using TaskId = std::uint64_t;
-
   explicit DispatchQueue(std::shared_ptr<Impl> impl);
-
-  // Timer support: schedule a task by deadline and take it back (returned so that the caller
-  // destroys it outside its own locks).
-  TaskId scheduleAt(TimePoint deadline, Task task);
-  Task cancel(TaskId id);
 
   std::shared_ptr<Impl> impl_;
 };

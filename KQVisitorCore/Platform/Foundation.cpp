@@ -55,6 +55,29 @@ std::int32_t intValue(std::string_view text) {
                                                std::numeric_limits<std::int32_t>::max()));
 }
 
+nlohmann::ordered_json jsonValue(const std::optional<std::string>& value) {
+  return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
+}
+
+bool boolValue(const nlohmann::ordered_json& value) {
+  if (value.is_boolean()) {
+    return value.get<bool>();
+  }
+  if (value.is_number()) {
+    return value.get<double>() != 0;
+  }
+  if (!value.is_string()) {
+    return false;
+  }
+  const auto& text = value.get_ref<const std::string&>();
+  const auto first = text.find_first_not_of(" \t\n\r");
+  if (first == std::string::npos) {
+    return false;
+  }
+  const char c = text[first];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
 std::string describe(std::string_view text) {
   return std::string(text);
 }

@@ -27,6 +27,15 @@ KQ_EXPORT std::int64_t integerValue(std::string_view text);
 /// Like integerValue, saturating at the 32-bit range (Foundation's `intValue`).
 KQ_EXPORT std::int32_t intValue(std::string_view text);
 
+/// `value` as JSON: its text, or null when absent (which a service request writes as the
+/// platform's text for a missing object).
+KQ_EXPORT nlohmann::ordered_json jsonValue(const std::optional<std::string>& value);
+
+/// A value read as Foundation's `boolValue` reads it: a boolean as it is, a number when not 0,
+/// a string when its first non-blank character is "Y", "y", "T", "t" or a digit 1 to 9; false
+/// for anything else.
+KQ_EXPORT bool boolValue(const nlohmann::ordered_json& value);
+
 /// "%@" of a value: strings as they are, an absent string as "(null)", numbers in decimal,
 /// booleans as 1 or 0 (as a boolean number prints), JSON strings as their text and other JSON
 /// values in compact JSON.

@@ -1,17 +1,21 @@
 #include <KQVisitorCore/Platform/HTTPSession.h>
 
+#include <KQVisitorCore/Platform/Clock.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/OwnedThread.h>
+#include <KQVisitorCore/Platform/Reachability.h>
 
 #include <curl/curl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -108,6 +112,29 @@ void callNoThrow(const Function& function, Arguments... arguments) noexcept {
   function(arguments...);
 }
 
+// Whether a failed transfer failed because the machine has no usable network.
+bool isOffline(CURL* easy, CURLcode result) {
+  if (result == CURLE_COULDNT_CONNECT) {
+    long osError = 0;
+    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &osError);
+    return osError == ENETUNREACH || osError == EHOSTUNREACH;
+  }
+  if (result == CURLE_COULDNT_RESOLVE_HOST) {
+    return Reachability::reachabilityForInternetConnection()->currentReachabilityStatus() ==
+           NetworkStatus::NotReachable;
+  }
+  return false;
+}
+
+KQError offlineError(const std::string& description, const std::string& url) {
+  KQError error{std::string(HTTPSession::kURLErrorDomain),
+                HTTPSession::kErrorNotConnectedToInternet, nlohmann::ordered_json::object()};
+  error.userInfo["NSLocalizedDescription"] = "The Internet connection appears to be offline.";
+  error.userInfo["NSErrorFailingURLStringKey"] = url;
+  error.userInfo["NSUnderlyingError"] = description;
+  return error;
+}
+
 }  // namespace
 
 // --- One task ---------------------------------------------------------------------------------
@@ -127,7 +154,10 @@ struct Transfer {
   char errorBuffer[CURL_ERROR_SIZE] = {};
   std::optional<KQError> abortError;  // set when we stop the transfer ourselves
 
-  SteadyClock::time_point lastActivity;
+  // Idle time is measured on Clock::shared(), read once per turn of the session's loop: the
+  // callbacks below only note that bytes moved.
+  Clock::TimePoint lastActivity;
+  bool moved = false;
   curl_off_t lastTransferred = 0;
   curl_off_t lastReportedSent = -1;
   SteadyClock::time_point lastReport;
@@ -144,7 +174,7 @@ std::size_t receiveBody(char* data, std::size_t size, std::size_t count, void* u
     return 0;
   }
   transfer->body.append(data, length);
-  transfer->lastActivity = SteadyClock::now();
+  transfer->moved = true;
   return length;
 }
 
@@ -152,7 +182,7 @@ std::size_t receiveHeader(char* data, std::size_t size, std::size_t count, void*
   auto* transfer = static_cast<Transfer*>(user);
   const std::size_t length = size * count;
   const std::string_view line = trimmed(std::string_view(data, length));
-  transfer->lastActivity = SteadyClock::now();
+  transfer->moved = true;
   if (line.starts_with("HTTP/")) {
     // A new status line: an interim answer or a redirect came before; keep the final head only.
     transfer->responseHeaders.clear();
@@ -169,7 +199,7 @@ int reportProgress(void* user, curl_off_t /*downloadTotal*/, curl_off_t download
   const auto now = SteadyClock::now();
   if (downloaded + uploaded != transfer->lastTransferred) {
     transfer->lastTransferred = downloaded + uploaded;
-    transfer->lastActivity = now;
+    transfer->moved = true;
   }
   if (transfer->progress && uploadTotal > 0 && uploaded != transfer->lastReportedSent) {
     const bool finished = uploaded >= uploadTotal;
@@ -203,6 +233,18 @@ struct HTTPSession::Impl {
       curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
       curl_share_setopt(share.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     }
+    // libcurl makes a multi handle even when it cannot open the channel that wakes its wait
+    // (no file descriptor left); such a session would never notice a new task.
+    if (!multi || !share) {
+      unusable = "The HTTP client could not be initialised.";
+    } else if (curl_multi_wakeup(multi.get()) != CURLM_OK) {
+      unusable =
+          "The HTTP client cannot wake its event loop (the process may be out of file "
+          "descriptors). Free some and start a new session.";
+    }
+    if (!unusable.empty()) {
+      log("HTTPSession: ", unusable);
+    }
   }
 
   Impl(const Impl&) = delete;
@@ -217,6 +259,8 @@ struct HTTPSession::Impl {
   }
 
   void threadMain();
+  void wake();
+  void failActive(const std::string& what, CURLMcode code);
   void startTransfers(std::vector<std::unique_ptr<Transfer>> transfers);
   std::optional<KQError> configure(Transfer& transfer);
   void finish(CURL* easy, CURLcode result);
@@ -229,6 +273,8 @@ struct HTTPSession::Impl {
   const Configuration configuration;
   MultiHandle multi;
   ShareHandle share;
+  std::string unusable;  // why no task can run, set once before the thread starts
+  std::uint64_t timeObserver = 0;
   std::atomic<std::thread::id> threadId;
   std::atomic<TaskIdentifier> nextIdentifier{1};
 
@@ -236,8 +282,9 @@ struct HTTPSession::Impl {
   std::vector<std::unique_ptr<Transfer>> incoming;  // guarded by mutex
   std::vector<TaskIdentifier> cancellations;        // guarded by mutex
   bool stopping = false;                            // guarded by mutex
+  std::condition_variable workArrived;              // wakes the thread while no transfer runs
   bool finished = false;                            // guarded by mutex
-  std::thread thread;
+  OwnedThread thread;
 
   // Owned by the session's thread.
   std::map<CURL*, std::unique_ptr<Transfer>> active;
@@ -307,8 +354,11 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   if (auto reason = malformedRequestReason(request)) {
     return transportError(kErrorBadRequest, *reason, request.url);
   }
+  if (!unusable.empty()) {
+    return transportError(kErrorClientUnusable, unusable, request.url);
+  }
   transfer.easy.reset(curl_easy_init());
-  if (!multi || !share || !transfer.easy) {
+  if (!transfer.easy) {
     return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
                           request.url);
   }
@@ -316,7 +366,10 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
   curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  // A request made over HTTPS never continues in the clear.
+  const bool secure =
+      request.url.size() >= 6 && curl_strnequal(request.url.c_str(), "https:", 6) != 0;
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaximumRedirects);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -380,8 +433,9 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
 }
 
 void HTTPSession::Impl::startTransfers(std::vector<std::unique_ptr<Transfer>> transfers) {
+  const auto now = transfers.empty() ? Clock::TimePoint() : Clock::shared()->now();
   for (auto& transfer : transfers) {
-    transfer->lastActivity = SteadyClock::now();
+    transfer->lastActivity = now;
     if (auto error = configure(*transfer)) {
       finish(std::move(transfer), std::move(error));
       continue;
@@ -390,7 +444,7 @@ void HTTPSession::Impl::startTransfers(std::vector<std::unique_ptr<Transfer>> tr
     if (const CURLMcode code = curl_multi_add_handle(multi.get(), easy); code != CURLM_OK) {
       const std::string url = transfer->request.url;
       finish(std::move(transfer),
-             transportError(CURLE_FAILED_INIT, curl_multi_strerror(code), url));
+             transportError(kErrorClientUnusable, curl_multi_strerror(code), url));
       continue;
     }
     active.emplace(easy, std::move(transfer));
@@ -419,7 +473,9 @@ void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
     if (description.empty()) {
       description = curl_easy_strerror(result);
     }
-    KQError error = transportError(result, description, transfer->request.url);
+    KQError error = isOffline(easy, result)
+                        ? offlineError(description, transfer->request.url)
+                        : transportError(result, description, transfer->request.url);
     finish(std::move(transfer), std::move(error));
     return;
   }
@@ -469,10 +525,17 @@ void HTTPSession::Impl::cancel(const std::vector<TaskIdentifier>& identifiers) {
 int HTTPSession::Impl::expireIdleTransfers() {
   // Fails the transfers that have been idle past their time-out; answers how long until the
   // next one would (INT_MAX when none is running).
-  const auto now = SteadyClock::now();
+  if (active.empty()) {
+    return INT_MAX;
+  }
+  const auto now = Clock::shared()->now();
   std::vector<CURL*> expired;
-  auto nearest = SteadyClock::time_point::max();
+  auto nearest = Clock::TimePoint::max();
   for (const auto& [easy, transfer] : active) {
+    if (transfer->moved) {
+      transfer->moved = false;
+      transfer->lastActivity = now;
+    }
     const auto deadline = transfer->lastActivity + transfer->request.timeoutInterval;
     if (deadline <= now) {
       expired.push_back(easy);
@@ -489,11 +552,31 @@ int HTTPSession::Impl::expireIdleTransfers() {
                        transfer.request.url);
     finish(easy, CURLE_OPERATION_TIMEDOUT);
   }
-  if (nearest == SteadyClock::time_point::max()) {
+  if (nearest == Clock::TimePoint::max()) {
     return INT_MAX;
   }
-  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nearest - SteadyClock::now());
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nearest - now);
   return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, INT_MAX));
+}
+
+void HTTPSession::Impl::wake() {
+  workArrived.notify_one();
+  if (unusable.empty()) {
+    curl_multi_wakeup(multi.get());
+  }
+}
+
+void HTTPSession::Impl::failActive(const std::string& what, CURLMcode code) {
+  // libcurl's loop itself failed: the running transfers cannot go on. Later tasks try again.
+  log("HTTPSession: libcurl failed while ", what, ": ", curl_multi_strerror(code));
+  while (!active.empty()) {
+    Transfer& transfer = *active.begin()->second;
+    transfer.abortError = transportError(
+        kErrorClientUnusable,
+        "The HTTP client failed while " + what + ": " + curl_multi_strerror(code) + ".",
+        transfer.request.url);
+    finish(active.begin()->first, CURLE_FAILED_INIT);
+  }
 }
 
 void HTTPSession::Impl::threadMain() {
@@ -512,28 +595,43 @@ void HTTPSession::Impl::threadMain() {
     startTransfers(std::move(arrived));
     cancel(cancelled);
 
-    int running = 0;
-    curl_multi_perform(multi.get(), &running);
-    std::vector<std::pair<CURL*, CURLcode>> done;
-    int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
-      if (message->msg == CURLMSG_DONE) {
-        done.emplace_back(message->easy_handle, message->data.result);
+    if (!active.empty()) {
+      int running = 0;
+      if (const CURLMcode code = curl_multi_perform(multi.get(), &running); code != CURLM_OK) {
+        failActive("running the transfers", code);
       }
-    }
-    for (const auto& [easy, result] : done) {
-      finish(easy, result);
+      std::vector<std::pair<CURL*, CURLcode>> done;
+      int queued = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi.get(), &queued)) {
+        if (message->msg == CURLMSG_DONE) {
+          done.emplace_back(message->easy_handle, message->data.result);
+        }
+      }
+      for (const auto& [easy, result] : done) {
+        finish(easy, result);
+      }
     }
     const int wait = expireIdleTransfers();
     {
-      std::scoped_lock lock(mutex);
-      if (stopping || !incoming.empty() || !cancellations.empty()) {
+      std::unique_lock lock(mutex);
+      const auto hasWork = [this] {
+        return stopping || !incoming.empty() || !cancellations.empty();
+      };
+      if (hasWork()) {
+        continue;
+      }
+      if (active.empty()) {
+        // Nothing for libcurl to watch: sleep until a task, a cancellation or the end.
+        workArrived.wait(lock, hasWork);
         continue;
       }
     }
     // Sleeps until a socket is ready, libcurl's own next deadline, the nearest idle time-out,
-    // or curl_multi_wakeup from a thread that queued work.
-    curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
+    // or a wake-up from a thread that queued work or moved the clock.
+    if (const CURLMcode code = curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
+        code != CURLM_OK) {
+      failActive("waiting for the network", code);
+    }
   }
 
   // Stopping: everything not finished fails as cancelled, including tasks that completions
@@ -570,11 +668,8 @@ const std::shared_ptr<HTTPSession>& HTTPSession::sharedSession() {
   // Never destroyed: completions may run while the process exits.
   static auto* shared = [] {
     Configuration configuration;
-    try {
-      configuration.caFile = KQVisitorConfig::shared().caFile;
-    } catch (const KQVisitorConfig::Error&) {
-      // Already logged by the configuration; the system's authorities still apply.
-    }
+    // A broken setting is logged by the configuration, and the web service refuses its calls.
+    configuration.caFile = KQVisitorConfig::shared().caFile;
     return new std::shared_ptr<HTTPSession>(create(std::move(configuration)));
   }();
   return *shared;
@@ -582,26 +677,25 @@ const std::shared_ptr<HTTPSession>& HTTPSession::sharedSession() {
 
 std::shared_ptr<HTTPSession> HTTPSession::create(Configuration configuration) {
   auto impl = std::make_shared<Impl>(std::move(configuration));
-  impl->thread = std::thread([impl] {
-    pthread_setname_np(pthread_self(), impl->configuration.label.substr(0, 15).c_str());
-    impl->threadMain();
+  // A clock that jumps may bring an idle time-out forward.
+  impl->timeObserver = Clock::addTimeObserver([weak = std::weak_ptr<Impl>(impl)] {
+    if (const auto locked = weak.lock()) {
+      locked->wake();
+    }
   });
+  impl->thread = OwnedThread(impl->configuration.label, [impl] { impl->threadMain(); });
   return std::shared_ptr<HTTPSession>(new HTTPSession(std::move(impl)));
 }
 
 HTTPSession::~HTTPSession() {
+  Clock::removeTimeObserver(impl_->timeObserver);
   {
     std::scoped_lock lock(impl_->mutex);
     impl_->stopping = true;
   }
-  if (impl_->multi) {
-    curl_multi_wakeup(impl_->multi.get());
-  }
-  if (impl_->thread.get_id() == std::this_thread::get_id()) {
-    impl_->thread.detach();  // the thread holds the state and ends after this callback
-  } else if (impl_->thread.joinable()) {
-    impl_->thread.join();
-  }
+  impl_->wake();
+  // In a completion on the session's own thread, the thread holds the state and ends after it.
+  impl_->thread.release();
 }
 
 HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request,
@@ -613,8 +707,7 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
   transfer->completion = std::move(completion);
   transfer->progress = std::move(uploadProgress);
   const TaskIdentifier identifier = transfer->identifier;
-  const std::string url = transfer->request.url;
-  std::unique_ptr<Transfer> dropped;  // released outside the lock
+  std::unique_ptr<Transfer> dropped;
   {
     std::scoped_lock lock(impl_->mutex);
     if (impl_->finished) {
@@ -624,13 +717,18 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
     }
   }
   if (dropped) {
-    // Only a completion that runs while its own session is being destroyed gets here.
-    log("HTTPSession: a task was started on a closed session and is dropped: ", url);
+    // The session's thread has ended while the session is being destroyed: the task still
+    // completes, off the caller's stack.
+    OwnedThread::runAlone(
+        impl_->configuration.label, [transfer = std::shared_ptr<Transfer>(std::move(dropped))] {
+          transfer->completion(
+              std::nullopt, std::nullopt,
+              transportError(kErrorCancelled, "The session was closed before the task ended.",
+                             transfer->request.url));
+        });
     return identifier;
   }
-  if (impl_->multi) {
-    curl_multi_wakeup(impl_->multi.get());
-  }
+  impl_->wake();
   return identifier;
 }
 
@@ -639,9 +737,7 @@ void HTTPSession::cancelTask(TaskIdentifier identifier) {
     std::scoped_lock lock(impl_->mutex);
     impl_->cancellations.push_back(identifier);
   }
-  if (impl_->multi) {
-    curl_multi_wakeup(impl_->multi.get());
-  }
+  impl_->wake();
 }
 
 bool HTTPSession::isCurrent() const {

@@ -23,6 +23,9 @@ namespace kq {
 /// Configuration::caFile, loaded once per session (on its first TLS connection) and kept.
 ///
 /// Thread-safe: tasks may be started from any thread, also from inside a completion.
+///
+/// A request fails with kErrorTimedOut once nothing has been sent or received for its
+/// timeoutInterval, measured on Clock::shared().
 class KQ_EXPORT HTTPSession {
  public:
   /// Transport errors carry this domain, libcurl's error code, and in userInfo
@@ -30,6 +33,9 @@ class KQ_EXPORT HTTPSession {
   static constexpr std::string_view kErrorDomain = "CURLE";
   /// Codes of the transport errors a caller may want to tell apart (libcurl's values).
   static constexpr long kErrorUnsupportedProtocol = 1;
+  /// libcurl could not be set up, or its event loop failed; the description says what failed.
+  /// A session whose set-up failed fails every task at once with it.
+  static constexpr long kErrorClientUnusable = 2;
   static constexpr long kErrorMalformedURL = 3;
   static constexpr long kErrorCouldNotResolveHost = 6;
   static constexpr long kErrorCouldNotConnect = 7;
@@ -38,6 +44,14 @@ class KQ_EXPORT HTTPSession {
   static constexpr long kErrorCancelled = 42;
   static constexpr long kErrorPeerFailedVerification = 60;
   static constexpr long kErrorTrustStoreUnusable = 77;
+
+  /// A request that failed because the machine has no usable network is reported in this
+  /// domain with kErrorNotConnectedToInternet (the platform's code for it) instead of libcurl's:
+  /// the connection found no route (network or host unreachable), or the name could not be
+  /// resolved while the internet connection is unreachable. userInfo is as above, with
+  /// "NSUnderlyingError" holding libcurl's description.
+  static constexpr std::string_view kURLErrorDomain = "NSURLErrorDomain";
+  static constexpr long kErrorNotConnectedToInternet = -1009;
 
   /// The outcome of a task. On an answer (whatever its status) `data` holds the body (possibly
   /// empty), `response` the head and `error` is empty; on a transport failure only `error` is
@@ -76,8 +90,9 @@ class KQ_EXPORT HTTPSession {
   HTTPSession& operator=(const HTTPSession&) = delete;
 
   /// Ends the session's thread. Tasks still running fail with kErrorCancelled first, on the
-  /// session's thread. Called on that thread (a completion released the last reference), it
-  /// returns at once and the thread ends after the running callback.
+  /// session's thread, and so do tasks their completions start meanwhile. Called on that thread (a
+  /// completion released the last reference), it returns at once and the thread ends after the
+  /// running callback.
   ~HTTPSession();
 
   /// Starts a task for `request` and returns its identifier. `completion` runs exactly once, on

@@ -33,13 +33,15 @@ constexpr StringSetting kStringSettings[] = {
     {"userDefaultsPath", &KQVisitorConfig::userDefaultsPath},
 };
 constexpr std::string_view kPortKey = "xmppPort";
+constexpr std::string_view kPollKey = "httpPollInterval";
+constexpr double kLongestPollInterval = 3600;
 
 std::string knownKeys() {
   std::string keys;
   for (const auto& setting : kStringSettings) {
     keys.append(setting.name).append(", ");
   }
-  return keys.append(kPortKey);
+  return keys.append(kPortKey).append(", ").append(kPollKey);
 }
 
 bool hasSpace(std::string_view text) {
@@ -101,6 +103,17 @@ std::optional<KQVisitorConfig>& sharedSlot() {
   return config;
 }
 
+// Why the file named in KQVISITOR_CONFIG could not be used, when it could not.
+std::optional<KQVisitorConfig::Error>& loadProblemSlot() {
+  static std::optional<KQVisitorConfig::Error> problem;
+  return problem;
+}
+
+bool isKnownKey(std::string_view key) {
+  return key == kPortKey || std::any_of(std::begin(kStringSettings), std::end(kStringSettings),
+                                        [key](const auto& setting) { return setting.name == key; });
+}
+
 }  // namespace
 
 KQVisitorConfig::Error::Error(std::string key, const std::string& message)
@@ -130,6 +143,10 @@ void KQVisitorConfig::validate() const {
   if (xmppPort < 1 || xmppPort > 65535) {
     fail(kPortKey, "must be an integer from 1 to 65535 (got " + std::to_string(xmppPort) + ")");
   }
+  if (!(httpPollInterval > 0 && httpPollInterval <= kLongestPollInterval)) {
+    fail(kPollKey, "must be a number of seconds above 0 and at most 3600 (got " +
+                       std::to_string(httpPollInterval) + ")");
+  }
   if (reachabilityHost.empty() || hasSpace(reachabilityHost)) {
     fail("reachabilityHost", "must be a host name or address (got \"" + reachabilityHost + "\")");
   }
@@ -156,6 +173,13 @@ KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text, const KQVisitor
       }
       const auto port = value.get<long long>();
       config.xmppPort = port < 1 || port > 65535 ? 0 : static_cast<int>(port);
+      continue;
+    }
+    if (key == kPollKey) {
+      if (!value.is_number()) {
+        throw Error(key, "\"" + key + "\" must be a number of seconds, not " + value.dump());
+      }
+      config.httpPollInterval = value.get<double>();
       continue;
     }
     const auto* setting =
@@ -212,23 +236,48 @@ KQVisitorConfig KQVisitorConfig::shared() {
   }
   // Loaded outside the lock, since a failure is logged through the host's sink.
   KQVisitorConfig loaded;
+  std::optional<Error> problem;
   try {
     loaded = fromEnvironment();
   } catch (const Error& error) {
-    log("KQVisitorConfig: ", error.what(), "; fix the file named by KQVISITOR_CONFIG");
-    throw;
+    problem = error;
   }
+  {
+    std::scoped_lock lock(sharedMutex());
+    if (sharedSlot()) {  // Another thread loaded or set it meanwhile: theirs stands.
+      return *sharedSlot();
+    }
+    sharedSlot() = loaded;
+    loadProblemSlot() = problem;
+  }
+  if (problem) {
+    log("KQVisitorConfig: ", problem->what(),
+        "; fix the file named by KQVISITOR_CONFIG. Until then the compiled-in defaults stand in, "
+        "and what needs that setting fails");
+  }
+  return loaded;
+}
+
+KQVisitorConfig KQVisitorConfig::sharedFor(std::initializer_list<std::string_view> keys) {
+  KQVisitorConfig config = shared();
   std::scoped_lock lock(sharedMutex());
-  if (!sharedSlot()) {  // Another thread may have loaded or set it meanwhile: theirs stands.
-    sharedSlot() = std::move(loaded);
+  const auto& problem = loadProblemSlot();
+  if (problem) {
+    const bool concernsAll = !isKnownKey(problem->key());
+    for (const auto key : keys) {
+      if (concernsAll || key == problem->key()) {
+        throw *problem;
+      }
+    }
   }
-  return *sharedSlot();
+  return config;
 }
 
 void KQVisitorConfig::setShared(const KQVisitorConfig& config) {
   config.validate();
   std::scoped_lock lock(sharedMutex());
   sharedSlot() = config;
+  loadProblemSlot().reset();
 }
 
 std::string KQVisitorConfig::resolvedUserDefaultsPath() const {

@@ -4,6 +4,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <initializer_list>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -51,6 +52,9 @@ struct KQ_EXPORT KQVisitorConfig {
   /// The probe address of the general internet check: the internet counts as reachable while
   /// the system has a route to it. No packet is ever sent to it.
   std::string reachabilityHost = "198.51.100.1";
+  /// Seconds between two polls of a chat carried over HTTP (more than 0, at most 3600). Tests
+  /// and local sandboxes shorten it; the chat service expects the default.
+  double httpPollInterval = 2.0;
   /// The user-defaults file; empty for $XDG_CONFIG_HOME/KQVisitorCore/UserDefaults.json
   /// (or ~/.config/... when XDG_CONFIG_HOME is not set).
   std::string userDefaultsPath;
@@ -59,11 +63,21 @@ struct KQ_EXPORT KQVisitorConfig {
   static constexpr std::string_view kEnvironmentVariable = "KQVISITOR_CONFIG";
 
   /// The settings in use. The first call loads them: the defaults, overridden by the file named
-  /// in KQVISITOR_CONFIG when it is set. Throws Error when that file is unusable (after writing
-  /// the reason to the log): a host that wants to report it itself calls fromEnvironment() first.
+  /// in KQVISITOR_CONFIG when it is set. Never throws: when that file is unusable, the reason
+  /// (naming the file and the key) is written to the log once, the compiled-in defaults stand
+  /// in, and sharedFor() refuses the settings the problem concerns, so that work needing them
+  /// fails through its own callbacks instead of quietly using a default. A host that wants to
+  /// report a bad file itself calls fromEnvironment() first.
   static KQVisitorConfig shared();
 
-  /// Replaces the settings in use. Throws Error when `config` is not valid.
+  /// shared(), for work that needs the settings named `keys`. Throws Error (naming the file and
+  /// the key) when the file named in KQVISITOR_CONFIG could not be used and the problem
+  /// concerns one of them; a file that cannot be read or parsed, or holds an unknown key,
+  /// concerns every setting.
+  static KQVisitorConfig sharedFor(std::initializer_list<std::string_view> keys);
+
+  /// Replaces the settings in use (and forgets a problem of the file). Throws Error when
+  /// `config` is not valid.
   static void setShared(const KQVisitorConfig& config);
 
   /// The defaults overridden by the file named in KQVISITOR_CONFIG (the defaults alone when the

@@ -2,12 +2,12 @@
 
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/OwnedThread.h>
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <netdb.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -129,7 +129,7 @@ bool drainNotifications(int fd) {
 struct Notifier {
   FileDescriptor notifications;
   FileDescriptor wake;
-  std::thread thread;
+  OwnedThread thread;
   bool stopped = false;  // guarded by Reachability::Impl::mutex
 };
 
@@ -271,10 +271,8 @@ bool Reachability::startNotifier() {
     return false;  // another thread started it meanwhile
   }
   impl_->notifier = notifier;
-  notifier->thread = std::thread([impl = impl_, notifier, initial] {
-    pthread_setname_np(pthread_self(), "kq.reachability");
-    impl->run(notifier, initial);
-  });
+  notifier->thread = OwnedThread(
+      "kq.reachability", [impl = impl_, notifier, initial] { impl->run(notifier, initial); });
   return true;
 }
 
@@ -292,11 +290,8 @@ void Reachability::stopNotifier() {
   if (write(notifier->wake.get(), &one, sizeof one) < 0) {
     log("Reachability: cannot wake the notifier: ", std::strerror(errno));
   }
-  if (notifier->thread.get_id() == std::this_thread::get_id()) {
-    notifier->thread.detach();  // inside a handler: the thread ends after it returns
-  } else if (notifier->thread.joinable()) {
-    notifier->thread.join();
-  }
+  // Inside a handler the thread cannot wait for itself: it ends after the handler returns.
+  notifier->thread.release();
 }
 
 NetworkStatus Reachability::currentReachabilityStatus() const {

@@ -4,7 +4,7 @@
 
 namespace kq {
 
-Timer::Timer(Token, const std::shared_ptr<DispatchQueue>& queue, Duration interval, bool repeats,
+Timer::Timer(Token, const std::shared_ptr<TimerQueue>& queue, Duration interval, bool repeats,
              Tick tick)
     : queue_(queue),
       interval_(repeats ? std::max(interval, kMinimumRepeatingInterval)
@@ -14,7 +14,9 @@ Timer::Timer(Token, const std::shared_ptr<DispatchQueue>& queue, Duration interv
 
 Timer::~Timer() = default;
 
-std::shared_ptr<Timer> Timer::scheduledTimer(const std::shared_ptr<DispatchQueue>& queue,
+TimerQueue::~TimerQueue() = default;
+
+std::shared_ptr<Timer> Timer::scheduledTimer(const std::shared_ptr<TimerQueue>& queue,
                                              Duration interval, bool repeats, Tick tick) {
   auto timer = std::make_shared<Timer>(Token{}, queue, interval, repeats, std::move(tick));
   std::scoped_lock lock(timer->mutex_);
@@ -68,7 +70,7 @@ void Timer::fire() {
 
 void Timer::invalidate() {
   std::shared_ptr<Tick> released;
-  DispatchQueue::Task cancelled;
+  TimerQueue::Task cancelled;
   {
     std::unique_lock lock(mutex_);
     if (valid_) {

@@ -3,6 +3,7 @@
 #include <KQVisitorCore/Platform/Clock.h>
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/TimerQueue.h>
 
 #include <condition_variable>
 #include <functional>
@@ -12,7 +13,8 @@
 
 namespace kq {
 
-/// A one-shot or repeating timer whose ticks run on a DispatchQueue, timed by Clock::shared().
+/// A one-shot or repeating timer whose ticks run on a queue (a DispatchQueue, or any other
+/// TimerQueue such as an XMPP stream's), timed by Clock::shared().
 ///
 /// A scheduled timer keeps itself alive until it is invalidated (or, for a one-shot timer, has
 /// fired), as a run loop keeps its timers. A repeating timer keeps its rhythm: each deadline is
@@ -27,7 +29,7 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
   static constexpr Duration kMinimumRepeatingInterval = std::chrono::microseconds(100);
 
   /// Schedules `tick` on `queue` after `interval`, and then every `interval` when `repeats`.
-  static std::shared_ptr<Timer> scheduledTimer(const std::shared_ptr<DispatchQueue>& queue,
+  static std::shared_ptr<Timer> scheduledTimer(const std::shared_ptr<TimerQueue>& queue,
                                                Duration interval, bool repeats, Tick tick);
 
   Timer(const Timer&) = delete;
@@ -48,25 +50,25 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
     Token() = default;
   };
   /// Use scheduledTimer(); the token keeps this constructor to it.
-  Timer(Token, const std::shared_ptr<DispatchQueue>& queue, Duration interval, bool repeats,
+  Timer(Token, const std::shared_ptr<TimerQueue>& queue, Duration interval, bool repeats,
         Tick tick);
 
  private:
   void scheduleLocked(Clock::TimePoint deadline);
   void fire();
 
-  const std::weak_ptr<DispatchQueue> queue_;
+  const std::weak_ptr<TimerQueue> queue_;
   const Duration interval_;
   const bool repeats_;
 
   mutable std::mutex mutex_;
   std::condition_variable tickFinished_;
-  std::shared_ptr<Tick> tick_;             // guarded by mutex_
-  bool valid_ = true;                      // guarded by mutex_
-  bool firing_ = false;                    // guarded by mutex_
-  std::thread::id firingThread_;           // guarded by mutex_
-  DispatchQueue::TaskId pendingTask_ = 0;  // guarded by mutex_
-  Clock::TimePoint deadline_;              // guarded by mutex_
+  std::shared_ptr<Tick> tick_;          // guarded by mutex_
+  bool valid_ = true;                   // guarded by mutex_
+  bool firing_ = false;                 // guarded by mutex_
+  std::thread::id firingThread_;        // guarded by mutex_
+  TimerQueue::TaskId pendingTask_ = 0;  // guarded by mutex_
+  Clock::TimePoint deadline_;           // guarded by mutex_
 };
 
 }  // namespace kq

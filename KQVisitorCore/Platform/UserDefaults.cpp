@@ -103,7 +103,15 @@ std::string damagedName(const std::string& path) {
 UserDefaults& UserDefaults::standard() {
   // Never destroyed: the library may write settings from its threads during process exit.
   static auto* defaults = [] {
-    auto* created = new UserDefaults(KQVisitorConfig::shared().resolvedUserDefaultsPath());
+    // A settings file the host named but the configuration file broke is not replaced by the
+    // default one: the visitor's data would land where nobody looks for it.
+    std::string path;
+    try {
+      path = KQVisitorConfig::sharedFor({"userDefaultsPath"}).resolvedUserDefaultsPath();
+    } catch (const KQVisitorConfig::Error& error) {
+      log("UserDefaults: settings are kept in memory only and not saved: ", error.what());
+    }
+    auto* created = new UserDefaults(std::move(path));
     std::atexit([] { standard().synchronize(); });  // Changes of the last moments are not lost.
     return created;
   }();
@@ -129,6 +137,16 @@ UserDefaults::~UserDefaults() {
 }
 
 void UserDefaults::load() {
+  if (path_.empty()) {
+    return;
+  }
+  struct stat status {};
+  if (::stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    // Not a damaged settings file but something else (a folder, a device): not ours to move.
+    log("UserDefaults: ", path_, " is not a regular file; it is left alone and the settings ",
+        "start empty and cannot be saved: remove it or set another userDefaultsPath");
+    return;
+  }
   std::string contents;
   if (!readFile(path_, contents)) {
     if (errno == ENOENT) {
@@ -238,25 +256,7 @@ void UserDefaults::setInteger(std::int64_t value, const std::string& key) {
 
 bool UserDefaults::boolForKey(const std::string& key) const {
   const auto value = objectForKey(key);
-  if (!value) {
-    return false;
-  }
-  if (value->is_boolean()) {
-    return value->get<bool>();
-  }
-  if (value->is_number()) {
-    return value->get<double>() != 0;
-  }
-  if (value->is_string()) {
-    const auto text = value->get<std::string>();
-    const auto first = text.find_first_not_of(" \t\n\r");
-    if (first == std::string::npos) {
-      return false;
-    }
-    const char c = text[first];
-    return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
-  }
-  return false;
+  return value && boolValue(*value);
 }
 
 void UserDefaults::setBool(bool value, const std::string& key) {
@@ -268,7 +268,7 @@ void UserDefaults::markChanged() {
   {
     std::scoped_lock lock(mutex_);
     ++changeCount_;
-    if (writeScheduled_) {
+    if (writeScheduled_ || path_.empty()) {
       return;
     }
     writeScheduled_ = true;
@@ -281,6 +281,9 @@ void UserDefaults::markChanged() {
 }
 
 bool UserDefaults::synchronize() {
+  if (path_.empty()) {
+    return false;
+  }
   std::optional<std::string> problem;
   {
     std::scoped_lock writeLock(writeMutex_);

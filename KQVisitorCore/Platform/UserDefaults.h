@@ -28,10 +28,13 @@ class KQ_EXPORT UserDefaults {
   static constexpr Clock::Duration kDeferredWriteDelay = std::chrono::milliseconds(500);
 
   /// The settings file of the configuration (KQVisitorConfig::userDefaultsPath), opened on first
-  /// use and kept for the life of the process.
+  /// use and kept for the life of the process. When the configuration file is broken in a way
+  /// that concerns that setting, the settings are kept in memory only (logged once).
   static UserDefaults& standard();
 
   /// Opens the settings kept in `path`; the file and its folder are created on the first write.
+  /// An empty path keeps the settings in memory only: nothing is read or written, and
+  /// synchronize() answers false.
   explicit UserDefaults(std::string path);
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;

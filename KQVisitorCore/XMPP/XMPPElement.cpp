@@ -7,6 +7,7 @@
 #include <libxml/xpath.h>
 #include <libxml/xpathInternals.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace kq::xmpp {
@@ -26,9 +27,157 @@ const xmlChar* asXML(const char* text) {
   return reinterpret_cast<const xmlChar*>(text);
 }
 
+constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";  // U+FFFD
+
+// The character at the start of `text`: its code point and the length of its UTF-8 sequence,
+// or length 0 when the bytes are not well-formed UTF-8 (overlong forms and code points past
+// U+10FFFF included; surrogates are decoded, and refused by isXMLCharacter).
+struct Decoded {
+  char32_t codePoint = 0;
+  std::size_t length = 0;
+};
+
+Decoded decodeUTF8(std::string_view text) {
+  const auto byte = [&text](std::size_t i) -> unsigned {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const unsigned lead = byte(0);
+  std::size_t length = 0;
+  char32_t codePoint = 0;
+  if (lead < 0x80U) {
+    return {lead, 1};
+  }
+  if (lead >= 0xC2U && lead <= 0xDFU) {
+    length = 2;
+    codePoint = lead & 0x1FU;
+  } else if (lead >= 0xE0U && lead <= 0xEFU) {
+    length = 3;
+    codePoint = lead & 0x0FU;
+  } else if (lead >= 0xF0U && lead <= 0xF4U) {
+    length = 4;
+    codePoint = lead & 0x07U;
+  } else {
+    return {};
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80U) {
+      return {};
+    }
+    codePoint = (codePoint << 6U) | (byte(i) & 0x3FU);
+  }
+  const char32_t smallest = length == 3 ? 0x800 : length == 4 ? 0x10000 : 0x80;
+  if (codePoint < smallest || codePoint > 0x10FFFF) {
+    return {};
+  }
+  return {codePoint, length};
+}
+
+bool isXMLCharacter(char32_t c) {
+  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
+         (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// `text` as libxml2 takes it, made valid first: see XMPPElement's class comment.
 const xmlChar* xml(std::string_view text, std::string& storage) {
-  storage.assign(text);
+  storage.clear();
+  storage.reserve(text.size());
+  std::size_t start = 0;  // of the run of valid characters not yet copied
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const Decoded character = decodeUTF8(text.substr(i));
+    if (character.length > 0 && isXMLCharacter(character.codePoint)) {
+      i += character.length;
+      continue;
+    }
+    // A forbidden character is replaced whole; a malformed sequence byte by byte.
+    storage.append(text.substr(start, i - start));
+    storage.append(kReplacementCharacter);
+    i += std::max<std::size_t>(character.length, 1);
+    start = i;
+  }
+  storage.append(text.substr(start));
   return asXML(storage.c_str());
+}
+
+// Appends `text` escaped for element content or, with `attribute`, for a double-quoted
+// attribute value (where line ends and tabs are written as references, so they read back).
+void appendEscaped(std::string& out, std::string_view text, bool attribute) {
+  std::size_t start = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    std::string_view replacement;
+    switch (text[i]) {
+      case '&': replacement = "&amp;"; break;
+      case '<': replacement = "&lt;"; break;
+      case '>': replacement = "&gt;"; break;
+      case '\r': replacement = "&#13;"; break;
+      case '"': replacement = attribute ? "&quot;" : ""; break;
+      case '\n': replacement = attribute ? "&#10;" : ""; break;
+      case '\t': replacement = attribute ? "&#9;" : ""; break;
+      default: break;
+    }
+    if (!replacement.empty()) {
+      out.append(text.substr(start, i - start));
+      out.append(replacement);
+      start = i + 1;
+    }
+  }
+  out.append(text.substr(start));
+}
+
+std::string_view view(const xmlChar* text) {
+  return text == nullptr ? std::string_view()
+                         : std::string_view(reinterpret_cast<const char*>(text));
+}
+
+void appendQualifiedName(std::string& out, const xmlNs* ns, const xmlChar* name) {
+  if (ns != nullptr && ns->prefix != nullptr) {
+    out.append(view(ns->prefix));
+    out.push_back(':');
+  }
+  out.append(view(name));
+}
+
+// Writes `node` and its descendants as XML: every name, namespace and value escaped.
+void serialize(std::string& out, const xmlNode* node) {
+  switch (node->type) {
+    case XML_TEXT_NODE:
+    case XML_CDATA_SECTION_NODE: appendEscaped(out, view(node->content), false); return;
+    case XML_ELEMENT_NODE: break;
+    default: return;  // comments and processing instructions are not part of a stanza
+  }
+  out.push_back('<');
+  appendQualifiedName(out, node->ns, node->name);
+  for (const xmlNs* ns = node->nsDef; ns != nullptr; ns = ns->next) {
+    out.append(" xmlns");
+    if (ns->prefix != nullptr) {
+      out.push_back(':');
+      out.append(view(ns->prefix));
+    }
+    out.append("=\"");
+    appendEscaped(out, view(ns->href), true);
+    out.push_back('"');
+  }
+  for (const xmlAttr* attribute = node->properties; attribute != nullptr;
+       attribute = attribute->next) {
+    out.push_back(' ');
+    appendQualifiedName(out, attribute->ns, attribute->name);
+    out.append("=\"");
+    for (const xmlNode* part = attribute->children; part != nullptr; part = part->next) {
+      appendEscaped(out, view(part->content), true);
+    }
+    out.push_back('"');
+  }
+  if (node->children == nullptr) {
+    out.append("/>");
+    return;
+  }
+  out.push_back('>');
+  for (const xmlNode* child = node->children; child != nullptr; child = child->next) {
+    serialize(out, child);
+  }
+  out.append("</");
+  appendQualifiedName(out, node->ns, node->name);
+  out.push_back('>');
 }
 
 std::string fromXML(const xmlChar* value) {
@@ -71,8 +220,14 @@ xmlAttrPtr findAttribute(xmlNodePtr node, std::string_view name) {
   if (colon == std::string_view::npos) {
     return xmlHasNsProp(node, xml(name, storage), nullptr);
   }
+  const std::string_view prefix = name.substr(0, colon);
+  if (prefix == "xml") {
+    // xmlSearchNs would add the xml namespace to the document on first use: a write that
+    // concurrent readers of the tree would race on.
+    return xmlHasNsProp(node, xml(name.substr(colon + 1), storage), XML_XML_NAMESPACE);
+  }
   std::string prefixStorage;
-  xmlNsPtr ns = xmlSearchNs(node->doc, node, xml(name.substr(0, colon), prefixStorage));
+  xmlNsPtr ns = xmlSearchNs(node->doc, node, xml(prefix, prefixStorage));
   if (ns == nullptr) {
     return xmlHasNsProp(node, xml(name, storage), nullptr);
   }
@@ -336,18 +491,11 @@ void XMPPElement::removeElementsForName(std::string_view name) {
 }
 
 std::string XMPPElement::XMLString() const {
-  xmlBufferPtr buffer = xmlBufferCreate();
-  if (buffer == nullptr) {
-    throw std::bad_alloc();
-  }
   if (node_->type == XML_ATTRIBUTE_NODE || node_->type == XML_TEXT_NODE) {
-    xmlBufferFree(buffer);
     return stringValue();
   }
-  xmlNodeDump(buffer, node_->doc, node_, 0, 0);
-  std::string result(reinterpret_cast<const char*>(xmlBufferContent(buffer)),
-                     static_cast<std::size_t>(xmlBufferLength(buffer)));
-  xmlBufferFree(buffer);
+  std::string result;
+  serialize(result, node_);
   return result;
 }
 

@@ -26,11 +26,23 @@ namespace kq::xmpp {
 /// is one object, as elsewhere in the library). copy() makes an independent tree.
 ///
 /// Attributes keep the order in which they were added (or parsed); values are plain text, and
-/// serialising escapes what XML requires ("&", "<", ">", quotes), so any value round-trips.
+/// serialising escapes what XML requires ("&", "<", ">", quotes, and carriage returns, and in
+/// attribute values line feeds and tabs, as character references), in names' namespaces too,
+/// so any value round-trips.
 ///
-/// Reading a tree from several threads at once is safe; changing it while another thread uses
-/// it is not. The stream hands each received stanza to its delegates: treat it as read-only, or
-/// copy() it first.
+/// Whatever text a caller puts in as a value (namespaces, attribute values, string values), the
+/// tree stays valid XML 1.0, so a stanza can never break the stream it is written to: every
+/// byte sequence that is not valid UTF-8, and every character XML 1.0 forbids (NUL and the
+/// other control characters but tab, line feed and carriage return; surrogates; U+FFFE and
+/// U+FFFF), is replaced by U+FFFD REPLACEMENT CHARACTER: a forbidden character by one, a
+/// malformed sequence by one per byte. A NUL is replaced like any other, so it never cuts a
+/// text short. Valid text is kept as it is. Names (of elements and attributes) are the
+/// caller's own constants and must be XML names; they are cleaned the same way but not
+/// checked further.
+///
+/// Reading a tree (every const member, copy() included) from several threads at once is safe:
+/// no read changes the tree. Changing it while another thread uses it is not. The stream hands each
+/// received stanza to its delegates: treat it as read-only, or copy() it first.
 class KQ_EXPORT XMPPElement {
  public:
   /// A new element `name` (no namespace: it takes the namespace of the element it is added to).

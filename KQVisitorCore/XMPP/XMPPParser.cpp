@@ -75,7 +75,6 @@ struct XMPPParser::Impl {
   xmlDocPtr doc = nullptr;
   xmlNodePtr current = nullptr;
   // (prefix, URI) declared by the stream header; the empty prefix is the default namespace.
-  std::vector<std::pair<std::string, std::string>> rootNamespaces;
   std::size_t elementSize = 0;    // text held by the element being built
   std::size_t sinceBoundary = 0;  // bytes fed since the last element ended
   bool failed = false;
@@ -148,10 +147,6 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
       return;
     }
     std::vector<std::pair<std::string, std::string>> rootAttributes;
-    for (int i = 0; i < namespaceCount; ++i) {
-      rootNamespaces.emplace_back(text(namespaces[2 * static_cast<std::ptrdiff_t>(i)]),
-                                  text(namespaces[2 * static_cast<std::ptrdiff_t>(i) + 1]));
-    }
     for (int i = 0; i < attributeCount; ++i) {
       const xmlChar** attribute = attributes + 5 * static_cast<std::ptrdiff_t>(i);
       std::string name = attribute[1] != nullptr ? text(attribute[1]) + ":" : std::string();
@@ -164,19 +159,24 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
     }
     return;
   }
+  // An undeclared prefix: keep the element under its qualified name, as attributes are kept,
+  // so that what is written back reads the same.
+  const std::string qualifiedName =
+      prefix != nullptr && uri == nullptr ? text(prefix) + ":" + text(localname) : std::string();
+  const xmlChar* name = qualifiedName.empty() ? localname : asXML(qualifiedName.c_str());
   xmlNodePtr node = nullptr;
   if (doc == nullptr) {
     doc = xmlNewDoc(asXML("1.0"));
-    node = xmlNewDocNode(doc, nullptr, localname, nullptr);
+    node = xmlNewDocNode(doc, nullptr, name, nullptr);
     xmlDocSetRootElement(doc, node);
     elementSize = 0;
   } else {
-    node = xmlNewDocNode(doc, nullptr, localname, nullptr);
+    node = xmlNewDocNode(doc, nullptr, name, nullptr);
     xmlAddChild(current, node);
   }
   current = node;
   ++depth;
-  count(static_cast<std::size_t>(xmlStrlen(localname)));
+  count(static_cast<std::size_t>(xmlStrlen(name)));
   for (int i = 0; i < namespaceCount; ++i) {
     xmlNewNs(node, namespaces[2 * static_cast<std::ptrdiff_t>(i) + 1],
              namespaces[2 * static_cast<std::ptrdiff_t>(i)]);

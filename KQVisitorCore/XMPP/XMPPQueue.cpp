@@ -1,81 +1,98 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 
+#include <KQVisitorCore/Platform/OwnedThread.h>
+#include <KQVisitorCore/Platform/TimedTasks.h>
+
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
-
-#include <pthread.h>
+#include <asio/steady_timer.hpp>
 
 #include <atomic>
-#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <thread>
-#include <vector>
+#include <utility>
 
 namespace kq::xmpp {
 
-struct XMPPQueue::Impl {
+struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   explicit Impl(std::string name) : label(std::move(name)) {}
+
+  // Arms the wake-up timer for the earliest deadline. On the queue's thread.
+  void rearm();
+  // Runs the timed tasks that are due, one at a time, so that a task may cancel a later one.
+  void runDue();
+  // Asks the queue's thread to rearm (from any thread).
+  void postRearm();
 
   const std::string label;
   // A queue of its own.
   std::unique_ptr<asio::io_context> context;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
-  std::thread thread;
+  std::optional<asio::steady_timer> wakeUp;  // on the queue's thread
+  OwnedThread thread;
   std::atomic<std::thread::id> threadId{};
+  std::uint64_t timeObserver = 0;
   // A forwarding queue.
   std::shared_ptr<DispatchQueue> target;
 
   std::mutex mutex;
-  std::shared_ptr<DispatchQueue> timers;  // guarded by mutex
+  TimedTasks timed;      // guarded by mutex
+  bool stopped = false;  // guarded by mutex
 };
 
-namespace {
+void XMPPQueue::Impl::postRearm() {
+  asio::post(*context, [weak = weak_from_this()] {
+    if (const auto impl = weak.lock()) {
+      impl->rearm();
+    }
+  });
+}
 
-// Threads of queues released on their own thread: they end right after their current task and
-// are joined when the process exits, so that none runs on through the process's clean-up
-// (thread-local state of the libraries they used is freed as each one ends). Never destroyed;
-// a thread orphaned after the exit-time join is left to end on its own.
-class Orphans {
- public:
-  static Orphans& shared() {
-    static auto* instance = [] {
-      auto* created = new Orphans;
-      std::atexit([] { shared().joinAll(); });
-      return created;
-    }();
-    return *instance;
-  }
-
-  void adopt(std::thread thread) {
-    std::scoped_lock lock(mutex_);
-    if (closed_) {
-      thread.detach();
+void XMPPQueue::Impl::rearm() {
+  Clock::TimePoint earliest = Clock::TimePoint::max();
+  {
+    std::scoped_lock lock(mutex);
+    if (stopped) {
       return;
     }
-    threads_.push_back(std::move(thread));
+    earliest = timed.nextDeadline();
   }
+  if (earliest == Clock::TimePoint::max()) {
+    wakeUp->cancel();
+    return;
+  }
+  // The wait is measured on the shared clock; a clock that jumps (a manual clock in tests)
+  // notifies the time observer, which rearms.
+  const auto wait = std::max(earliest - Clock::shared()->now(), Clock::Duration::zero());
+  wakeUp->expires_after(wait);
+  wakeUp->async_wait([weak = weak_from_this()](const asio::error_code& error) {
+    if (error) {
+      return;  // rearmed or stopped
+    }
+    if (const auto impl = weak.lock()) {
+      impl->runDue();
+    }
+  });
+}
 
- private:
-  void joinAll() {
-    std::vector<std::thread> threads;
+void XMPPQueue::Impl::runDue() {
+  for (;;) {
+    Task task;
     {
-      std::scoped_lock lock(mutex_);
-      closed_ = true;
-      threads.swap(threads_);
+      std::scoped_lock lock(mutex);
+      if (!stopped) {
+        task = timed.takeDue(Clock::shared()->now());
+      }
     }
-    for (auto& thread : threads) {
-      thread.join();
+    if (!task) {
+      break;
     }
+    task();
   }
-
-  std::mutex mutex_;
-  std::vector<std::thread> threads_;  // guarded by mutex_
-  bool closed_ = false;               // guarded by mutex_
-};
-
-}  // namespace
+  rearm();
+}
 
 XMPPQueue::XMPPQueue(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
@@ -83,24 +100,31 @@ XMPPQueue::~XMPPQueue() {
   if (!impl_->context) {
     return;
   }
+  Clock::removeTimeObserver(impl_->timeObserver);
+  TimedTasks dropped;
+  {
+    std::scoped_lock lock(impl_->mutex);
+    impl_->stopped = true;
+    dropped = impl_->timed.takeAll();
+  }
   impl_->work.reset();
   impl_->context->stop();
-  if (impl_->thread.joinable()) {
-    if (impl_->thread.get_id() == std::this_thread::get_id()) {
-      // The thread keeps Impl alive through its own reference and ends after this task.
-      Orphans::shared().adopt(std::move(impl_->thread));
-    } else {
-      impl_->thread.join();
-    }
-  }
+  // On the queue's own thread, the thread keeps Impl alive through its own reference.
+  impl_->thread.release();
+  // `dropped` is destroyed here, outside the lock.
 }
 
 std::shared_ptr<XMPPQueue> XMPPQueue::create(std::string label) {
   auto impl = std::make_shared<Impl>(std::move(label));
   impl->context = std::make_unique<asio::io_context>(1);
   impl->work.emplace(asio::make_work_guard(*impl->context));
-  impl->thread = std::thread([impl] {
-    pthread_setname_np(pthread_self(), impl->label.substr(0, 15).c_str());
+  impl->wakeUp.emplace(*impl->context);
+  impl->timeObserver = Clock::addTimeObserver([weak = std::weak_ptr<Impl>(impl)] {
+    if (const auto alive = weak.lock()) {
+      alive->postRearm();
+    }
+  });
+  impl->thread = OwnedThread(impl->label, [impl] {
     impl->threadId = std::this_thread::get_id();
     impl->context->run();
   });
@@ -132,15 +156,33 @@ bool XMPPQueue::isCurrent() const {
   return impl_->threadId.load() == std::this_thread::get_id();
 }
 
-std::shared_ptr<DispatchQueue> XMPPQueue::timerQueue() {
+TimerQueue::TaskId XMPPQueue::scheduleAt(Clock::TimePoint deadline, Task task) {
   if (impl_->target) {
-    return impl_->target;
+    return impl_->target->scheduleAt(deadline, std::move(task));
   }
+  bool earliest = false;
+  TaskId id = 0;
+  {
+    std::scoped_lock lock(impl_->mutex);
+    if (impl_->stopped) {
+      return 0;
+    }
+    id = impl_->timed.add(deadline, std::move(task));
+    earliest = impl_->timed.isEarliest(id);
+  }
+  if (earliest) {
+    impl_->postRearm();
+  }
+  return id;
+}
+
+TimerQueue::Task XMPPQueue::cancel(TaskId id) {
+  if (impl_->target) {
+    return impl_->target->cancel(id);
+  }
+  // A cancelled earliest task leaves the wake-up armed; it finds nothing due and rearms.
   std::scoped_lock lock(impl_->mutex);
-  if (!impl_->timers) {
-    impl_->timers = DispatchQueue::create(impl_->label + ".timers");
-  }
-  return impl_->timers;
+  return impl_->timed.take(id);
 }
 
 asio::io_context* XMPPQueue::ioContext() const {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
-#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/TimerQueue.h>
 
 #include <functional>
 #include <memory>
@@ -13,21 +13,18 @@ class io_context;
 
 namespace kq::xmpp {
 
-/// A serial queue for the XMPP core: where a stream does its socket I/O, parsing and module
-/// work, or where a module wants its work done.
+/// A serial queue for the XMPP core: where a stream does its socket I/O, parsing, module work
+/// and timers, or where a module wants its work done. Internal to the library.
 ///
 /// Two kinds: a stream's own queue (create()), one thread running an event loop on which the
-/// socket's completions and the posted tasks run in order; and a queue that forwards to a
-/// DispatchQueue (onDispatchQueue(), such as the main queue).
-class KQ_EXPORT XMPPQueue {
+/// socket's completions, the posted tasks and the timers (kq::Timer, timed by Clock::shared())
+/// run in order; and a queue that forwards to a DispatchQueue (onDispatchQueue(), such as the
+/// main queue).
+class XMPPQueue final : public TimerQueue {
  public:
-  using Task = std::function<void()>;
-
-  XMPPQueue(const XMPPQueue&) = delete;
-  XMPPQueue& operator=(const XMPPQueue&) = delete;
   /// Stops the thread of a queue of its own; tasks that have not run are dropped. Safe on the
   /// queue's own thread (the thread ends after its current task).
-  ~XMPPQueue();
+  ~XMPPQueue() override;
 
   /// A queue with a thread of its own, named `label`.
   static std::shared_ptr<XMPPQueue> create(std::string label);
@@ -40,13 +37,9 @@ class KQ_EXPORT XMPPQueue {
   /// Thread-safe.
   void async(Task task);
 
-  /// True on the thread that runs this queue's tasks.
-  [[nodiscard]] bool isCurrent() const;
-
-  /// The queue on which timers for this queue are kept (their ticks are forwarded here): the
-  /// wrapped DispatchQueue, or a helper queue created on first use. Timers are kq::Timer, so a
-  /// ManualClock drives them.
-  std::shared_ptr<DispatchQueue> timerQueue();
+  [[nodiscard]] bool isCurrent() const override;
+  TaskId scheduleAt(Clock::TimePoint deadline, Task task) override;
+  Task cancel(TaskId id) override;
 
   /// The event loop of a queue of its own (null for a forwarding queue). For the library's
   /// sockets.

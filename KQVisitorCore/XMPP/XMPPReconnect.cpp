@@ -1,9 +1,11 @@
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+
+#include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
-#include <KQVisitorCore/XMPP/XMPPTimer.h>
 
 #include <algorithm>
 
@@ -12,7 +14,8 @@ namespace kq::xmpp {
 XMPPReconnectDelegate::~XMPPReconnectDelegate() = default;
 
 XMPPReconnect::XMPPReconnect(std::shared_ptr<DispatchQueue> dispatchQueue)
-    : XMPPModule(std::move(dispatchQueue)) {}
+    : XMPPModule(std::move(dispatchQueue)),
+      delegates_(std::make_unique<XMPPDelegateList<XMPPReconnectDelegate>>()) {}
 
 XMPPReconnect::~XMPPReconnect() = default;
 
@@ -52,11 +55,11 @@ bool XMPPReconnect::isReconnecting() const {
 
 void XMPPReconnect::addDelegate(const std::shared_ptr<XMPPReconnectDelegate>& delegate,
                                 std::shared_ptr<DispatchQueue> queue) {
-  delegates_.add(delegate, std::move(queue));
+  delegates_->add(delegate, std::move(queue));
 }
 
 void XMPPReconnect::removeDelegate(const XMPPReconnectDelegate* delegate) {
-  delegates_.remove(delegate);
+  delegates_->remove(delegate);
 }
 
 void XMPPReconnect::runOnStreamQueue(std::function<void()> task) {
@@ -106,7 +109,7 @@ void XMPPReconnect::streamDidDisconnect(const std::optional<KQError>& error) {
     startAttempts(reconnectDelay());
   }
   const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
-  delegates_.invoke([self, error](XMPPReconnectDelegate& delegate) {
+  delegates_->invoke([self, error](XMPPReconnectDelegate& delegate) {
     delegate.xmppReconnectDidDetectAccidentalDisconnect(*self, error);
   });
 }
@@ -126,8 +129,8 @@ void XMPPReconnect::startAttempts(Seconds firstDelay) {
     if (!self || interval <= Seconds::zero()) {
       return;
     }
-    self->timer_ = XMPPTimer::scheduledTimer(
-        queue, std::chrono::duration_cast<Clock::Duration>(interval), true, [weak] {
+    self->timer_ = Timer::scheduledTimer(
+        queue, std::chrono::duration_cast<Clock::Duration>(interval), true, [weak](Timer&) {
           if (const auto owner = weak.lock()) {
             owner->attempt();
           }
@@ -139,14 +142,14 @@ void XMPPReconnect::startAttempts(Seconds firstDelay) {
     return;
   }
   firstAttempt_ =
-      XMPPTimer::scheduledTimer(queue, std::chrono::duration_cast<Clock::Duration>(firstDelay),
-                                false, [weak, startRepeating] {
-                                  if (const auto self = weak.lock()) {
-                                    self->firstAttempt_.reset();
-                                    self->attempt();
-                                    startRepeating();
-                                  }
-                                });
+      Timer::scheduledTimer(queue, std::chrono::duration_cast<Clock::Duration>(firstDelay), false,
+                            [weak, startRepeating](Timer&) {
+                              if (const auto self = weak.lock()) {
+                                self->firstAttempt_.reset();
+                                self->attempt();
+                                startRepeating();
+                              }
+                            });
 }
 
 void XMPPReconnect::stopAttempts() {
@@ -167,7 +170,7 @@ void XMPPReconnect::attempt() {
     return;
   }
   const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
-  delegates_.ask(
+  delegates_->ask(
       [self](XMPPReconnectDelegate& delegate) {
         return delegate.xmppReconnectShouldAttemptAutoReconnect(*self);
       },

@@ -1,16 +1,21 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/Export.h>
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
 #include <chrono>
 #include <memory>
 
+namespace kq {
+class Timer;
+}  // namespace kq
+
 namespace kq::xmpp {
 
+template <class Delegate>
+class XMPPDelegateList;
+
 class XMPPReconnectDelegate;
-class XMPPTimer;
 
 /// Reconnects a stream that was lost by accident.
 ///
@@ -72,10 +77,10 @@ class KQ_EXPORT XMPPReconnect : public XMPPModule {
 
   // On the stream's queue.
   bool shouldReconnect_ = false;
-  std::shared_ptr<XMPPTimer> firstAttempt_;
-  std::shared_ptr<XMPPTimer> timer_;
+  std::shared_ptr<Timer> firstAttempt_;
+  std::shared_ptr<Timer> timer_;
 
-  XMPPDelegateList<XMPPReconnectDelegate> delegates_;
+  std::unique_ptr<XMPPDelegateList<XMPPReconnectDelegate>> delegates_;
 };
 
 }  // namespace kq::xmpp

@@ -1,5 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
@@ -32,9 +34,16 @@ XMPPRoom::XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID
                    std::shared_ptr<DispatchQueue> dispatchQueue)
     : XMPPModule(std::move(dispatchQueue)),
       storage_(std::move(storage)),
-      roomJID_(roomJID.bareJID()) {}
+      roomJID_(roomJID.bareJID()),
+      delegates_(std::make_unique<XMPPDelegateList<XMPPRoomDelegate>>()) {}
 
 XMPPRoom::~XMPPRoom() = default;
+
+bool XMPPRoom::isNoAnswer(const XMPPIQ& answer) {
+  const auto error = answer.elementForName("error");
+  return answer.isErrorIQ() && !answer.attributeStringValueForName("from") && error &&
+         error->elementForName(kNoAnswerCondition, kXMPPStanzasNamespace).has_value();
+}
 
 std::optional<std::string> XMPPRoom::myNickname() const {
   std::scoped_lock lock(mutex_);
@@ -54,16 +63,16 @@ bool XMPPRoom::isJoined() const {
 
 void XMPPRoom::addDelegate(const std::shared_ptr<XMPPRoomDelegate>& delegate,
                            std::shared_ptr<DispatchQueue> queue) {
-  delegates_.add(delegate, std::move(queue));
+  delegates_->add(delegate, std::move(queue));
 }
 
 void XMPPRoom::removeDelegate(const XMPPRoomDelegate* delegate) {
-  delegates_.remove(delegate);
+  delegates_->remove(delegate);
 }
 
 void XMPPRoom::notify(const std::function<void(XMPPRoomDelegate&, XMPPRoom&)>& call) {
   const auto self = std::static_pointer_cast<XMPPRoom>(shared_from_this());
-  delegates_.invoke([self, call](XMPPRoomDelegate& delegate) { call(delegate, *self); });
+  delegates_->invoke([self, call](XMPPRoomDelegate& delegate) { call(delegate, *self); });
 }
 
 void XMPPRoom::joinRoomUsingNickname(const std::string& nickname,
@@ -122,15 +131,18 @@ void XMPPRoom::sendOwnerIQ(const XMPPElement& query, bool destroying) {
   }
   std::weak_ptr<XMPPRoom> weak = std::static_pointer_cast<XMPPRoom>(shared_from_this());
   const XMPPJID room = roomJID_;
+  const XMPPIQ request("set", room, XMPPStream::generateUUID(), query);
   stream->sendIQ(
-      XMPPIQ("set", room, XMPPStream::generateUUID(), query), kOwnerTimeout,
-      [weak, destroying, room](const std::optional<XMPPIQ>& response) {
+      request, kOwnerTimeout,
+      [weak, destroying, room, request](const std::optional<XMPPIQ>& response) {
         const auto self = weak.lock();
         if (!self) {
           return;
         }
+        // No answer (the time-out passed or the connection ended): an error of our own, told
+        // apart from the server's by its condition and its missing sender.
         const XMPPIQ answer =
-            response ? *response : XMPPIQ("error", std::nullopt, std::nullopt, std::nullopt);
+            response ? *response : XMPPIQ::errorIQ(request, "wait", kNoAnswerCondition);
         const bool accepted = answer.isResultIQ();
         if (destroying && accepted) {
           self->storage_->clearRoom(room);

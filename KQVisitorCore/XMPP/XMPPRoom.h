@@ -1,7 +1,7 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/Export.h>
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
@@ -9,8 +9,12 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kq::xmpp {
+
+template <class Delegate>
+class XMPPDelegateList;
 
 class XMPPRoomDelegate;
 class XMPPRoomMemoryStorage;
@@ -24,6 +28,13 @@ class XMPPRoomMemoryStorage;
 /// at construction (the main queue for the product's rooms), else the stream's queue.
 class KQ_EXPORT XMPPRoom : public XMPPModule {
  public:
+  /// The error condition of the answer the room reports when the server never answered an
+  /// owner request (configuration, destruction) in time or the connection ended first.
+  static constexpr std::string_view kNoAnswerCondition = "remote-server-timeout";
+
+  /// True for that answer of the room's own, false for any answer the server sent.
+  static bool isNoAnswer(const XMPPIQ& answer);
+
   /// A room `roomJID` (room@service) whose traffic is recorded in `storage`.
   XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
            std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
@@ -77,7 +88,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   mutable std::mutex mutex_;
   std::optional<std::string> nickname_;  // guarded by mutex_
   bool joined_ = false;                  // guarded by mutex_
-  XMPPDelegateList<XMPPRoomDelegate> delegates_;
+  std::unique_ptr<XMPPDelegateList<XMPPRoomDelegate>> delegates_;
 };
 
 }  // namespace kq::xmpp

@@ -26,12 +26,14 @@ class KQ_EXPORT XMPPRoomDelegate {
   virtual void xmppRoomDidLeave(XMPPRoom& /*sender*/) {}
   /// The room was destroyed at our request.
   virtual void xmppRoomDidDestroy(XMPPRoom& /*sender*/) {}
-  /// The server refused to destroy the room; `iqError` is its answer (an empty error IQ when
-  /// no answer came).
+  /// The room was not destroyed; `iqError` is the server's refusal, or, when no answer came
+  /// within 60 s or the connection ended first, an error IQ the room made itself: type "wait",
+  /// condition XMPPRoom::kNoAnswerCondition, and no "from" (see XMPPRoom::isNoAnswer).
   virtual void xmppRoomDidFailToDestroy(XMPPRoom& /*sender*/, const XMPPIQ& /*iqError*/) {}
   /// The server accepted the room configuration we submitted.
   virtual void xmppRoomDidConfigure(XMPPRoom& /*sender*/, const XMPPIQ& /*iqResult*/) {}
-  /// The server refused it.
+  /// The configuration was not accepted: the server's refusal, or a missing answer told as for
+  /// xmppRoomDidFailToDestroy.
   virtual void xmppRoomDidNotConfigure(XMPPRoom& /*sender*/, const XMPPIQ& /*iqResult*/) {}
   /// A group-chat message with a body, or an error message, came from the room;
   /// `occupantJID` is its sender (room@service/nick, or the room itself).

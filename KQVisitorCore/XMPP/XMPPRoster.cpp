@@ -1,5 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPRoster.h>
 
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRosterMemoryStorage.h>
@@ -15,17 +17,19 @@ XMPPRosterDelegate::~XMPPRosterDelegate() = default;
 
 XMPPRoster::XMPPRoster(std::shared_ptr<XMPPRosterMemoryStorage> storage,
                        std::shared_ptr<DispatchQueue> dispatchQueue)
-    : XMPPModule(std::move(dispatchQueue)), storage_(std::move(storage)) {}
+    : XMPPModule(std::move(dispatchQueue)),
+      storage_(std::move(storage)),
+      delegates_(std::make_unique<XMPPDelegateList<XMPPRosterDelegate>>()) {}
 
 XMPPRoster::~XMPPRoster() = default;
 
 void XMPPRoster::addDelegate(const std::shared_ptr<XMPPRosterDelegate>& delegate,
                              std::shared_ptr<DispatchQueue> queue) {
-  delegates_.add(delegate, std::move(queue));
+  delegates_->add(delegate, std::move(queue));
 }
 
 void XMPPRoster::removeDelegate(const XMPPRosterDelegate* delegate) {
-  delegates_.remove(delegate);
+  delegates_->remove(delegate);
 }
 
 void XMPPRoster::fetchRoster() {
@@ -44,7 +48,7 @@ void XMPPRoster::fetchRoster() {
         if (const auto query = response->elementForName("query")) {
           self->applyItems(*query);
         }
-        self->delegates_.invoke(
+        self->delegates_->invoke(
             [self](XMPPRosterDelegate& delegate) { delegate.xmppRosterDidEndPopulating(*self); });
       });
 }
@@ -126,7 +130,7 @@ void XMPPRoster::streamDidReceivePresence(const XMPPPresence& presence) {
     }
   }
   const auto self = std::static_pointer_cast<XMPPRoster>(shared_from_this());
-  delegates_.invoke([self, presence](XMPPRosterDelegate& delegate) {
+  delegates_->invoke([self, presence](XMPPRosterDelegate& delegate) {
     delegate.xmppRosterDidReceiveBuddyRequest(*self, presence);
   });
 }

@@ -1,13 +1,15 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/Export.h>
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
 #include <atomic>
 #include <memory>
 
 namespace kq::xmpp {
+
+template <class Delegate>
+class XMPPDelegateList;
 
 class XMPPRosterDelegate;
 class XMPPRosterMemoryStorage;
@@ -57,7 +59,7 @@ class KQ_EXPORT XMPPRoster : public XMPPModule {
   const std::shared_ptr<XMPPRosterMemoryStorage> storage_;
   std::atomic<bool> autoFetchRoster_{false};
   std::atomic<bool> autoAccept_{false};
-  XMPPDelegateList<XMPPRosterDelegate> delegates_;
+  std::unique_ptr<XMPPDelegateList<XMPPRosterDelegate>> delegates_;
 };
 
 }  // namespace kq::xmpp

@@ -2,6 +2,7 @@
 
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/XMPP/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
@@ -9,7 +10,6 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
-#include <KQVisitorCore/XMPP/XMPPTimer.h>
 
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -27,6 +27,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 namespace kq::xmpp {
 
@@ -65,7 +66,6 @@ bool isAddress(const std::string& name) {
 
 // Where the connection is in its negotiation.
 enum class Phase {
-  Idle,
   Resolving,
   Opening,           // stream header sent, waiting for features
   StartingTLS,       // <starttls/> sent, waiting for <proceed/>
@@ -78,16 +78,66 @@ enum class Phase {
   Authenticated,
 };
 
+Clock::Duration clockDuration(std::chrono::duration<double> duration) {
+  return std::chrono::duration_cast<Clock::Duration>(duration);
+}
+
+std::string secondsText(std::chrono::duration<double> duration) {
+  std::ostringstream text;
+  text << duration.count() << " s";
+  return text.str();
+}
+
+void invalidate(std::shared_ptr<Timer>& timer) {
+  if (timer) {
+    timer->invalidate();
+    timer.reset();
+  }
+}
+
 }  // namespace
 
-// One TCP connection and what rides on it. Every asynchronous operation holds the connection, so
-// it outlives the operations started on it even after the stream has moved on.
+// One TCP connection and everything that lives and dies with it: the socket, the parser, the
+// negotiation's progress, the write queue, the timers and the IQs waiting for an answer. A new
+// connection starts from a new object, so nothing of an earlier one can leak into it. Every
+// asynchronous operation holds the connection, so a buffer handed to the socket outlives the
+// operation even after the stream has moved on.
 struct Connection {
   explicit Connection(asio::io_context& context) : resolver(context), socket(context) {}
+
   tcp::resolver resolver;
   tcp::socket socket;
   std::unique_ptr<asio::ssl::stream<tcp::socket&>> tls;
   std::array<char, 16384> readBuffer{};
+  std::unique_ptr<XMPPParser> parser;
+
+  Phase phase = Phase::Resolving;
+  bool restartParserAfterChunk = false;
+  bool startTLSAfterChunk = false;
+  std::string host;
+  std::uint16_t port = 0;
+  std::string domain;
+
+  std::deque<std::string> writeQueue;  // the front is being written while `writing`
+  bool writing = false;
+  bool closeAfterWriting = false;
+  bool toldToDisconnect = false;
+
+  bool sessionRequired = false;
+  std::string bindID;
+  std::string sessionID;
+  std::shared_ptr<XMPPSASLAuthentication> authentication;
+
+  std::shared_ptr<Timer> negotiationTimer;  // while waiting for the server to negotiate
+  std::shared_ptr<Timer> connectTimer;      // the caller's bound on reaching did-connect
+  std::shared_ptr<Timer> keepAliveTimer;    // once authenticated: the next liveness check
+  Clock::TimePoint lastReceived;
+
+  struct Tracker {
+    std::function<void(const std::optional<XMPPIQ>&)> response;
+    std::shared_ptr<Timer> timer;
+  };
+  std::map<std::string, Tracker> trackers;
 };
 
 struct XMPPStream::Impl {
@@ -100,6 +150,9 @@ struct XMPPStream::Impl {
   std::optional<XMPPJID> myJID;                                           // guarded by mutex
   XMPPStreamStartTLSPolicy policy = XMPPStreamStartTLSPolicy::Preferred;  // guarded by mutex
   bool backgrounding = false;                                             // guarded by mutex
+  Seconds negotiationTimeout = kDefaultNegotiationTimeout;                // guarded by mutex
+  Seconds keepAliveInterval = kDefaultKeepAliveInterval;                  // guarded by mutex
+  Seconds keepAliveTimeout = kDefaultKeepAliveTimeout;                    // guarded by mutex
   XMPPStreamState state = XMPPStreamState::Disconnected;                  // guarded by mutex
   bool secure = false;                                                    // guarded by mutex
   bool authenticated = false;                                             // guarded by mutex
@@ -111,32 +164,17 @@ struct XMPPStream::Impl {
   XMPPDelegateList<XMPPStreamDelegate> delegates;
 
   // Everything below is used on the stream's queue only.
-  std::shared_ptr<Connection> connection;
+  std::shared_ptr<Connection> connection;          // null while disconnected
   std::shared_ptr<asio::ssl::context> tlsContext;  // built once, kept across reconnects
-  std::unique_ptr<XMPPParser> parser;
-  bool restartParserAfterChunk = false;
-  bool startTLSAfterChunk = false;
-  Phase phase = Phase::Idle;
-  std::string connectHost;
-  std::uint16_t connectPort = 0;
-  std::string domain;
-  std::deque<std::string> writeQueue;
-  bool writing = false;
-  bool closeAfterWriting = false;
-  bool toldToDisconnect = false;
-  bool sessionRequired = false;
-  std::string bindID;
-  std::string sessionID;
-  std::shared_ptr<XMPPSASLAuthentication> authentication;
-  std::shared_ptr<XMPPTimer> connectTimer;
-  struct Tracker {
-    std::function<void(const std::optional<XMPPIQ>&)> response;
-    std::shared_ptr<XMPPTimer> timer;
-  };
-  std::map<std::string, Tracker> trackers;
   std::vector<std::shared_ptr<XMPPModule>> modules;
 
   std::shared_ptr<XMPPStream> self() { return owner.shared_from_this(); }
+
+  template <class Value>
+  Value setting(Value Impl::*field) {
+    std::scoped_lock lock(mutex);
+    return this->*field;
+  }
 
   void setState(XMPPStreamState newState) {
     std::scoped_lock lock(mutex);
@@ -156,19 +194,25 @@ struct XMPPStream::Impl {
     delegates.invoke([stream, call](XMPPStreamDelegate& delegate) { call(delegate, *stream); });
   }
 
+  // Runs `task` on the stream's queue after `delay`, only while `current` is still the stream's
+  // connection.
+  std::shared_ptr<Timer> scheduleFor(const std::shared_ptr<Connection>& current,
+                                     Clock::Duration delay, std::function<void(Impl&)> task);
+
   // Connecting and closing.
   void startConnect(std::chrono::duration<double> timeout);
-  void onResolved(const std::shared_ptr<Connection>& connection,
+  void onResolved(const std::shared_ptr<Connection>& current,
                   const tcp::resolver::results_type& endpoints);
-  void onTCPConnected(const std::shared_ptr<Connection>& connection);
+  void onTCPConnected(const std::shared_ptr<Connection>& current);
+  void armNegotiationTimer();
   void requestDisconnect();
   void close(const std::optional<KQError>& error);
 
   // Reading, parsing and writing.
-  void newParser();
+  void newParser(Connection& current);
   void openStream();
-  void read(const std::shared_ptr<Connection>& connection);
-  void onRead(const std::shared_ptr<Connection>& connection, std::size_t length);
+  void read(const std::shared_ptr<Connection>& current);
+  void onRead(const std::shared_ptr<Connection>& current, std::size_t length);
   void write(std::string text);
   void writeNext();
   void sendNow(XMPPElement element);
@@ -184,6 +228,10 @@ struct XMPPStream::Impl {
   void handleBindResult(const XMPPIQ& iq);
   void finishAuthentication();
 
+  // Liveness of an authenticated connection.
+  void scheduleKeepAlive(Clock::Duration delay);
+  void checkKeepAlive();
+
   // Stanzas.
   void dispatchIQ(const XMPPIQ& iq);
   void dispatchMessage(const XMPPMessage& message);
@@ -192,47 +240,52 @@ struct XMPPStream::Impl {
                std::function<void(const std::optional<XMPPIQ>&)> response);
 };
 
+std::shared_ptr<Timer> XMPPStream::Impl::scheduleFor(const std::shared_ptr<Connection>& current,
+                                                     Clock::Duration delay,
+                                                     std::function<void(Impl&)> task) {
+  std::weak_ptr<XMPPStream> weakStream = self();
+  std::weak_ptr<Connection> weakConnection = current;
+  return Timer::scheduledTimer(queue, delay, false,
+                               [weakStream, weakConnection, task = std::move(task)](Timer&) {
+                                 const auto stream = weakStream.lock();
+                                 const auto alive = weakConnection.lock();
+                                 if (stream && alive && stream->impl_->connection == alive) {
+                                   task(*stream->impl_);
+                                 }
+                               });
+}
+
 // --- Connecting and closing ------------------------------------------------------------------
 
 void XMPPStream::Impl::startConnect(std::chrono::duration<double> timeout) {
+  connection = std::make_shared<Connection>(*queue->ioContext());
+  auto current = connection;
   {
     std::scoped_lock lock(mutex);
-    connectHost = hostName.empty() && myJID ? myJID->domain() : hostName;
-    connectPort = hostPort;
-    domain = myJID ? myJID->domain() : std::string();
+    current->host = hostName.empty() && myJID ? myJID->domain() : hostName;
+    current->port = hostPort;
+    current->domain = myJID ? myJID->domain() : std::string();
   }
-  toldToDisconnect = false;
-  closeAfterWriting = false;
-  writeQueue.clear();
-  writing = false;
-  phase = Phase::Resolving;
-  connection = std::make_shared<Connection>(*queue->ioContext());
+  armNegotiationTimer();
   if (timeout >= std::chrono::duration<double>::zero()) {
-    std::weak_ptr<XMPPStream> weak = self();
-    connectTimer = XMPPTimer::scheduledTimer(
-        queue, std::chrono::duration_cast<Clock::Duration>(timeout), false, [weak] {
-          const auto stream = weak.lock();
-          if (!stream) {
-            return;
-          }
-          Impl& impl = *stream->impl_;
-          if (impl.phase == Phase::Idle || impl.phase == Phase::Ready ||
-              impl.phase >= Phase::Authenticating) {
-            return;
-          }
-          impl.notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-            delegate.xmppStreamConnectDidTimeout(sender);
-          });
-          impl.close(streamError(kErrorConnectTimeout, "The connection timed out"));
-        });
+    current->connectTimer = scheduleFor(current, clockDuration(timeout), [timeout](Impl& impl) {
+      if (impl.connection->phase >= Phase::Ready) {
+        return;
+      }
+      impl.notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+        delegate.xmppStreamConnectDidTimeout(sender);
+      });
+      impl.close(streamError(
+          kErrorConnectTimeout,
+          "The connection timed out: the stream was not connected within " + secondsText(timeout)));
+    });
   }
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamSocketWillConnect(sender);
   });
   auto stream = self();
-  auto current = connection;
   current->resolver.async_resolve(
-      connectHost, std::to_string(connectPort),
+      current->host, std::to_string(current->port),
       [stream, current](const asio::error_code& error, const tcp::resolver::results_type& found) {
         Impl& impl = *stream->impl_;
         if (impl.connection != current) {
@@ -240,7 +293,7 @@ void XMPPStream::Impl::startConnect(std::chrono::duration<double> timeout) {
         }
         if (error) {
           impl.close(streamError(kErrorSocket,
-                                 "Cannot resolve " + impl.connectHost + ": " + error.message()));
+                                 "Cannot resolve " + current->host + ": " + error.message()));
           return;
         }
         impl.onResolved(current, found);
@@ -258,8 +311,9 @@ void XMPPStream::Impl::onResolved(const std::shared_ptr<Connection>& current,
           return;
         }
         if (error) {
-          impl.close(streamError(kErrorSocket,
-                                 "Cannot connect to " + impl.connectHost + ": " + error.message()));
+          impl.close(streamError(kErrorSocket, "Cannot connect to " + current->host + ":" +
+                                                   std::to_string(current->port) + ": " +
+                                                   error.message()));
           return;
         }
         impl.onTCPConnected(current);
@@ -277,45 +331,72 @@ void XMPPStream::Impl::onTCPConnected(const std::shared_ptr<Connection>& current
   read(current);
 }
 
+void XMPPStream::Impl::armNegotiationTimer() {
+  const Seconds timeout = setting(&Impl::negotiationTimeout);
+  invalidate(connection->negotiationTimer);
+  if (timeout <= Seconds::zero()) {
+    return;
+  }
+  connection->negotiationTimer =
+      scheduleFor(connection, clockDuration(timeout), [timeout](Impl& impl) {
+        const Phase phase = impl.connection->phase;
+        if (phase == Phase::Ready || phase == Phase::Authenticated) {
+          return;  // waiting for the host, not for the server
+        }
+        if (phase < Phase::Ready) {
+          impl.notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+            delegate.xmppStreamConnectDidTimeout(sender);
+          });
+          impl.close(streamError(kErrorConnectTimeout,
+                                 "The connection timed out: the server did not open the stream "
+                                 "within " +
+                                     secondsText(timeout)));
+          return;
+        }
+        impl.close(streamError(
+            kErrorNegotiationTimeout,
+            "The login timed out: the server did not complete it within " + secondsText(timeout)));
+      });
+}
+
 void XMPPStream::Impl::requestDisconnect() {
   if (!connection) {
     return;
   }
-  toldToDisconnect = true;
+  connection->toldToDisconnect = true;
   forEachModule([](XMPPModule& module) { module.streamWasToldToDisconnect(); });
-  const bool streamOpen = phase != Phase::Resolving && phase != Phase::Securing;
-  if (!streamOpen) {
+  if (!connection) {
+    return;  // a module closed it
+  }
+  const Phase phase = connection->phase;
+  if (phase == Phase::Resolving || phase == Phase::Securing) {
     close(std::nullopt);
     return;
   }
   write("</stream:stream>");
-  closeAfterWriting = true;
+  connection->closeAfterWriting = true;
 }
 
 void XMPPStream::Impl::close(const std::optional<KQError>& error) {
   if (!connection) {
     return;
   }
-  auto closing = std::move(connection);
+  // The connection object goes with its state; operations still under way hold it until their
+  // handlers run and find it is no longer the stream's.
+  const auto closing = std::move(connection);
   connection.reset();
   asio::error_code ignored;
   closing->resolver.cancel();
   closing->socket.shutdown(tcp::socket::shutdown_both, ignored);
   closing->socket.close(ignored);
-  if (parser) {
-    parser->stop();  // this may run inside the parser's callback: no later element
+  if (closing->parser) {
+    closing->parser->stop();  // this may run inside the parser's callback: no later element
   }
-  if (connectTimer) {
-    connectTimer->invalidate();
-    connectTimer.reset();
-  }
-  phase = Phase::Idle;
-  writeQueue.clear();
-  writing = false;
-  closeAfterWriting = false;
-  authentication.reset();
-  auto pending = std::move(trackers);
-  trackers.clear();
+  invalidate(closing->negotiationTimer);
+  invalidate(closing->connectTimer);
+  invalidate(closing->keepAliveTimer);
+  auto pending = std::move(closing->trackers);
+  closing->trackers.clear();
   {
     std::scoped_lock lock(mutex);
     state = XMPPStreamState::Disconnected;
@@ -324,11 +405,9 @@ void XMPPStream::Impl::close(const std::optional<KQError>& error) {
     authenticating = false;
     mechanisms.clear();
   }
-  const std::optional<KQError> reported = toldToDisconnect ? std::nullopt : error;
+  const std::optional<KQError> reported = closing->toldToDisconnect ? std::nullopt : error;
   for (auto& [id, tracker] : pending) {
-    if (tracker.timer) {
-      tracker.timer->invalidate();
-    }
+    invalidate(tracker.timer);
     tracker.response(std::nullopt);
   }
   forEachModule([&reported](XMPPModule& module) { module.streamDidDisconnect(reported); });
@@ -339,8 +418,9 @@ void XMPPStream::Impl::close(const std::optional<KQError>& error) {
 
 // --- Reading, parsing and writing -------------------------------------------------------------
 
-void XMPPStream::Impl::newParser() {
-  parser = std::make_unique<XMPPParser>(
+void XMPPStream::Impl::newParser(Connection& current) {
+  // The parser belongs to the connection and runs only inside onRead, which holds it.
+  current.parser = std::make_unique<XMPPParser>(
       XMPPParser::Mode::Stream,
       XMPPParser::Callbacks{
           .didReadRoot = nullptr,
@@ -351,17 +431,17 @@ void XMPPStream::Impl::newParser() {
 }
 
 void XMPPStream::Impl::openStream() {
-  // After SASL success this runs inside the parser's callback: the parser is replaced once the
-  // current chunk has been parsed (restartParserAfterChunk).
-  if (phase != Phase::Authenticating) {
-    newParser();
-  }
-  if (phase == Phase::Authenticating) {
-    phase = Phase::OpeningAfterAuth;
+  Connection& current = *connection;
+  if (current.phase == Phase::Authenticating) {
+    // After SASL success this runs inside the parser's callback: the parser is replaced once
+    // the current chunk has been parsed.
+    current.restartParserAfterChunk = true;
+    current.phase = Phase::OpeningAfterAuth;
   } else {
-    phase = Phase::Opening;
+    newParser(current);
+    current.phase = Phase::Opening;
   }
-  write("<?xml version='1.0'?><stream:stream to='" + escapeAttribute(domain) +
+  write("<?xml version='1.0'?><stream:stream to='" + escapeAttribute(current.domain) +
         "' version='1.0' xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>");
 }
 
@@ -373,7 +453,7 @@ void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
       return;
     }
     if (error) {
-      if (impl.toldToDisconnect) {
+      if (current->toldToDisconnect) {
         impl.close(std::nullopt);
       } else if (error == asio::error::eof) {
         impl.close(streamError(kErrorServerClosed, "The server closed the connection"));
@@ -393,16 +473,19 @@ void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
 }
 
 void XMPPStream::Impl::onRead(const std::shared_ptr<Connection>& current, std::size_t length) {
-  parser->parseData(current->readBuffer.data(), length);
+  if (current->keepAliveTimer) {
+    current->lastReceived = Clock::shared()->now();
+  }
+  current->parser->parseData(current->readBuffer.data(), length);
   if (connection != current) {
     return;  // closed while parsing
   }
-  if (restartParserAfterChunk) {
-    restartParserAfterChunk = false;
-    newParser();
+  if (current->restartParserAfterChunk) {
+    current->restartParserAfterChunk = false;
+    newParser(*current);
   }
-  if (startTLSAfterChunk) {
-    startTLSAfterChunk = false;
+  if (current->startTLSAfterChunk) {
+    current->startTLSAfterChunk = false;
     beginTLS();
     return;  // reading continues over TLS after the handshake
   }
@@ -413,37 +496,38 @@ void XMPPStream::Impl::write(std::string text) {
   if (!connection) {
     return;
   }
-  writeQueue.push_back(std::move(text));
+  connection->writeQueue.push_back(std::move(text));
   writeNext();
 }
 
 void XMPPStream::Impl::writeNext() {
-  if (writing || writeQueue.empty() || !connection || phase == Phase::Securing ||
-      phase == Phase::Resolving) {
+  const auto& current = connection;
+  if (!current || current->writing || current->writeQueue.empty() ||
+      current->phase == Phase::Securing || current->phase == Phase::Resolving) {
     return;
   }
-  writing = true;
+  current->writing = true;
   auto stream = self();
-  auto current = connection;
   auto handler = [stream, current](const asio::error_code& error, std::size_t /*length*/) {
+    // `current` owns the buffer that was written, whatever became of the stream meanwhile.
+    current->writing = false;
+    current->writeQueue.pop_front();
     Impl& impl = *stream->impl_;
     if (impl.connection != current) {
       return;
     }
-    impl.writing = false;
     if (error) {
       impl.close(streamError(current->tls ? kErrorTLS : kErrorSocket,
                              "Writing failed: " + error.message()));
       return;
     }
-    impl.writeQueue.pop_front();
-    if (impl.writeQueue.empty() && impl.closeAfterWriting) {
+    if (current->writeQueue.empty() && current->closeAfterWriting) {
       impl.close(std::nullopt);
       return;
     }
     impl.writeNext();
   };
-  const std::string& front = writeQueue.front();
+  const std::string& front = current->writeQueue.front();
   if (current->tls) {
     asio::async_write(*current->tls, asio::buffer(front), handler);
   } else {
@@ -452,8 +536,8 @@ void XMPPStream::Impl::writeNext() {
 }
 
 void XMPPStream::Impl::sendNow(XMPPElement element) {
-  if (!connection || closeAfterWriting ||
-      (phase != Phase::Ready && phase != Phase::Authenticated)) {
+  if (!connection || connection->closeAfterWriting ||
+      (connection->phase != Phase::Ready && connection->phase != Phase::Authenticated)) {
     notify([element](XMPPStreamDelegate& delegate, XMPPStream& sender) {
       delegate.xmppStreamDidFailToSendElement(
           sender, element, streamError(kErrorNotConnected, "The stream is not connected"));
@@ -467,6 +551,7 @@ void XMPPStream::Impl::sendNow(XMPPElement element) {
 // --- Negotiation ---------------------------------------------------------------------------------
 
 void XMPPStream::Impl::handleElement(const XMPPElement& element) {
+  Connection& current = *connection;
   const std::string name = element.name();
   const std::string xmlns = element.xmlns();
   if (xmlns == kXMPPStreamNamespace) {
@@ -483,9 +568,9 @@ void XMPPStream::Impl::handleElement(const XMPPElement& element) {
     return;
   }
   if (xmlns == kXMPPTLSNamespace) {
-    if (name == "proceed" && phase == Phase::StartingTLS) {
-      startTLSAfterChunk = true;
-      parser->stop();
+    if (name == "proceed" && current.phase == Phase::StartingTLS) {
+      current.startTLSAfterChunk = true;
+      current.parser->stop();
     } else {
       close(streamError(kErrorTLS, "The server refused to start TLS"));
     }
@@ -495,13 +580,13 @@ void XMPPStream::Impl::handleElement(const XMPPElement& element) {
     handleSASL(element);
     return;
   }
-  if (phase == Phase::Binding || phase == Phase::StartingSession) {
+  if (current.phase == Phase::Binding || current.phase == Phase::StartingSession) {
     if (name == "iq") {
       handleBindResult(XMPPIQ(element));
     }
     return;
   }
-  if (phase != Phase::Ready && phase != Phase::Authenticated) {
+  if (current.phase != Phase::Ready && current.phase != Phase::Authenticated) {
     return;  // no stanzas before the stream is negotiated
   }
   if (name == "iq") {
@@ -514,43 +599,34 @@ void XMPPStream::Impl::handleElement(const XMPPElement& element) {
 }
 
 void XMPPStream::Impl::handleFeatures(const XMPPElement& features) {
-  if (phase == Phase::OpeningAfterAuth) {
+  Connection& current = *connection;
+  if (current.phase == Phase::OpeningAfterAuth) {
     const auto bind = features.elementForName("bind", kXMPPBindNamespace);
     if (!bind) {
       close(streamError(kErrorProtocol, "The server offers no resource binding"));
       return;
     }
     const auto session = features.elementForName("session", kXMPPSessionNamespace);
-    sessionRequired = session && !session->elementForName("optional");
+    current.sessionRequired = session && !session->elementForName("optional");
     XMPPElement bindRequest("bind", kXMPPBindNamespace);
-    std::optional<XMPPJID> jid;
-    {
-      std::scoped_lock lock(mutex);
-      jid = myJID;
-    }
+    const auto jid = setting(&Impl::myJID);
     if (jid && jid->resource()) {
       bindRequest.addChildElement("resource").setStringValue(*jid->resource());
     }
-    bindID = generateUUID();
-    phase = Phase::Binding;
-    write(XMPPIQ("set", std::nullopt, bindID, bindRequest).XMLString());
+    current.bindID = generateUUID();
+    current.phase = Phase::Binding;
+    write(XMPPIQ("set", std::nullopt, current.bindID, bindRequest).XMLString());
     return;
   }
-  if (phase != Phase::Opening) {
+  if (current.phase != Phase::Opening) {
     return;
   }
-  XMPPStreamStartTLSPolicy tlsPolicy = XMPPStreamStartTLSPolicy::Preferred;
-  bool isSecure = false;
-  {
-    std::scoped_lock lock(mutex);
-    tlsPolicy = policy;
-    isSecure = secure;
-  }
-  if (!isSecure) {
+  const auto tlsPolicy = setting(&Impl::policy);
+  if (!setting(&Impl::secure)) {
     const auto startTLS = features.elementForName("starttls", kXMPPTLSNamespace);
     const bool required = startTLS && startTLS->elementForName("required");
     if (startTLS && tlsPolicy != XMPPStreamStartTLSPolicy::None) {
-      phase = Phase::StartingTLS;
+      current.phase = Phase::StartingTLS;
       write("<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>");
       return;
     }
@@ -567,7 +643,7 @@ void XMPPStream::Impl::handleFeatures(const XMPPElement& features) {
 }
 
 void XMPPStream::Impl::beginTLS() {
-  phase = Phase::Securing;
+  connection->phase = Phase::Securing;
   auto stream = self();
   auto current = connection;
   auto settings = std::make_shared<XMPPTLSSettings>();
@@ -605,7 +681,7 @@ void XMPPStream::Impl::handshake(const XMPPTLSSettings& settings) {
   SSL* ssl = current->tls->native_handle();
   std::string name;
   if (settings.peerNameCheck == XMPPTLSSettings::PeerNameCheck::Host) {
-    name = connectHost;
+    name = current->host;
   } else if (settings.peerNameCheck == XMPPTLSSettings::PeerNameCheck::Name) {
     name = settings.peerName;
   }
@@ -654,11 +730,9 @@ void XMPPStream::Impl::becomeReady(const XMPPElement& features) {
       offered.push_back(mechanism.stringValue());
     }
   }
-  phase = Phase::Ready;
-  if (connectTimer) {
-    connectTimer->invalidate();
-    connectTimer.reset();
-  }
+  connection->phase = Phase::Ready;
+  invalidate(connection->connectTimer);
+  invalidate(connection->negotiationTimer);  // the host decides when to authenticate
   {
     std::scoped_lock lock(mutex);
     mechanisms = std::move(offered);
@@ -672,7 +746,7 @@ void XMPPStream::Impl::becomeReady(const XMPPElement& features) {
 
 void XMPPStream::Impl::startAuthentication(
     const std::shared_ptr<XMPPSASLAuthentication>& newAuthentication) {
-  if (phase != Phase::Ready) {
+  if (!connection || connection->phase != Phase::Ready) {
     {
       std::scoped_lock lock(mutex);
       authenticating = false;
@@ -684,34 +758,35 @@ void XMPPStream::Impl::startAuthentication(
     });
     return;
   }
-  authentication = newAuthentication;
-  phase = Phase::Authenticating;
+  connection->authentication = newAuthentication;
+  connection->phase = Phase::Authenticating;
+  armNegotiationTimer();
   std::optional<XMPPJID> jid;
   {
     std::scoped_lock lock(mutex);
     jid = myJID;
     state = XMPPStreamState::Negotiating;
   }
-  write(authentication->authElement(jid).XMLString());
+  write(newAuthentication->authElement(jid).XMLString());
 }
 
 void XMPPStream::Impl::handleSASL(const XMPPElement& element) {
-  if (phase != Phase::Authenticating || !authentication) {
+  Connection& current = *connection;
+  if (current.phase != Phase::Authenticating || !current.authentication) {
     close(streamError(kErrorProtocol, "Unexpected SASL element <" + element.name() + ">"));
     return;
   }
   const std::string name = element.name();
   if (name == "challenge") {
-    const auto response = authentication->responseToChallenge(element);
+    const auto response = current.authentication->responseToChallenge(element);
     write(response ? response->XMLString()
                    : std::string("<abort xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>"));
   } else if (name == "success") {
-    // The server expects a new stream at once; the parser restarts after this chunk.
-    restartParserAfterChunk = true;
-    openStream();
+    openStream();  // the server expects a new stream at once
   } else if (name == "failure") {
-    authentication.reset();
-    phase = Phase::Ready;
+    current.authentication.reset();
+    current.phase = Phase::Ready;
+    invalidate(current.negotiationTimer);
     {
       std::scoped_lock lock(mutex);
       authenticating = false;
@@ -724,8 +799,9 @@ void XMPPStream::Impl::handleSASL(const XMPPElement& element) {
 }
 
 void XMPPStream::Impl::handleBindResult(const XMPPIQ& iq) {
+  Connection& current = *connection;
   const auto id = iq.elementID();
-  if (phase == Phase::StartingSession && id == sessionID) {
+  if (current.phase == Phase::StartingSession && id == current.sessionID) {
     if (iq.isResultIQ()) {
       finishAuthentication();
     } else {
@@ -733,7 +809,7 @@ void XMPPStream::Impl::handleBindResult(const XMPPIQ& iq) {
     }
     return;
   }
-  if (phase != Phase::Binding || id != bindID) {
+  if (current.phase != Phase::Binding || id != current.bindID) {
     return;
   }
   if (!iq.isResultIQ()) {
@@ -751,10 +827,11 @@ void XMPPStream::Impl::handleBindResult(const XMPPIQ& iq) {
     std::scoped_lock lock(mutex);
     myJID = jid;
   }
-  if (sessionRequired) {
-    sessionID = generateUUID();
-    phase = Phase::StartingSession;
-    write(XMPPIQ("set", std::nullopt, sessionID, XMPPElement("session", kXMPPSessionNamespace))
+  if (current.sessionRequired) {
+    current.sessionID = generateUUID();
+    current.phase = Phase::StartingSession;
+    write(XMPPIQ("set", std::nullopt, current.sessionID,
+                 XMPPElement("session", kXMPPSessionNamespace))
               .XMLString());
     return;
   }
@@ -762,18 +839,68 @@ void XMPPStream::Impl::handleBindResult(const XMPPIQ& iq) {
 }
 
 void XMPPStream::Impl::finishAuthentication() {
-  phase = Phase::Authenticated;
-  authentication.reset();
+  Connection& current = *connection;
+  current.phase = Phase::Authenticated;
+  current.authentication.reset();
+  invalidate(current.negotiationTimer);
   {
     std::scoped_lock lock(mutex);
     authenticating = false;
     authenticated = true;
     state = XMPPStreamState::Connected;
   }
+  current.lastReceived = Clock::shared()->now();
+  scheduleKeepAlive(clockDuration(setting(&Impl::keepAliveInterval)));
   forEachModule([](XMPPModule& module) { module.streamDidAuthenticate(); });
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamDidAuthenticate(sender);
   });
+}
+
+// --- Liveness
+// --------------------------------------------------------------------------------------
+
+void XMPPStream::Impl::scheduleKeepAlive(Clock::Duration delay) {
+  invalidate(connection->keepAliveTimer);
+  if (setting(&Impl::keepAliveInterval) <= Seconds::zero()) {
+    return;
+  }
+  connection->keepAliveTimer =
+      scheduleFor(connection, delay, [](Impl& impl) { impl.checkKeepAlive(); });
+}
+
+void XMPPStream::Impl::checkKeepAlive() {
+  // Reads only stamp the time; the timer looks at the stamp when it fires, so a busy connection
+  // costs no timer work per read.
+  const auto interval = clockDuration(setting(&Impl::keepAliveInterval));
+  const auto quiet = Clock::shared()->now() - connection->lastReceived;
+  if (quiet < interval) {
+    scheduleKeepAlive(interval - quiet);
+    return;
+  }
+  const Seconds timeout = setting(&Impl::keepAliveTimeout);
+  XMPPIQ ping("get", XMPPJID::jidWithString(connection->domain), generateUUID(),
+              XMPPElement("ping", kXMPPPingNamespace));
+  const auto id = *ping.elementID();
+  std::weak_ptr<Connection> pinged = connection;
+  std::weak_ptr<XMPPStream> weak = self();
+  // Any answer, a result or an error, shows the connection carries packets.
+  trackIQ(id, timeout, [weak, pinged, timeout](const std::optional<XMPPIQ>& answer) {
+    const auto stream = weak.lock();
+    const auto current = pinged.lock();
+    if (!stream || !current || stream->impl_->connection != current) {
+      return;
+    }
+    Impl& impl = *stream->impl_;
+    if (!answer) {
+      impl.close(streamError(kErrorKeepAliveTimeout,
+                             "The connection is dead: the server did not answer a ping within " +
+                                 secondsText(timeout)));
+      return;
+    }
+    impl.scheduleKeepAlive(clockDuration(impl.setting(&Impl::keepAliveInterval)));
+  });
+  write(ping.XMLString());
 }
 
 // --- Stanzas -------------------------------------------------------------------------------------
@@ -781,13 +908,12 @@ void XMPPStream::Impl::finishAuthentication() {
 void XMPPStream::Impl::dispatchIQ(const XMPPIQ& iq) {
   if (iq.isResultIQ() || iq.isErrorIQ()) {
     if (const auto id = iq.elementID()) {
+      auto& trackers = connection->trackers;
       const auto found = trackers.find(*id);
       if (found != trackers.end()) {
         auto tracker = std::move(found->second);
         trackers.erase(found);
-        if (tracker.timer) {
-          tracker.timer->invalidate();
-        }
+        invalidate(tracker.timer);
         tracker.response(iq);
         return;
       }
@@ -825,25 +951,19 @@ void XMPPStream::Impl::dispatchPresence(const XMPPPresence& presence) {
 
 void XMPPStream::Impl::trackIQ(const std::string& id, std::chrono::duration<double> timeout,
                                std::function<void(const std::optional<XMPPIQ>&)> response) {
-  Tracker tracker{std::move(response), nullptr};
+  Connection::Tracker tracker{std::move(response), nullptr};
   if (timeout >= std::chrono::duration<double>::zero()) {
-    std::weak_ptr<XMPPStream> weak = self();
-    tracker.timer = XMPPTimer::scheduledTimer(
-        queue, std::chrono::duration_cast<Clock::Duration>(timeout), false, [weak, id] {
-          const auto stream = weak.lock();
-          if (!stream) {
-            return;
-          }
-          auto& pending = stream->impl_->trackers;
-          const auto found = pending.find(id);
-          if (found != pending.end()) {
-            auto expired = std::move(found->second);
-            pending.erase(found);
-            expired.response(std::nullopt);
-          }
-        });
+    tracker.timer = scheduleFor(connection, clockDuration(timeout), [id](Impl& impl) {
+      auto& pending = impl.connection->trackers;
+      const auto found = pending.find(id);
+      if (found != pending.end()) {
+        auto expired = std::move(found->second);
+        pending.erase(found);
+        expired.response(std::nullopt);
+      }
+    });
   }
-  trackers[id] = std::move(tracker);
+  connection->trackers[id] = std::move(tracker);
 }
 
 // --- XMPPStream ----------------------------------------------------------------------------------
@@ -859,17 +979,7 @@ std::shared_ptr<XMPPStream> XMPPStream::create() {
   static std::once_flag once;
   std::call_once(once, [] { OPENSSL_init_ssl(0, nullptr); });
   XMPPParser::initialize();
-  // A task on the stream's own thread may hold the last reference. Destroying the stream there
-  // would leave that thread tearing down libxml2 and OpenSSL state while nothing waits for it,
-  // even while the process exits and those libraries clean up: such a stream is destroyed on
-  // the main queue instead, which joins the stream's thread.
-  return std::shared_ptr<XMPPStream>(new XMPPStream, [](XMPPStream* stream) {
-    if (stream->impl_->queue->isCurrent()) {
-      DispatchQueue::main()->async([stream] { delete stream; });
-    } else {
-      delete stream;
-    }
-  });
+  return std::shared_ptr<XMPPStream>(new XMPPStream);
 }
 
 std::string XMPPStream::hostName() const {
@@ -920,6 +1030,36 @@ bool XMPPStream::enableBackgroundingOnSocket() const {
 void XMPPStream::setEnableBackgroundingOnSocket(bool enable) {
   std::scoped_lock lock(impl_->mutex);
   impl_->backgrounding = enable;
+}
+
+XMPPStream::Seconds XMPPStream::negotiationTimeout() const {
+  std::scoped_lock lock(impl_->mutex);
+  return impl_->negotiationTimeout;
+}
+
+void XMPPStream::setNegotiationTimeout(Seconds timeout) {
+  std::scoped_lock lock(impl_->mutex);
+  impl_->negotiationTimeout = timeout;
+}
+
+XMPPStream::Seconds XMPPStream::keepAliveInterval() const {
+  std::scoped_lock lock(impl_->mutex);
+  return impl_->keepAliveInterval;
+}
+
+void XMPPStream::setKeepAliveInterval(Seconds interval) {
+  std::scoped_lock lock(impl_->mutex);
+  impl_->keepAliveInterval = interval;
+}
+
+XMPPStream::Seconds XMPPStream::keepAliveTimeout() const {
+  std::scoped_lock lock(impl_->mutex);
+  return impl_->keepAliveTimeout;
+}
+
+void XMPPStream::setKeepAliveTimeout(Seconds timeout) {
+  std::scoped_lock lock(impl_->mutex);
+  impl_->keepAliveTimeout = timeout;
 }
 
 XMPPStreamState XMPPStream::state() const {
@@ -1036,7 +1176,8 @@ void XMPPStream::sendIQ(const XMPPIQ& iq, std::chrono::duration<double> timeout,
   auto self = shared_from_this();
   impl_->queue->async([self, copy, id = *id, timeout, response = std::move(response)]() mutable {
     Impl& impl = *self->impl_;
-    if (!impl.connection || (impl.phase != Phase::Ready && impl.phase != Phase::Authenticated)) {
+    if (!impl.connection || (impl.connection->phase != Phase::Ready &&
+                             impl.connection->phase != Phase::Authenticated)) {
       response(std::nullopt);
       return;
     }

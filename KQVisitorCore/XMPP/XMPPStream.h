@@ -54,9 +54,12 @@ inline constexpr std::chrono::duration<double> XMPPStreamTimeoutNone{-1.0};
 /// queue each was added with, in the order they were added; modules (XMPPModule) hear of each
 /// event first, on the stream's queue.
 ///
+/// Each connection starts from a clean state: nothing of an earlier connection (its parser, its
+/// write queue, its IQs waiting for an answer) reaches a later one.
+///
 /// The stream stays alive while a connection is open (its I/O holds it); disconnect() and the
 /// did-disconnect event let it go. When its last reference goes away on the stream's own
-/// thread, the stream is destroyed on the main queue (which the host runs).
+/// thread, the stream is destroyed there and its thread is joined when the process exits.
 class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
  public:
   /// Error domain and codes of the stream's own errors (did-disconnect, failed calls).
@@ -72,7 +75,14 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
     kErrorStreamError = 8,
     kErrorProtocol = 9,
     kErrorNotConnected = 10,
+    kErrorNegotiationTimeout = 11,
+    kErrorKeepAliveTimeout = 12,
   };
+
+  using Seconds = std::chrono::duration<double>;
+  static constexpr Seconds kDefaultNegotiationTimeout{30.0};
+  static constexpr Seconds kDefaultKeepAliveInterval{60.0};
+  static constexpr Seconds kDefaultKeepAliveTimeout{20.0};
 
   static std::shared_ptr<XMPPStream> create();
 
@@ -99,6 +109,24 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   [[nodiscard]] bool enableBackgroundingOnSocket() const;
   void setEnableBackgroundingOnSocket(bool enable);
 
+  /// How long the stream waits for the server while it negotiates: from the start of the TCP
+  /// connect to did-connect, and again from authenticate() to did-authenticate (the time in
+  /// between is the caller's). A server that accepts the connection and then says nothing, or
+  /// never finishes the login, ends the connection with did-disconnect and an error
+  /// (kErrorConnectTimeout before did-connect, with xmppStreamConnectDidTimeout, and
+  /// kErrorNegotiationTimeout during the login). Zero or less: no bound. 30 s until set.
+  [[nodiscard]] Seconds negotiationTimeout() const;
+  void setNegotiationTimeout(Seconds timeout);
+  /// Liveness of an authenticated stream: after keepAliveInterval() without anything received,
+  /// the stream sends an XMPP ping (urn:xmpp:ping) to the server; when no answer (result or
+  /// error) arrives within keepAliveTimeout(), the connection is taken for dead and ends with
+  /// did-disconnect and kErrorKeepAliveTimeout. Interval zero or less: no checks. 60 s and 20 s
+  /// until set.
+  [[nodiscard]] Seconds keepAliveInterval() const;
+  void setKeepAliveInterval(Seconds interval);
+  [[nodiscard]] Seconds keepAliveTimeout() const;
+  void setKeepAliveTimeout(Seconds timeout);
+
   // --- State --------------------------------------------------------------------------------
 
   [[nodiscard]] XMPPStreamState state() const;
@@ -120,7 +148,8 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// Starts connecting to hostName():hostPort() as myJID(). Answers false with `error` (when
   /// given) if the stream is not disconnected or myJID() is not set; otherwise true, and the
   /// outcome arrives as did-connect or did-disconnect. `timeout` bounds the time until
-  /// did-connect (XMPPStreamTimeoutNone: no bound).
+  /// did-connect (XMPPStreamTimeoutNone: no bound of the caller's; negotiationTimeout() still
+  /// applies).
   bool connectWithTimeout(std::chrono::duration<double> timeout, KQError* error = nullptr);
 
   /// Closes the stream after the elements already handed to sendElement have been written;

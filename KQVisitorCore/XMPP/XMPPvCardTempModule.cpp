@@ -1,5 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
 
+#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
@@ -14,17 +16,19 @@ XMPPvCardTempModuleDelegate::~XMPPvCardTempModuleDelegate() = default;
 
 XMPPvCardTempModule::XMPPvCardTempModule(std::shared_ptr<XMPPvCardMemoryStorage> storage,
                                          std::shared_ptr<DispatchQueue> dispatchQueue)
-    : XMPPModule(std::move(dispatchQueue)), storage_(std::move(storage)) {}
+    : XMPPModule(std::move(dispatchQueue)),
+      storage_(std::move(storage)),
+      delegates_(std::make_unique<XMPPDelegateList<XMPPvCardTempModuleDelegate>>()) {}
 
 XMPPvCardTempModule::~XMPPvCardTempModule() = default;
 
 void XMPPvCardTempModule::addDelegate(const std::shared_ptr<XMPPvCardTempModuleDelegate>& delegate,
                                       std::shared_ptr<DispatchQueue> queue) {
-  delegates_.add(delegate, std::move(queue));
+  delegates_->add(delegate, std::move(queue));
 }
 
 void XMPPvCardTempModule::removeDelegate(const XMPPvCardTempModuleDelegate* delegate) {
-  delegates_.remove(delegate);
+  delegates_->remove(delegate);
 }
 
 void XMPPvCardTempModule::fetchvCardTempForJID(const XMPPJID& jid, bool ignoreStorage) {
@@ -45,7 +49,7 @@ void XMPPvCardTempModule::fetchvCardTempForJID(const XMPPJID& jid, bool ignoreSt
         const auto vCard = response->elementForName("vCard", kXMPPvCardTempNamespace);
         const XMPPElement stored = vCard ? *vCard : XMPPElement("vCard", kXMPPvCardTempNamespace);
         self->storage_->setvCardTemp(stored, bare);
-        self->delegates_.invoke([self, stored, bare](XMPPvCardTempModuleDelegate& delegate) {
+        self->delegates_->invoke([self, stored, bare](XMPPvCardTempModuleDelegate& delegate) {
           delegate.xmppvCardTempModuleDidReceivevCardTemp(*self, stored, bare);
         });
       });

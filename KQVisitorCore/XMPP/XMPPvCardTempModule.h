@@ -1,12 +1,14 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/Export.h>
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
 #include <memory>
 
 namespace kq::xmpp {
+
+template <class Delegate>
+class XMPPDelegateList;
 
 class XMPPvCardMemoryStorage;
 class XMPPvCardTempModule;
@@ -52,7 +54,7 @@ class KQ_EXPORT XMPPvCardTempModule : public XMPPModule {
 
  private:
   const std::shared_ptr<XMPPvCardMemoryStorage> storage_;
-  XMPPDelegateList<XMPPvCardTempModuleDelegate> delegates_;
+  std::unique_ptr<XMPPDelegateList<XMPPvCardTempModuleDelegate>> delegates_;
 };
 
 }  // namespace kq::xmpp

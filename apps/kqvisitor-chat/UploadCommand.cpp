@@ -70,8 +70,13 @@ int runUpload(const std::vector<std::string>& arguments) {
   if (!file || std::filesystem::is_directory(*path)) {
     return usageError(kUsage, "cannot read \"" + *path + "\"");
   }
-  const std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(file)),
-                                        std::istreambuf_iterator<char>());
+  // One byte past the largest upload is enough for the library to refuse a file as too large,
+  // so reading stops there: /dev/zero or a FIFO that never ends cannot fill the memory.
+  constexpr auto kReadLimit =
+      static_cast<std::size_t>(kq::KQVisitorWebService::kMaximumUploadMegabytes * 1048576.0) + 1;
+  std::vector<std::uint8_t> bytes(kReadLimit);
+  file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(kReadLimit));
+  bytes.resize(static_cast<std::size_t>(file.gcount()));
   const nlohmann::ordered_json parameters = {
       {"fileData", nlohmann::ordered_json::binary(bytes)},
       {"fileName", name.value_or(std::filesystem::path(*path).filename().string())}};

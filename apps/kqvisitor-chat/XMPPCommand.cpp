@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <csignal>
+#include <deque>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -116,7 +117,12 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     client.xmppReconnect()->addDelegate(shared_from_this(), kq::DispatchQueue::main());
     auto& center = kq::NotificationCenter::defaultCenter();
     center.addObserver("LoginSuccess", [this](const kq::Notification& notification) {
-      print({{"event", "login"}, {"success", std::any_cast<bool>(notification.object)}});
+      const bool success = std::any_cast<bool>(notification.object);
+      loggedIn_ = loggedIn_ || success;
+      print({{"event", "login"}, {"success", success}});
+      if (!loggedIn_) {
+        neverLoggedIn("the server refused the login");
+      }
     });
     center.addObserver("ConnectNotification",
                        [this](const kq::Notification& /*notification*/) { connected(); });
@@ -125,7 +131,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     user->setUsername(options_.nick);
     if (!client.connectUser(user)) {
       print({{"event", "disconnect"}, {"error", "cannot connect"}});
-      kq::DispatchQueue::main()->stop();
+      neverLoggedIn("the connection could not be started (see the log line above)");
     }
   }
 
@@ -140,11 +146,25 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
     kq::sendKQVisitorMessage(room_, line, options_.userId, options_.websiteId, "0", options_.nick,
                              options_.chatId);
-    ++unconfirmed_;
+    unconfirmed_.push_back(line);
   }
 
-  // kExitFailure when lines typed did not reach the room.
-  [[nodiscard]] int exitStatus() const { return undelivered_ > 0 ? kExitFailure : kExitOk; }
+  // kExitFailure when lines typed did not reach the room, or the visitor never logged in.
+  [[nodiscard]] int exitStatus() const {
+    return undelivered_ > 0 || !loggedIn_ ? kExitFailure : kExitOk;
+  }
+
+  // The first connection failed: nothing is retried, so there is nothing to wait for.
+  void neverLoggedIn(const std::string& why) {
+    if (!toldNeverLoggedIn_) {
+      toldNeverLoggedIn_ = true;
+      std::cerr << "kqvisitor-chat xmpp: never logged in: " << why
+                << ". Check xmppHost, xmppPort and caFile of KQVISITOR_CONFIG and that the XMPP "
+                   "server is running."
+                << std::endl;
+    }
+    finish();
+  }
 
   // Standard input has ended: leave once every line typed has reached the room (the room
   // reflects each to its sender), so that `echo Hi | kqvisitor-chat xmpp ...` delivers "Hi".
@@ -155,7 +175,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   }
 
   void finishIfDelivered() {
-    if (inputEnded_ && (!options_.chatId || (pending_.empty() && unconfirmed_ == 0))) {
+    if (inputEnded_ && (!options_.chatId || (pending_.empty() && unconfirmed_.empty()))) {
       finish();
     }
   }
@@ -167,10 +187,11 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
     finishing_ = true;
     auto& client = kq::KQVisitorXMPPClient::instance();
+    reportUnconfirmed();
     for (const auto& line : pending_) {
       print({{"event", "unsent"}, {"body", line}});
     }
-    undelivered_ = static_cast<int>(pending_.size()) + unconfirmed_;
+    undelivered_ += static_cast<int>(pending_.size());
     if (room_) {
       room_->leaveRoom();
     }
@@ -187,11 +208,25 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     nlohmann::ordered_json event = {{"event", "disconnect"}};
     event["error"] = error ? nlohmann::ordered_json(error->description()) : nullptr;
     print(event);
+    // Lines the room had not reflected went down with the connection: a rejoined room does not
+    // send them again.
+    reportUnconfirmed();
+    if (!loggedIn_) {
+      neverLoggedIn(error ? error->description() : "the connection was closed");
+    }
     if (finishing_) {
       kq::DispatchQueue::main()->stop();
     } else if (inputEnded_) {
       finish();  // Nothing more can be delivered; finish() reports what was not.
     }
+  }
+
+  void reportUnconfirmed() {
+    for (const auto& line : unconfirmed_) {
+      print({{"event", "unsent"}, {"body", line}});
+    }
+    undelivered_ += static_cast<int>(unconfirmed_.size());
+    unconfirmed_.clear();
   }
 
   void xmppStreamDidReceiveMessage(kq::xmpp::XMPPStream& /*sender*/,
@@ -249,8 +284,9 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   }
   void xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& /*sender*/, const XMPPMessage& message,
                                  const kq::xmpp::XMPPJID& occupant) override {
-    if (occupant.resource() == options_.nick && unconfirmed_ > 0 && !kq::isErrorMessage(message)) {
-      --unconfirmed_;  // one of ours, back from the room
+    if (occupant.resource() == options_.nick && !unconfirmed_.empty() &&
+        !kq::isErrorMessage(message)) {
+      unconfirmed_.pop_front();  // one of ours, back from the room
     }
     const auto stamp = kq::getTimeStamp(message);
     printMessage(message, occupant, stamp);
@@ -326,7 +362,9 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   std::vector<std::string> pending_;
   bool finishing_ = false;
   bool inputEnded_ = false;
-  int unconfirmed_ = 0;  // lines sent that the room has not reflected yet
+  std::deque<std::string> unconfirmed_;  // lines sent that the room has not reflected yet
+  bool loggedIn_ = false;
+  bool toldNeverLoggedIn_ = false;
   int undelivered_ = 0;  // lines left unsent or unconfirmed when finishing
   bool created_ = false;
   bool invited_ = false;
@@ -347,7 +385,8 @@ int runXMPP(const std::vector<std::string>& arguments) {
               << "input as a chat packet and prints every message, invitation and room event.\n"
               << "Runs until standard input closes and every line has reached the room (or\n"
               << "Ctrl-C), then leaves and signs out. Exits with 1 when lines could not be\n"
-              << "delivered (each is printed as unsent), 2 for bad arguments.\n"
+              << "delivered (each is printed as unsent) or the visitor never logged in, 2 for\n"
+              << "bad arguments.\n"
               << "--json prints one JSON object a line.\n";
     return kExitOk;
   }

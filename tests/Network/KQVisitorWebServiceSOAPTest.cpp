@@ -113,7 +113,7 @@ TEST_F(KQVisitorWebServiceSOAPTest, TheOfflineMessageReportsSixOnlyForA2xxAnswer
   EXPECT_NE(request.body.find(R"(<SendOfflineEmail xmlns="http://kq.test/"><Email>a@b</Email>)"),
             std::string::npos);
 
-  pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
+  test::pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
   EXPECT_EQ(call(&KQVisitorWebService::sendofflineContactToServer), Json({true, 7}))
       << "no answer reads as status 0";
 }
@@ -124,7 +124,7 @@ TEST_F(KQVisitorWebServiceSOAPTest, TheLanguageListReportsSixWhateverHappened) {
   EXPECT_EQ(call(&KQVisitorWebService::getLanguagesList), Json({true, 6}));
   EXPECT_EQ(call(&KQVisitorWebService::getLanguagesList), Json({true, 6}));
   EXPECT_EQ(server.requests().at(0).header("SOAPAction"), "http://kq.test/GetAllLanguages");
-  pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
+  test::pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
   EXPECT_EQ(call(&KQVisitorWebService::getLanguagesList), Json({true, 6}));
 }
 

@@ -110,7 +110,7 @@ TEST_F(KQVisitorWebServiceTest, PostSendsThePrettyPrintedParametersAsTheBody) {
 
 TEST_F(KQVisitorWebServiceTest, ALowerCaseGetIsNotAGetAndIsSentAsWritten) {
   RawHTTPServer raw(test::rawResponse(200, "Done"));
-  pointServicesAt(raw.origin());
+  test::pointServicesAt(raw.origin());
   service->requestDataWithParameters({{"a", "x y"}}, "get", "Op", recorder.success(),
                                      recorder.failure());
   const auto events = recorder.waitFor(1);
@@ -160,7 +160,7 @@ TEST_F(KQVisitorWebServiceTest, TransportFailuresGoToFailureWithTheSessionsError
   EXPECT_EQ(events[0].value["code"], HTTPSession::kErrorTimedOut);
   EXPECT_TRUE(events[0].onSession);
 
-  pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
+  test::pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
   service->requestDataWithParameters(Json::object(), "GET", "Refused", recorder.success(),
                                      recorder.failure());
   events = recorder.waitFor(2);

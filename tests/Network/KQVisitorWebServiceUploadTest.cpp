@@ -34,7 +34,7 @@ class KQVisitorWebServiceUploadTest : public WebServiceFixture {
  protected:
   void SetUp() override {
     WebServiceFixture::SetUp();
-    pointServicesAt(uploads.origin());
+    test::pointServicesAt(uploads.origin());
   }
 
   test::RawHTTPServer uploads{test::rawResponse(200, R"("https://files.test/a.png")")};
@@ -137,7 +137,7 @@ TEST_F(KQVisitorWebServiceUploadTest,
   EXPECT_TRUE(log.contains("FileUrl: \"http://files.test/x.pdf\""));
   EXPECT_TRUE(log.contains("FileUrlError: \"File type not allowed. Use | PDF.\""));
 
-  pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
+  test::pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
   const Json transport = upload(fileParameters("x", "x.pdf"));
   EXPECT_EQ(transport[0], "failure");
   EXPECT_FALSE(transport[1].get<std::string>().empty()) << "a transport failure says what failed";

@@ -95,16 +95,25 @@ TEST(DispatchQueueTest, RunReturnsAfterStopFromATask) {
 }
 
 TEST(DispatchQueueTest, StopFromAnotherThreadEndsRun) {
-  std::thread stopper([] {
+  std::atomic<bool> stopCalled{false};
+  bool ranBeforeStop = false;
+  std::thread stopper([&] {
     // Stop only once run() has started, which this task proves.
     std::promise<void> running;
-    DispatchQueue::main()->async([&running] { running.set_value(); });
+    DispatchQueue::main()->async([&] {
+      ranBeforeStop = true;
+      running.set_value();
+    });
     running.get_future().wait();
+    stopCalled = true;
     DispatchQueue::main()->stop();
   });
   DispatchQueue::main()->run();
+  // run() returned only because of the stop, and with nothing left to run it would have waited.
+  EXPECT_TRUE(stopCalled.load());
+  EXPECT_TRUE(ranBeforeStop);
   stopper.join();
-  SUCCEED();  // Reaching this line is the test: run() returned.
+  EXPECT_EQ(DispatchQueue::main()->pump(), 0U);
 }
 
 TEST(DispatchQueueTest, DelayedTasksRunInDeadlineOrderUnderAManualClock) {

@@ -1,12 +1,18 @@
 #include <KQVisitorCore/Platform/HTTPSession.h>
 
 #include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
 #include "tests/support/RecordingHTTPServer.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestCertificates.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <set>
@@ -147,12 +153,40 @@ TEST_F(HTTPSessionTest, TransportFailuresCarryCurlsCodeAndADescription) {
   EXPECT_TRUE(server.requests().empty());
 }
 
-TEST_F(HTTPSessionTest, ARequestWithNoAnswerFailsAfterItsTimeout) {
-  server.holdResponses();
-  const Outcome outcome = run(session, HTTPRequest(server.origin() + "/slow", 200ms));
-  server.release();
-  ASSERT_TRUE(outcome.error);
-  EXPECT_EQ(outcome.error->code, HTTPSession::kErrorTimedOut);
+// Runs a task from the completion of another and waits for the second: every turn of the
+// session's loop that began before the first completion has then ended.
+void drain(const std::shared_ptr<HTTPSession>& session, const std::string& url) {
+  std::promise<void> done;
+  session->dataTaskWithRequest(HTTPRequest(url), [&](auto, auto, auto) {
+    session->dataTaskWithRequest(HTTPRequest(url), [&](auto, auto, auto) { done.set_value(); });
+  });
+  ASSERT_EQ(done.get_future().wait_for(test::kPatience), std::future_status::ready);
+}
+
+TEST(HTTPSessionTimeoutTest, ARequestWithNoAnswerFailsOnceItHasBeenIdleForItsTimeout) {
+  test::ManualClockScope clock;
+  RecordingHTTPServer silent;
+  RecordingHTTPServer answering;
+  const auto session = HTTPSession::create({});
+  silent.holdResponses();
+  std::promise<std::optional<KQError>> failed;
+  session->dataTaskWithRequest(
+      HTTPRequest(silent.origin() + "/slow", 60s),
+      [&](auto, auto, std::optional<KQError> error) { failed.set_value(std::move(error)); });
+  ASSERT_TRUE(silent.waitForRequests(1));
+  auto outcome = failed.get_future();
+
+  clock->advance(59s);
+  drain(session, answering.origin() + "/probe");
+  EXPECT_EQ(outcome.wait_for(0s), std::future_status::timeout) << "timed out early";
+
+  clock->advance(1s);
+  ASSERT_EQ(outcome.wait_for(test::kPatience), std::future_status::ready);
+  const auto error = outcome.get();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->code, HTTPSession::kErrorTimedOut);
+  EXPECT_NE(error->description().find("60000 ms"), std::string::npos) << error->description();
+  silent.release();
 }
 
 TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled) {
@@ -162,10 +196,19 @@ TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled
       HTTPRequest(server.origin() + "/a"), [&](auto, auto, const std::optional<KQError>& error) {
         cancelled.set_value({std::nullopt, std::nullopt, error, session->isCurrent()});
       });
+  // The second task's completion starts a third while the session closes: that one still
+  // completes, once.
   std::optional<KQError> closed;
+  std::vector<std::optional<KQError>> late;
+  HTTPSession* closing = session.get();
   session->dataTaskWithRequest(
-      HTTPRequest(server.origin() + "/b"),
-      [&](auto, auto, const std::optional<KQError>& error) { closed = error; });
+      HTTPRequest(server.origin() + "/b"), [&](auto, auto, const std::optional<KQError>& error) {
+        closed = error;
+        closing->dataTaskWithRequest(HTTPRequest(server.origin() + "/c"),
+                                     [&](auto, auto, const std::optional<KQError>& lateError) {
+                                       late.push_back(lateError);
+                                     });
+      });
   ASSERT_TRUE(server.waitForRequests(2));
 
   session->cancelTask(identifier);
@@ -178,6 +221,9 @@ TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled
   session.reset();  // the second task is still waiting for its answer
   ASSERT_TRUE(closed) << "closing the session must still complete its tasks";
   EXPECT_EQ(closed->code, HTTPSession::kErrorCancelled);
+  ASSERT_EQ(late.size(), 1U) << "a task started while the session closes completes once";
+  ASSERT_TRUE(late[0]);
+  EXPECT_EQ(late[0]->code, HTTPSession::kErrorCancelled);
   server.release();
 }
 
@@ -190,8 +236,10 @@ TEST_F(HTTPSessionTest, KeepsConnectionsAliveAndRunsTasksConcurrently) {
   EXPECT_EQ(requests[1].remotePort, requests[0].remotePort) << "the connection was not reused";
   EXPECT_EQ(requests[2].remotePort, requests[0].remotePort);
 
-  // Many tasks at once, started from several threads.
-  constexpr int kTasks = 24;
+  // Tasks started from several threads all reach the server while every answer is held
+  // back: a session that ran one task at a time would stop at the first.
+  constexpr int kTasks = 8;
+  server.holdResponses();
   std::mutex mutex;
   int completed = 0;
   std::promise<void> allDone;
@@ -203,8 +251,12 @@ TEST_F(HTTPSessionTest, KeepsConnectionsAliveAndRunsTasksConcurrently) {
         session->dataTaskWithRequest(
             HTTPRequest(server.origin() + "/c/" + std::to_string(t) + "/" + std::to_string(i)),
             [&](auto, std::optional<HTTPResponse> response, auto) {
-              std::scoped_lock lock(mutex);
-              if (response && response->statusCode == 200 && ++completed == kTasks) {
+              bool last = false;
+              {
+                std::scoped_lock lock(mutex);
+                last = response && response->statusCode == 200 && ++completed == kTasks;
+              }
+              if (last) {
                 allDone.set_value();
               }
             });
@@ -214,13 +266,46 @@ TEST_F(HTTPSessionTest, KeepsConnectionsAliveAndRunsTasksConcurrently) {
   for (auto& starter : starters) {
     starter.join();
   }
+  ASSERT_TRUE(server.waitForRequests(3 + kTasks)) << "the tasks did not run at the same time";
+  server.release();
   ASSERT_EQ(allDone.get_future().wait_for(test::kPatience), std::future_status::ready);
+  session.reset();  // the last completion may still be returning: it uses this test's locals
   requests = server.requests();
   std::set<std::string> targets;
   for (const auto& request : requests) {
     targets.insert(request.target);
   }
   EXPECT_EQ(targets.size(), kTasks + 1U);
+}
+
+TEST(HTTPSessionSetUpTest, ASessionThatCannotWakeItsLoopFailsEveryTaskInsteadOfHanging) {
+  // In a fresh process: the session is made while no file descriptor is left, so libcurl has
+  // no wake-up channel; the descriptors are then given back and two tasks are started.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        RecordingHTTPServer server;
+        run(HTTPSession::create({}), HTTPRequest(server.origin() + "/warm-up"));
+        std::vector<int> hogs;
+        for (int fd = ::open("/dev/null", O_RDONLY); fd >= 0; fd = ::open("/dev/null", O_RDONLY)) {
+          hogs.push_back(fd);
+        }
+        const auto session = HTTPSession::create({});
+        for (const int fd : hogs) {
+          ::close(fd);
+        }
+        std::string problem;
+        for (int i = 0; i < 2; ++i) {
+          const Outcome outcome = run(session, HTTPRequest(server.origin() + "/x"));
+          if (!outcome.error || outcome.error->code != HTTPSession::kErrorClientUnusable ||
+              outcome.error->description().find("file descriptors") == std::string::npos) {
+            problem = "task " + std::to_string(i) + " did not fail as unusable";
+          }
+        }
+        std::fprintf(stderr, "%s\n", problem.c_str());
+        std::exit(problem.empty() ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(HTTPSessionTest, KeepsCookiesLikeTheSharedSession) {
@@ -302,6 +387,26 @@ TEST_F(HTTPSessionTLSTest, AnUnreadableAuthorityFileFailsEveryTLSConnectionByNam
   EXPECT_EQ(outcome.error->code, HTTPSession::kErrorTrustStoreUnusable);
   EXPECT_NE(outcome.error->userInfo["NSLocalizedDescription"].get<std::string>().find(missing),
             std::string::npos);
+}
+
+TEST_F(HTTPSessionTLSTest, AnHTTPSRequestNeverFollowsARedirectToPlainHTTP) {
+  RecordingHTTPServer plain;
+  plain.setDefaultResponse({200, "in the clear", "text/plain", {}});
+  RecordingHTTPServer secure(RecordingHTTPServer::TLS{matching.certFile, matching.keyFile});
+  secure.enqueueResponse({302, "", "text/plain", {{"Location", plain.origin() + "/leak"}}});
+  secure.enqueueResponse({302, "", "text/plain", {{"Location", secure.origin() + "/moved"}}});
+  secure.setDefaultResponse({200, "still secret", "text/plain", {}});
+  const auto session = HTTPSession::create({matching.caFile, true, "kq.test"});
+
+  const Outcome downgraded = run(session, HTTPRequest(secure.origin() + "/"));
+  ASSERT_TRUE(downgraded.error);
+  EXPECT_FALSE(downgraded.data);
+  EXPECT_TRUE(plain.requests().empty()) << "nothing was sent in the clear";
+
+  // A redirect that stays on HTTPS is followed as before.
+  const Outcome followed = run(session, HTTPRequest(secure.origin() + "/"));
+  EXPECT_FALSE(followed.error) << followed.error->description();
+  EXPECT_EQ(followed.data, "still secret");
 }
 
 }  // namespace

@@ -14,6 +14,8 @@
 #include <net/if.h>
 
 #include <algorithm>
+#include <future>
+#include <sstream>
 
 namespace kq {
 namespace {
@@ -208,7 +210,35 @@ TEST_F(ReachabilityTest, WithNothingReachableBothReportsAreFailures) {
   ASSERT_EQ(kinds(events), (std::vector<std::string>{"failure", "failure"}));
   std::vector<std::string> domains = {events[0].value["domain"], events[1].value["domain"]};
   std::sort(domains.begin(), domains.end());
-  EXPECT_EQ(domains, (std::vector<std::string>{"CURLE", "Request failed due to internet problem"}));
+  EXPECT_EQ(domains, (std::vector<std::string>{"NSURLErrorDomain",
+                                               "Request failed due to internet problem"}));
+}
+
+TEST_F(ReachabilityTest, ARequestWithNoUsableNetworkFailsAsNotConnectedToTheInternet) {
+  auto session = HTTPSession::create({});
+  const auto fail = [&](const std::string& url) {
+    std::promise<std::optional<KQError>> done;
+    session->dataTaskWithRequest(HTTPRequest(url), [&](auto, auto, std::optional<KQError> error) {
+      done.set_value(std::move(error));
+    });
+    auto future = done.get_future();
+    EXPECT_EQ(future.wait_for(test::kPatience), std::future_status::ready) << url;
+    return future.get();
+  };
+  // No route to the address; a name that cannot be resolved while nothing is reachable.
+  for (const std::string url : {"http://192.0.2.10/x", "http://kq-test.invalid/x"}) {
+    const auto error = fail(url);
+    ASSERT_TRUE(error) << url;
+    EXPECT_EQ(error->domain, HTTPSession::kURLErrorDomain) << url;
+    EXPECT_EQ(error->code, HTTPSession::kErrorNotConnectedToInternet) << url;
+    EXPECT_EQ(error->userInfo["NSErrorFailingURLStringKey"], url);
+  }
+  // With loopback up, a refused connection is the server's answer, not a missing network.
+  bringLoopbackUp();
+  const auto refused = fail("http://127.0.0.1:" + std::to_string(test::unusedPort()) + "/x");
+  ASSERT_TRUE(refused);
+  EXPECT_EQ(refused->domain, HTTPSession::kErrorDomain);
+  EXPECT_EQ(refused->code, HTTPSession::kErrorCouldNotConnect);
 }
 
 #ifdef KQ_CHAT_TOOL
@@ -233,6 +263,30 @@ TEST_F(ReachabilityTest, TheCallCommandPrintsBothReportsAndEndsAfterTheAnswer) {
       (std::vector<std::string>{
           R"({"callback":"failure","error":{"domain":"Request failed due to internet problem","code":400,"userInfo":{"status":3}}})",
           R"({"callback":"success","result":{"d":{"status":1}}})"}));
+}
+
+TEST_F(ReachabilityTest, TheChatCommandWithoutANetworkSaysSoAndExitsAtOnce) {
+  test::TemporaryDirectory folder;
+  test::writeFile(folder.file("config.json"),
+                  Json({{"jsonServiceProductionOrigin", "http://192.0.2.10"},
+                        {"userDefaultsPath", folder.file("defaults.json")}})
+                      .dump());
+  const auto result = test::runChild({KQ_CHAT_TOOL, "chat", "--domain", "shop.example", "--json"},
+                                     {"KQVISITOR_CONFIG=" + folder.file("config.json")}, "Hi\n");
+  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+  std::vector<Json> errors;
+  std::istringstream lines(result.out);
+  for (std::string line; std::getline(lines, line);) {
+    if (const auto event = Json::parse(line); event["event"] == "error") {
+      errors.push_back(event);
+    }
+  }
+  ASSERT_FALSE(errors.empty()) << result.out;
+  EXPECT_EQ(
+      errors.back(),
+      (Json{{"event", "error"}, {"domain", "NSURLErrorDomain"}, {"code", -1009}, {"status", 8}}))
+      << result.out;
+  EXPECT_NE(result.err.find("no connection to the Internet"), std::string::npos) << result.err;
 }
 #endif
 

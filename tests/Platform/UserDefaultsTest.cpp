@@ -107,10 +107,17 @@ TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("defaults.json");
   std::filesystem::create_directory(path);  // reading a folder fails
+  test::writeFile(folder.file("defaults.json/keep.txt"), "the user's own file");
   test::LogCapture log;
   UserDefaults defaults(path);
-  EXPECT_TRUE(log.contains(path));
+  EXPECT_TRUE(log.contains(path + " is not a regular file"));
   EXPECT_FALSE(defaults.objectForKey("anything"));
+  // Only a damaged settings file is moved aside: a folder is left as it is, with its contents.
+  defaults.setObject("x", "d_time");
+  EXPECT_FALSE(defaults.synchronize());
+  EXPECT_TRUE(std::filesystem::is_directory(path));
+  EXPECT_EQ(test::readFile(folder.file("defaults.json/keep.txt")), "the user's own file");
+  EXPECT_EQ(filesIn(folder.path()), std::vector<std::string>{"defaults.json"});
 }
 
 TEST(UserDefaultsTest, AFailedWriteIsReportedAndRetriedByTheNextSynchronize) {

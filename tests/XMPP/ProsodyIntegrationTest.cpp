@@ -6,12 +6,14 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
+#include "tests/support/ProsodyOperator.h"
 #include "tests/support/ProsodyServer.h"
 #include "tests/support/XMPPTestDelegates.h"
 
@@ -22,6 +24,7 @@
 namespace kq {
 namespace {
 
+using test::Operator;
 using test::ProsodyServer;
 using test::runMainQueueUntil;
 using xmpp::XMPPJID;
@@ -57,44 +60,6 @@ class Notifications {
 
  private:
   std::vector<NotificationCenter::Token> tokens_;
-};
-
-// A client logged in with a password, as the operator's agent logs in.
-struct Operator {
-  explicit Operator(const ProsodyServer& server) {
-    stream->setHostName("127.0.0.1");
-    stream->setHostPort(server.port());
-    stream->setMyJID(XMPPJID::jidWithString("42@localhost/agent"));
-    stream->addDelegate(events, DispatchQueue::main());
-  }
-  ~Operator() {
-    stream->disconnect();
-    runMainQueueUntil([&] { return stream->isDisconnected(); });
-    for (const auto& module : stream->registeredModules()) {
-      module->deactivate();
-    }
-    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
-    stream.reset();
-    runMainQueueUntil([&] { return gone.expired(); });
-  }
-  Operator(const Operator&) = delete;
-  Operator& operator=(const Operator&) = delete;
-
-  bool login() {
-    if (!stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone) ||
-        !runMainQueueUntil([&] { return events->count("didConnect") == 1; }) ||
-        !stream->authenticate(std::make_shared<xmpp::XMPPPlainAuthentication>("secret"))) {
-      return false;
-    }
-    if (!runMainQueueUntil([&] { return events->count("didAuthenticate") == 1; })) {
-      return false;
-    }
-    stream->sendElement(xmpp::XMPPPresence());  // available: messages to 42@localhost reach us
-    return true;
-  }
-
-  std::shared_ptr<xmpp::XMPPStream> stream = xmpp::XMPPStream::create();
-  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
 };
 
 std::shared_ptr<KQVisitorUser> visitor(const std::string& id) {
@@ -153,18 +118,6 @@ class ProsodyTest : public ::testing::Test {
     EXPECT_EQ(roomEvents->count("didCreate"), 1);
     room->configureRoomUsingOptions(std::nullopt);
     EXPECT_TRUE(runMainQueueUntil([&] { return roomEvents->count("didConfigure") == 1; }));
-    return room;
-  }
-
-  // The operator joins the visitor's room under the nickname "Operator".
-  static std::shared_ptr<xmpp::XMPPRoom> joinAsOperator(
-      const Operator& agent, const XMPPJID& roomJID,
-      const std::shared_ptr<test::RoomEvents>& roomEvents) {
-    auto room = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
-                                                 roomJID, DispatchQueue::main());
-    room->addDelegate(roomEvents, DispatchQueue::main());
-    room->activate(agent.stream);
-    room->joinRoomUsingNickname("Operator", std::nullopt);
     return room;
   }
 
@@ -234,7 +187,7 @@ TEST_F(ProsodyTest, RoomIsCreatedConfiguredAndOpenToTheOperator) {
   Operator agent(*server);
   ASSERT_TRUE(agent.login());
   auto operatorEvents = std::make_shared<test::RoomEvents>();
-  auto operatorRoom = joinAsOperator(agent, room->roomJID(), operatorEvents);
+  auto operatorRoom = agent.joinRoom(room->roomJID(), operatorEvents);
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
   EXPECT_EQ(operatorEvents->count("didCreate"), 0);  // the room existed and was unlocked
   operatorRoom->deactivate();
@@ -302,7 +255,7 @@ TEST_F(ProsodyTest, ChatStatesReachTheOtherOccupantAndDestroyEndsTheRoom) {
   Operator agent(*server);
   ASSERT_TRUE(agent.login());
   auto operatorEvents = std::make_shared<test::RoomEvents>();
-  auto operatorRoom = joinAsOperator(agent, room->roomJID(), operatorEvents);
+  auto operatorRoom = agent.joinRoom(room->roomJID(), operatorEvents);
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
 
   sendComposingChatState(room);
@@ -339,6 +292,45 @@ TEST_F(ProsodyTest, ServerRestartIsFollowedByReconnectAndLoginAgain) {
   EXPECT_EQ(notifications.logins, (std::vector<bool>{true, true}));
   EXPECT_TRUE(client->xmppStream()->isAuthenticated());
   EXPECT_TRUE(client->isXmppConnected());
+}
+
+TEST_F(ProsodyTest, AServerThatStopsAnsweringIsNoticedAndTriedAgainUntilItAnswers) {
+  test::ManualClockScope clock;
+  startServer(ProsodyServer::Options());
+  loginVisitor();
+  const auto stream = client->xmppStream();
+  const auto seconds = [](xmpp::XMPPStream::Seconds value) {
+    return std::chrono::duration_cast<Clock::Duration>(value);
+  };
+
+  // The server freezes: the connection looks open, but a ping after a quiet interval goes
+  // unanswered. What the server sent just before (answers to the login's requests, its own
+  // queries) may still be on its way through a slow stream after the freeze, and each piece
+  // read restarts the quiet interval; so the clock moves a whole interval and a ping time-out
+  // at a time until the stream has read everything and gives up.
+  server->pause();
+  const auto giveUp = std::chrono::steady_clock::now() + test::kPatience;
+  while (events->count("didDisconnect") == 0 && std::chrono::steady_clock::now() < giveUp) {
+    clock->advance(seconds(stream->keepAliveInterval()));
+    test::flushQueue(stream->streamQueue());
+    clock->advance(seconds(stream->keepAliveTimeout()));
+    test::flushQueue(stream->streamQueue());
+  }
+  ASSERT_EQ(events->count("didDisconnect"), 1);
+  EXPECT_EQ(events->disconnectError->code, xmpp::XMPPStream::kErrorKeepAliveTimeout);
+
+  // The reconnect reaches the frozen server, which accepts (the kernel does) and says nothing.
+  clock->advance(std::chrono::seconds(3));
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("socketDidConnect") == 2; }));
+  clock->advance(seconds(stream->negotiationTimeout()));
+  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 2; }));
+  EXPECT_EQ(events->disconnectError->code, xmpp::XMPPStream::kErrorConnectTimeout);
+
+  // Reconnecting goes on: once the server answers again, the visitor is back.
+  server->resume();
+  clock->advance(std::chrono::seconds(5));
+  ASSERT_TRUE(runMainQueueUntil([&] { return notifications.count("ConnectNotification") == 2; }));
+  EXPECT_TRUE(stream->isAuthenticated());
 }
 
 }  // namespace

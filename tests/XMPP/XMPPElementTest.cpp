@@ -7,8 +7,10 @@
 #include <KQVisitorCore/XMPP/XMPPParser.h>
 
 #include <gtest/gtest.h>
+#include <libxml/tree.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kq::xmpp {
@@ -130,6 +132,134 @@ TEST(XMPPElementTest, TextThatIsNotOneElementIsRefusedWithAReason) {
     EXPECT_FALSE(XMPPElement::elementWithXMLString(text, &error)) << text;
     EXPECT_EQ(error.domain, XMPPParser::kErrorDomain) << text;
     EXPECT_EQ(error.code, code) << text;
+  }
+}
+
+TEST(XMPPElementTest, TextXMLForbidsIsReplacedSoTheStanzaStaysWellFormed) {
+  using namespace std::string_literals;
+  const std::string replacement = "\xEF\xBF\xBD";
+  struct Case {
+    std::string name;
+    std::string text;
+    std::string readBack;
+  };
+  const std::vector<Case> cases = {
+      {"a control character",
+       "a\x01"
+       "b",
+       "a" + replacement + "b"},
+      {"a form feed", "a\fb", "a" + replacement + "b"},
+      {"a NUL does not cut the text", "a\0b"s, "a" + replacement + "b"},
+      {"U+FFFE and U+FFFF",
+       "a\xEF\xBF\xBE\xEF\xBF\xBF"
+       "b",
+       "a" + replacement + replacement + "b"},
+      {"an encoded surrogate",
+       "a\xED\xA0\x80"
+       "b",
+       "a" + replacement + "b"},
+      {"a stray continuation byte",
+       "a\x80"
+       "b",
+       "a" + replacement + "b"},
+      {"a truncated sequence at the end", "ab\xE2\x82", "ab" + replacement + replacement},
+      {"an overlong form",
+       "a\xC0\xAF"
+       "b",
+       "a" + replacement + replacement + "b"},
+      {"past U+10FFFF", "a\xF4\x90\x80\x80",
+       "a" + replacement + replacement + replacement + replacement},
+      {"valid text is kept", "tab\tline\ncr\r é 😀 \xEF\xBF\xBD",
+       "tab\tline\ncr\r é 😀 \xEF\xBF\xBD"},
+  };
+  for (const auto& [name, text, expected] : cases) {
+    SCOPED_TRACE(name);
+    XMPPMessage message;
+    message.addAttributeWithName("visitor_name", text);
+    message.addBody(text);
+    message.addChildElement("x", "urn:test").addAttributeWithName("reason", text);
+    const std::string written = message.XMLString();
+    KQError error;
+    const auto parsed = XMPPElement::elementWithXMLString(written, &error);
+    ASSERT_TRUE(parsed) << error.description() << "\n" << written;
+    EXPECT_EQ(XMPPMessage(*parsed).body(), expected);
+    EXPECT_EQ(parsed->attributeStringValueForName("visitor_name"), expected);
+    EXPECT_EQ(parsed->elementForName("x")->attributeStringValueForName("reason"), expected);
+  }
+}
+
+TEST(XMPPElementTest, WhatTheParserAcceptsIsWrittenBackAsXMLThatReadsTheSame) {
+  const std::vector<std::string> corpus = {
+      "<iq xmlns='jabber:client' type='get' id='1'><query xmlns='urn:a&amp;b&lt;c&gt;d&quot;'/>"
+      "</iq>",
+      "<message xmlns='jabber:client' a='&amp;&lt;&gt;&quot;&apos;' b=\"it's\" "
+      "c='line&#10;tab&#9;cr&#13;end'><body>&lt;b&gt; &amp;amp; &#13;\n\t\"'</body></message>",
+      "<a xmlns='urn:x' xmlns:p='urn:p&amp;q'><p:b p:attr='v'><c xmlns='urn:inner'/></p:b>"
+      "<d/></a>",
+      "<m><![CDATA[<not a tag> & ]]>text</m>",
+      "<m><body>\xF0\x9F\x98\x80 \xE2\x82\xAC \xC3\xA9</body></m>",
+      "<m xmlns:x='urn:x'><x:y x:z='1'>in<x:w/>ner</x:y></m>",
+      "<m><undeclared:a:b u:c='d'/></m>",  // prefixes nobody declared are kept as written
+  };
+  for (const auto& text : corpus) {
+    SCOPED_TRACE(text);
+    KQError error;
+    const auto first = XMPPElement::elementWithXMLString(text, &error);
+    ASSERT_TRUE(first) << error.description();
+    const std::string written = first->XMLString();
+    const auto second = XMPPElement::elementWithXMLString(written, &error);
+    ASSERT_TRUE(second) << error.description() << "\nwritten: " << written;
+    EXPECT_EQ(second->XMLString(), written);
+    EXPECT_EQ(second->stringValue(), first->stringValue());
+    EXPECT_EQ(second->attributes(), first->attributes());
+  }
+
+  // The automatic error answer to a request copies its child: it must be valid XML too.
+  const auto request = XMPPElement::elementWithXMLString(corpus[0]);
+  ASSERT_TRUE(request);
+  const std::string answer =
+      XMPPIQ::errorIQ(XMPPIQ(*request), "cancel", "service-unavailable").XMLString();
+  const auto parsedAnswer = XMPPElement::elementWithXMLString(answer);
+  ASSERT_TRUE(parsedAnswer) << answer;
+  EXPECT_EQ(parsedAnswer->elementForName("query")->xmlns(), "urn:a&b<c>d\"");
+}
+
+TEST(XMPPElementTest, ThreadsMayReadOneTreeAtOnce) {
+  // A stanza is handed to every delegate of the stream, each on its own queue. Reads must not
+  // change the tree: the sanitizer build reports any that does. Two trees: one parsed, one
+  // built, neither of which has looked up the xml prefix yet.
+  const auto parsed = XMPPElement::elementWithXMLString(
+      "<message xmlns='jabber:client' type='groupchat' xmlns:x='urn:x'>"
+      "<body>hello</body><x:data x:k='v'/></message>");
+  ASSERT_TRUE(parsed);
+  XMPPElement built("message", "jabber:client");
+  built.addChildElement("body").setStringValue("hello");
+  for (const XMPPElement& tree : {*parsed, built}) {
+    std::vector<std::string> seen(4);
+    std::vector<std::thread> readers;
+    readers.reserve(seen.size());
+    for (std::size_t r = 0; r < seen.size(); ++r) {
+      readers.emplace_back([&tree, &seen, r] {
+        std::string& out = seen[r];
+        for (int i = 0; i < 50; ++i) {
+          out = tree.attributeStringValueForName("xml:lang").value_or("-") +
+                tree.attributeStringValueForName("x:k").value_or("-") +
+                std::to_string(tree.nodesForXPath("./*[local-name()='body']").size()) +
+                tree.stringValue() + tree.elementForName("body")->stringValue() +
+                tree.copy().XMLString();
+        }
+      });
+    }
+    for (auto& reader : readers) {
+      reader.join();
+    }
+    for (const auto& result : seen) {
+      EXPECT_EQ(result, seen[0]);
+    }
+    EXPECT_NE(seen[0].find("1hellohello<message"), std::string::npos) << seen[0];
+    // The one write libxml2 makes on a lookup: the xml namespace, added to the document the
+    // first time the prefix is searched. Readers on several threads would race on it.
+    EXPECT_EQ(tree.xmlNode()->doc->oldNs, nullptr) << "a read changed the document";
   }
 }
 

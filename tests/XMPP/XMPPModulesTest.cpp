@@ -1,6 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilities.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
@@ -382,10 +383,19 @@ TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
             "<error type='auth'><forbidden xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error>"
             "</iq>");
   ASSERT_TRUE(waitForRoom("didFailToDestroy"));
+  EXPECT_FALSE(XMPPRoom::isNoAnswer(roomEvents->ownerErrors.at(0))) << "the server refused";
   room->destroyRoom();
   destroy = peer.receiveUntil("</iq>");
   peer.send("<iq type='result' id='" + idOf(destroy) + "' from='room42@conference.localhost'/>");
   ASSERT_TRUE(waitForRoom("didDestroy"));
+
+  // The connection ends before the server answers: told apart from a refusal.
+  room->destroyRoom();
+  peer.receiveUntil("</iq>");
+  peer.closeConnection();
+  ASSERT_TRUE(waitForRoom("didFailToDestroy", 2));
+  EXPECT_TRUE(XMPPRoom::isNoAnswer(roomEvents->ownerErrors.at(1)))
+      << roomEvents->ownerErrors.at(1).XMLString();
 }
 
 TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoom) {

@@ -1,11 +1,14 @@
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPParser.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPQueue.h>
+#include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/FakeXMPPPeer.h"
 #include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
 #include "tests/support/XMPPTestDelegates.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +20,7 @@ namespace {
 
 using test::FakeXMPPPeer;
 using test::runMainQueueUntil;
+using namespace std::chrono_literals;
 
 constexpr const char* kClientHeader =
     "<?xml version='1.0'?><stream:stream to='localhost' version='1.0' xmlns='jabber:client' "
@@ -30,17 +34,19 @@ class XMPPStreamTest : public test::FakePeerStreamTest {
 
   // Connects and opens the stream up to did-connect.
   void connect(std::string_view mechanisms = "ANONYMOUS PLAIN") {
+    const int before = events->count("didConnect");
     ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
     ASSERT_TRUE(peer.accept());
     EXPECT_EQ(peer.receiveUntil("'http://etherx.jabber.org/streams'>"), kClientHeader);
     peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features(mechanisms));
-    ASSERT_TRUE(waitFor("didConnect"));
+    ASSERT_TRUE(waitFor("didConnect", before + 1));
   }
 
   void authenticate(const std::string& boundJID = "a1b2c3@localhost/TellioiPhone") {
+    const int before = events->count("didAuthenticate");
     ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
     peer.completeAuthentication(boundJID);
-    ASSERT_TRUE(waitFor("didAuthenticate"));
+    ASSERT_TRUE(waitFor("didAuthenticate", before + 1));
   }
 };
 
@@ -319,6 +325,191 @@ TEST_F(XMPPStreamTest, RemovedDelegatesHearNothingMore) {
   ASSERT_TRUE(waitFor("didReceivePresence"));
   test::drainMainQueue();
   EXPECT_EQ(second->count("didReceivePresence"), 0);
+}
+
+TEST_F(XMPPStreamTest, ANewConnectionStartsCleanAfterOneThatEndedWithTheSASLSuccess) {
+  // The server's success and the end of its stream arrive in one chunk: the stream is about to
+  // restart its parser for the new stream when the connection ends.
+  connect();
+  ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+  peer.receiveUntil("/>");
+  peer.send("<success xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/></stream:stream>");
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorServerClosed);
+  peer.closeConnection();
+
+  // The next connection must read the server's first stream header with a fresh parser.
+  connect();
+  authenticate();
+  EXPECT_TRUE(stream->isAuthenticated());
+}
+
+TEST_F(XMPPStreamTest, DisconnectWhileWritesArePendingReleasesTheirBuffersSafely) {
+  connect();
+  authenticate();
+  // Many large stanzas queue up behind one write in flight; the disconnect drops the
+  // connection while that write's buffer is still in the socket's hands.
+  const std::string big(64 * 1024, 'x');
+  for (int i = 0; i < 32; ++i) {
+    XMPPMessage message;
+    message.addBody(big);
+    stream->sendElement(message);
+  }
+  peer.closeConnection();
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  connect();
+  authenticate();
+}
+
+class XMPPStreamDeadConnectionTest : public XMPPStreamTest {
+ protected:
+  void SetUp() override {
+    XMPPStreamTest::SetUp();
+    stream->setNegotiationTimeout(30s);
+    stream->setKeepAliveInterval(60s);
+    stream->setKeepAliveTimeout(20s);
+  }
+
+  // Runs what the stream's timers have due after moving the clock.
+  void advance(Clock::Duration by) {
+    clock->advance(by);
+    test::flushQueue(stream->streamQueue());
+  }
+
+  // Reads the next ping the stream sends and answers its id.
+  std::string receivePing() {
+    const std::string ping = peer.receiveUntil("</iq>");
+    const auto idStart = ping.find("id=\"") + 4;
+    EXPECT_NE(ping.find("<ping xmlns=\"urn:xmpp:ping\"/>"), std::string::npos) << ping;
+    EXPECT_NE(ping.find("type=\"get\""), std::string::npos) << ping;
+    return ping.substr(idStart, ping.find('"', idStart) - idStart);
+  }
+
+  test::ManualClockScope clock;
+};
+
+TEST_F(XMPPStreamDeadConnectionTest, ASilentServerEndsTheConnectInTheNegotiationTimeout) {
+  ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
+  ASSERT_TRUE(peer.accept());
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  advance(29s);
+  EXPECT_EQ(events->count("didDisconnect"), 0);
+  EXPECT_TRUE(stream->isConnecting());
+  advance(1s);
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  EXPECT_EQ(events->count("connectDidTimeout"), 1);
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorConnectTimeout);
+  EXPECT_TRUE(peer.clientClosed());
+}
+
+TEST_F(XMPPStreamDeadConnectionTest, ALoginTheServerNeverFinishesEndsInTheNegotiationTimeout) {
+  struct Stall {
+    std::string name;
+    std::string answer;  // what the server says to the <auth/>, before it goes quiet
+  };
+  const std::vector<Stall> stalls = {
+      {"silence", ""},
+      {"a challenge to a mechanism without one",
+       "<challenge xmlns='urn:ietf:params:xml:ns:xmpp-sasl'/>"},
+      {"an unrelated stanza", "<message from='x@localhost'><body>hi</body></message>"},
+  };
+  int round = 0;
+  for (const auto& stall : stalls) {
+    SCOPED_TRACE(stall.name);
+    ++round;
+    connect();
+    // Waiting for the host to authenticate is not the server's time.
+    advance(45s);
+    EXPECT_EQ(events->count("didDisconnect"), round - 1);
+    ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
+    peer.receiveUntil("/>");
+    if (!stall.answer.empty()) {
+      peer.send(stall.answer);
+    }
+    advance(29s);
+    EXPECT_EQ(events->count("didDisconnect"), round - 1);
+    advance(1s);
+    ASSERT_TRUE(waitFor("didDisconnect", round));
+    EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorNegotiationTimeout);
+    EXPECT_EQ(events->count("didAuthenticate"), 0);
+    peer.closeConnection();
+  }
+}
+
+TEST_F(XMPPStreamDeadConnectionTest, AQuietConnectionIsPingedAndADeadOneEnds) {
+  connect();
+  authenticate();
+  // Traffic within the interval keeps the stream from pinging.
+  advance(50s);
+  peer.send("<message from='op@localhost'><body>one</body></message>");
+  ASSERT_TRUE(waitFor("didReceiveMessage"));
+  advance(50s);
+
+  // Quiet for the whole interval: a ping; its answer keeps the connection.
+  advance(10s);
+  std::string id = receivePing();
+  peer.send("<iq type='result' id='" + id +
+            "' from='localhost'/>"
+            "<message from='op@localhost'><body>two</body></message>");
+  ASSERT_TRUE(waitFor("didReceiveMessage", 2));
+  advance(20s);
+  EXPECT_EQ(events->count("didDisconnect"), 0);
+  EXPECT_TRUE(stream->isAuthenticated());
+  // An error answer (a server without ping support) shows the connection is alive too.
+  advance(40s);
+  id = receivePing();
+  peer.send("<iq type='error' id='" + id +
+            "' from='localhost'><ping xmlns='urn:xmpp:ping'/>"
+            "<error type='cancel'><service-unavailable "
+            "xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></iq>"
+            "<message from='op@localhost'><body>three</body></message>");
+  ASSERT_TRUE(waitFor("didReceiveMessage", 3));
+
+  // The server stops answering: the next ping goes unanswered and the connection ends.
+  advance(60s);
+  receivePing();
+  advance(19s);
+  EXPECT_EQ(events->count("didDisconnect"), 0);
+  advance(1s);
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  ASSERT_TRUE(events->disconnectError);
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorKeepAliveTimeout);
+  EXPECT_FALSE(stream->isAuthenticated());
+  EXPECT_EQ(events->count("didReceiveIQ"), 0);  // ping answers go to the stream only
+}
+
+TEST_F(XMPPStreamDeadConnectionTest, ReconnectGoesOnPastASilentServerUntilAHealthyOneAnswers) {
+  auto reconnect = std::make_shared<XMPPReconnect>();
+  reconnect->setReconnectDelay(2s);
+  reconnect->setReconnectTimerInterval(5s);
+  reconnect->activate(stream);
+  connect();
+  authenticate();
+
+  // The connection dies quietly.
+  advance(60s);
+  receivePing();
+  advance(20s);
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  peer.closeConnection();
+
+  // The first attempt reaches a server that accepts and says nothing.
+  advance(2s);
+  ASSERT_TRUE(peer.accept());
+  peer.receiveUntil("'http://etherx.jabber.org/streams'>");
+  advance(30s);
+  ASSERT_TRUE(waitFor("didDisconnect", 2));
+  EXPECT_EQ(events->disconnectError->code, XMPPStream::kErrorConnectTimeout);
+  peer.closeConnection();
+
+  // A later attempt finds the server healthy and logs in again.
+  advance(5s);
+  ASSERT_TRUE(peer.accept());
+  EXPECT_EQ(peer.receiveUntil("'http://etherx.jabber.org/streams'>"), kClientHeader);
+  peer.send(FakeXMPPPeer::serverHeader() + FakeXMPPPeer::features("ANONYMOUS"));
+  ASSERT_TRUE(waitFor("didConnect", 2));
+  authenticate();
+  EXPECT_EQ(events->count("didAuthenticate"), 2);
 }
 
 }  // namespace

@@ -8,6 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <thread>
+
 namespace kq {
 namespace {
 
@@ -88,6 +95,25 @@ TEST_F(KQVisitorChatServiceCommandsTest, SoapAndUploadPrintTheirOutcomes) {
   EXPECT_EQ(result.out,
             "{\"callback\":\"failure\",\"message\":\"File can't be shared, because it exceeds the "
             "maximum file-size(6 MB)\"}\n");
+
+  // Inputs that never end are read only as far as the limit: refused the same way, at once.
+  result = chat({"upload", "/dev/zero"});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_NE(result.out.find("exceeds the maximum file-size(6 MB)"), std::string::npos);
+  const std::string fifo = folder.file("endless");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::thread writer([&fifo] {
+    std::signal(SIGPIPE, SIG_IGN);  // the reader closes its end once it has read enough
+    const int fd = ::open(fifo.c_str(), O_WRONLY);
+    const std::string chunk(65536, 'y');
+    while (fd >= 0 && ::write(fd, chunk.data(), chunk.size()) > 0) {
+    }
+    ::close(fd);
+  });
+  result = chat({"upload", fifo});
+  writer.join();
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_NE(result.out.find("exceeds the maximum file-size(6 MB)"), std::string::npos);
 
   ASSERT_EQ(server.requests().size(), 2U);
   EXPECT_NE(server.requests()[0].body.find("<Name>Ann</Name><Email>a@b.test</Email>"),

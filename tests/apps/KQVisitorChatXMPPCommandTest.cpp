@@ -122,6 +122,15 @@ TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFai
   EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
 }
 
+TEST_F(KQVisitorChatXMPPCommandTest, NeverLoggingInFailsTheRunAndSaysWhatToCheck) {
+  writeConfig(portWithNoListener(), "");
+  const auto result = chat({"--json"}, "");
+  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+  EXPECT_TRUE(named(events(result.out), "login").empty()) << result.out;
+  EXPECT_NE(result.err.find("never logged in"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("xmppHost, xmppPort and caFile"), std::string::npos) << result.err;
+}
+
 TEST_F(KQVisitorChatXMPPCommandTest, BadArgumentsExitWithStatusTwo) {
   writeConfig(5225, "");
   for (const std::vector<std::string>& arguments : {std::vector<std::string>{"--invite", "42"},

@@ -2,6 +2,11 @@
 
 #include <chrono>
 #include <functional>
+#include <memory>
+
+namespace kq {
+class TimerQueue;
+}  // namespace kq
 
 namespace kq::test {
 
@@ -16,5 +21,10 @@ bool runMainQueueUntil(const std::function<bool()>& done,
 
 /// Runs every main-queue task that is due now, until none is left.
 void drainMainQueue();
+
+/// Waits until `queue` has run every task and timer tick that is due now (on Clock::shared()),
+/// then drains the main queue, where those may have posted. Call it before asserting that
+/// something did not happen.
+void flushQueue(const std::shared_ptr<TimerQueue>& queue);
 
 }  // namespace kq::test

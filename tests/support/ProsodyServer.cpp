@@ -179,8 +179,21 @@ bool ProsodyServer::streamAnswers() const {
   return answered;
 }
 
+void ProsodyServer::pause() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGSTOP);
+  }
+}
+
+void ProsodyServer::resume() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGCONT);
+  }
+}
+
 void ProsodyServer::stop() {
   if (pid_ > 0) {
+    ::kill(pid_, SIGCONT);  // a frozen server would not act on SIGTERM
     ::kill(pid_, SIGTERM);
     int status = 0;
     ::waitpid(pid_, &status, 0);

@@ -46,6 +46,11 @@ class ProsodyServer {
   void stop();
   /// Starts it again on the same port, with the same certificate and data.
   void start();
+  /// Freezes the server (SIGSTOP): the kernel still accepts connections and data, nobody
+  /// answers, as with a server or a network that died silently.
+  void pause();
+  /// Lets a frozen server run again (SIGCONT).
+  void resume();
 
   /// True when the installed Prosody can run here.
   static bool isAvailable();

@@ -74,6 +74,17 @@ class CallbackRecorder {
   std::vector<CallbackEvent> events_;
 };
 
+/// Points every origin of the shared configuration at `origin` (a RecordingHTTPServer's).
+inline void pointServicesAt(const std::string& origin) {
+  KQVisitorConfig config;
+  config.jsonServiceProductionOrigin = origin;
+  config.jsonServiceBetaOrigin = origin;
+  config.soapServiceOrigin = origin;
+  config.uploadServiceOrigin = origin;
+  config.soapNamespace = "http://kq.test/";
+  KQVisitorConfig::setShared(config);
+}
+
 /// A web service talking to a RecordingHTTPServer: every configured origin points at the
 /// server, the service has its own HTTP session, and the network check answers `internet`.
 class WebServiceFixture : public ::testing::Test {
@@ -85,16 +96,6 @@ class WebServiceFixture : public ::testing::Test {
   }
 
   void TearDown() override { KQVisitorConfig::setShared(KQVisitorConfig()); }
-
-  static void pointServicesAt(const std::string& origin) {
-    KQVisitorConfig config;
-    config.jsonServiceProductionOrigin = origin;
-    config.jsonServiceBetaOrigin = origin;
-    config.soapServiceOrigin = origin;
-    config.uploadServiceOrigin = origin;
-    config.soapNamespace = "http://kq.test/";
-    KQVisitorConfig::setShared(config);
-  }
 
   KQVisitorWebService::Dependencies dependencies() {
     KQVisitorWebService::Dependencies result;

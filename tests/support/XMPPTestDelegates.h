@@ -85,6 +85,7 @@ struct RoomEvents : xmpp::XMPPRoomDelegate {
   std::vector<std::string> events;
   std::vector<xmpp::XMPPMessage> messages;
   std::vector<xmpp::XMPPJID> occupants;
+  std::vector<xmpp::XMPPIQ> ownerErrors;
 
   [[nodiscard]] int count(const std::string& event) const {
     return static_cast<int>(std::count(events.begin(), events.end(), event));
@@ -94,8 +95,9 @@ struct RoomEvents : xmpp::XMPPRoomDelegate {
   void xmppRoomDidJoin(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didJoin"); }
   void xmppRoomDidLeave(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didLeave"); }
   void xmppRoomDidDestroy(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didDestroy"); }
-  void xmppRoomDidFailToDestroy(xmpp::XMPPRoom& /*sender*/, const xmpp::XMPPIQ& /*iq*/) override {
+  void xmppRoomDidFailToDestroy(xmpp::XMPPRoom& /*sender*/, const xmpp::XMPPIQ& iq) override {
     events.push_back("didFailToDestroy");
+    ownerErrors.push_back(iq);
   }
   void xmppRoomDidConfigure(xmpp::XMPPRoom& /*sender*/, const xmpp::XMPPIQ& /*iq*/) override {
     events.push_back("didConfigure");
