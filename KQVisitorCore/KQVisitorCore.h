@@ -51,7 +51,6 @@
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
@@ -65,7 +64,6 @@
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPTLSSettings.h>
-#include <KQVisitorCore/XMPP/XMPPTimer.h>
 #include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
@@ -76,5 +74,7 @@
 
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+#include <KQVisitorCore/Rooms/RoomsManager.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>

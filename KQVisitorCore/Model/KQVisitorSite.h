@@ -36,6 +36,12 @@ class KQ_EXPORT KQVisitorSite {
   /// Replaces the table; null makes the next read of rooms() create a fresh one.
   void setRooms(std::shared_ptr<KQVisitorRoomTable> rooms);
 
+  /// Connects every room of the table.
+  void joinAllRoom();
+  /// Closes every room of the table. Closing a room empties its site's table, so the walk goes
+  /// over the rooms the table held when it began.
+  void closeAllRooms();
+
  private:
   mutable std::mutex mutex_;
   std::optional<std::string> siteId_;          // guarded by mutex_

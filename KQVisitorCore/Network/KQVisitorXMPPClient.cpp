@@ -2,17 +2,21 @@
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/HostApplication.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilities.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPRoster.h>
 #include <KQVisitorCore/XMPP/XMPPRosterMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
@@ -25,6 +29,47 @@
 #include <stdexcept>
 
 namespace kq {
+
+// The stream and the modules set up around it, replaced as one.
+struct XMPPModules {
+  std::shared_ptr<xmpp::XMPPStream> stream;
+  std::shared_ptr<xmpp::XMPPReconnect> reconnect;
+  std::shared_ptr<xmpp::XMPPRoster> roster;
+  std::shared_ptr<xmpp::XMPPRosterMemoryStorage> rosterStorage;
+  std::shared_ptr<xmpp::XMPPvCardMemoryStorage> vCardStorage;
+  std::shared_ptr<xmpp::XMPPvCardTempModule> vCardTempModule;
+  std::shared_ptr<xmpp::XMPPvCardAvatarModule> vCardAvatarModule;
+  std::shared_ptr<xmpp::XMPPCapabilities> capabilities;
+  std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> capabilitiesStorage;
+};
+
+struct KQVisitorXMPPClient::State {
+  std::shared_ptr<KQVisitorSitesManager> sitesManager;
+  std::shared_ptr<Reachability> reachability;
+  XMPPModules modules;
+
+  // Connection.
+  bool allowSelfSignedCertificates = false;
+  bool allowSSLHostNameMismatch = false;
+  bool isXmppConnected = false;
+  bool isxmppStreamDisconnected = false;
+  bool isDisconnectedAllRooms = false;
+  std::shared_ptr<AlertView> loadingAlert;
+  std::shared_ptr<AlertView> alertForConectivity;
+  std::shared_ptr<Timer> timerForQAScreen;
+
+  // Rooms, invitations and notifications.
+  std::int32_t badgeCount = 0;
+  std::int32_t messageCounterForOperatorBadge = 0;
+  bool operatorScreenActive = false;
+  std::int64_t panelType = 0;
+  std::vector<std::any> kqCanMessagesArray;
+  std::any loadingActivityIndicator;
+  std::weak_ptr<void> chatDelegate;
+  std::weak_ptr<void> messageDelegate;
+};
+
+KQVisitorXMPPClient::KQVisitorXMPPClient() : state_(std::make_unique<Guarded<State>>()) {}
 
 KQVisitorXMPPClient& KQVisitorXMPPClient::instance() {
   // Never destroyed: the library's threads may reach the client until the process ends.
@@ -54,25 +99,24 @@ void KQVisitorXMPPClient::initSingleton() {
           client->removeIdleRooms(notification);
         }
       });
-  {
-    std::scoped_lock lock(mutex_);
-    badgeCount_ = 0;
-    messageCounterForOperatorBadge_ = 0;
-  }
+  state_->with([](State& state) {
+    state.badgeCount = 0;
+    state.messageCounterForOperatorBadge = 0;
+  });
   addInternetListener();
 }
 
 std::shared_ptr<KQVisitorSitesManager> KQVisitorXMPPClient::sitesManager() {
-  std::scoped_lock lock(mutex_);
-  if (!sitesManager_) {
-    sitesManager_ = std::make_shared<KQVisitorSitesManager>();
-  }
-  return sitesManager_;
+  return state_->with([](State& state) {
+    if (!state.sitesManager) {
+      state.sitesManager = std::make_shared<KQVisitorSitesManager>();
+    }
+    return state.sitesManager;
+  });
 }
 
 void KQVisitorXMPPClient::setSitesManager(std::shared_ptr<KQVisitorSitesManager> sitesManager) {
-  std::scoped_lock lock(mutex_);
-  sitesManager_ = std::move(sitesManager);
+  state_->set(&State::sitesManager, std::move(sitesManager));
 }
 
 // --- Connection ----------------------------------------------------------------------------
@@ -107,32 +151,33 @@ void KQVisitorXMPPClient::setupStream() {
   if (xmppStream()) {
     assertionFailure("setupStream", this, __FILE__, "Method setupStream invoked multiple times");
   }
-  auto stream = xmpp::XMPPStream::create();
+  XMPPModules built;
+  const auto& stream = built.stream = xmpp::XMPPStream::create();
   stream->setEnableBackgroundingOnSocket(true);
 
-  auto reconnect = std::make_shared<xmpp::XMPPReconnect>();
+  const auto& reconnect = built.reconnect = std::make_shared<xmpp::XMPPReconnect>();
   reconnect->setAutoReconnect(true);
   reconnect->setReconnectTimerInterval(kReconnectTimerInterval);
 
-  auto rosterStorage = std::make_shared<xmpp::XMPPRosterMemoryStorage>();
-  auto roster = std::make_shared<xmpp::XMPPRoster>(rosterStorage);
+  built.rosterStorage = std::make_shared<xmpp::XMPPRosterMemoryStorage>();
+  const auto& roster = built.roster = std::make_shared<xmpp::XMPPRoster>(built.rosterStorage);
   roster->setAutoFetchRoster(true);
   roster->setAutoAcceptKnownPresenceSubscriptionRequests(true);
 
-  auto vCardStorage = xmpp::XMPPvCardMemoryStorage::sharedInstance();
-  auto vCardTempModule = std::make_shared<xmpp::XMPPvCardTempModule>(vCardStorage);
-  auto vCardAvatarModule = std::make_shared<xmpp::XMPPvCardAvatarModule>(vCardTempModule);
+  built.vCardStorage = xmpp::XMPPvCardMemoryStorage::sharedInstance();
+  built.vCardTempModule = std::make_shared<xmpp::XMPPvCardTempModule>(built.vCardStorage);
+  built.vCardAvatarModule = std::make_shared<xmpp::XMPPvCardAvatarModule>(built.vCardTempModule);
 
-  auto capabilitiesStorage = xmpp::XMPPCapabilitiesMemoryStorage::sharedInstance();
-  auto capabilities = std::make_shared<xmpp::XMPPCapabilities>(capabilitiesStorage);
-  capabilities->setAutoFetchHashedCapabilities(true);
-  capabilities->setAutoFetchNonHashedCapabilities(false);
+  built.capabilitiesStorage = xmpp::XMPPCapabilitiesMemoryStorage::sharedInstance();
+  built.capabilities = std::make_shared<xmpp::XMPPCapabilities>(built.capabilitiesStorage);
+  built.capabilities->setAutoFetchHashedCapabilities(true);
+  built.capabilities->setAutoFetchNonHashedCapabilities(false);
 
   reconnect->activate(stream);
   roster->activate(stream);
-  vCardTempModule->activate(stream);
-  vCardAvatarModule->activate(stream);
-  capabilities->activate(stream);
+  built.vCardTempModule->activate(stream);
+  built.vCardAvatarModule->activate(stream);
+  built.capabilities->activate(stream);
 
   const auto self = shared_from_this();
   const auto& main = DispatchQueue::main();
@@ -145,53 +190,31 @@ void KQVisitorXMPPClient::setupStream() {
   stream->setHostPort(static_cast<std::uint16_t>(config.xmppPort));
   stream->setStartTLSPolicy(xmpp::XMPPStreamStartTLSPolicy::Preferred);
 
-  std::scoped_lock lock(mutex_);
-  xmppStream_ = std::move(stream);
-  xmppReconnect_ = std::move(reconnect);
-  xmppRoster_ = std::move(roster);
-  xmppRosterStorage_ = std::move(rosterStorage);
-  xmppvCardStorage_ = std::move(vCardStorage);
-  xmppvCardTempModule_ = std::move(vCardTempModule);
-  xmppvCardAvatarModule_ = std::move(vCardAvatarModule);
-  xmppCapabilities_ = std::move(capabilities);
-  xmppCapabilitiesStorage_ = std::move(capabilitiesStorage);
-  allowSSLHostNameMismatch_ = false;
+  state_->with([&built](State& state) {
+    state.modules = std::move(built);
+    state.allowSSLHostNameMismatch = false;
+  });
 }
 
 void KQVisitorXMPPClient::teardownStream() {
-  std::shared_ptr<xmpp::XMPPStream> stream;
-  std::shared_ptr<xmpp::XMPPReconnect> reconnect;
-  std::shared_ptr<xmpp::XMPPRoster> roster;
-  std::shared_ptr<xmpp::XMPPvCardTempModule> vCardTempModule;
-  std::shared_ptr<xmpp::XMPPvCardAvatarModule> vCardAvatarModule;
-  std::shared_ptr<xmpp::XMPPCapabilities> capabilities;
-  {
-    std::scoped_lock lock(mutex_);
-    stream = std::move(xmppStream_);
-    reconnect = std::move(xmppReconnect_);
-    roster = std::move(xmppRoster_);
-    xmppRosterStorage_.reset();
-    xmppvCardStorage_.reset();
-    vCardTempModule = std::move(xmppvCardTempModule_);
-    vCardAvatarModule = std::move(xmppvCardAvatarModule_);
-    capabilities = std::move(xmppCapabilities_);
-    xmppCapabilitiesStorage_.reset();
+  const XMPPModules old =
+      state_->with([](State& state) { return std::exchange(state.modules, {}); });
+  if (old.stream) {
+    old.stream->removeDelegate(this);
   }
-  if (stream) {
-    stream->removeDelegate(this);
-  }
-  if (roster) {
-    roster->removeDelegate(this);
+  if (old.roster) {
+    old.roster->removeDelegate(this);
   }
   for (const std::shared_ptr<xmpp::XMPPModule>& module :
-       std::initializer_list<std::shared_ptr<xmpp::XMPPModule>>{reconnect, roster, vCardTempModule,
-                                                                vCardAvatarModule, capabilities}) {
+       std::initializer_list<std::shared_ptr<xmpp::XMPPModule>>{
+           old.reconnect, old.roster, old.vCardTempModule, old.vCardAvatarModule,
+           old.capabilities}) {
     if (module) {
       module->deactivate();
     }
   }
-  if (stream) {
-    stream->disconnect();
+  if (old.stream) {
+    old.stream->disconnect();
   }
 }
 
@@ -211,9 +234,20 @@ bool KQVisitorXMPPClient::connectUser(const std::shared_ptr<KQVisitorUser>& user
   if (!jid) {
     return false;
   }
+  // A server setting the configuration file broke is not replaced by a default server.
+  try {
+    KQVisitorConfig::sharedFor({"xmppHost", "xmppPort", "caFile"});
+  } catch (const KQVisitorConfig::Error& error) {
+    log("KQVisitorXMPPClient: not connecting: ", error.what());
+    return false;
+  }
   stream->setMyJID(jid);
-  KQError ignored;
-  return stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone, &ignored);
+  KQError error;
+  if (!stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone, &error)) {
+    log("KQVisitorXMPPClient: cannot connect: ", error.description());
+    return false;
+  }
+  return true;
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
@@ -221,8 +255,11 @@ bool KQVisitorXMPPClient::authenticateAnonymousUser() {
   bool result = true;
   const auto stream = xmppStream();
   if (stream && stream->supportsAnonymousAuthentication()) {
-    KQError ignored;
-    result = stream->authenticate(std::make_shared<xmpp::XMPPAnonymousAuthentication>(), &ignored);
+    KQError error;
+    result = stream->authenticate(std::make_shared<xmpp::XMPPAnonymousAuthentication>(), &error);
+    if (!result) {
+      log("KQVisitorXMPPClient: cannot authenticate: ", error.description());
+    }
   }
   return result;
 }
@@ -232,8 +269,8 @@ void KQVisitorXMPPClient::goOnline() {
   if (const auto stream = xmppStream()) {
     stream->sendElement(xmpp::XMPPPresence());
   }
-  // The sites manager's joinAllOperatorRooms() goes here once the session flow exists: it
-  // reconnects the current room after a reconnect.
+  // After a reconnect the current room joins again.
+  sitesManager()->joinAllOperatorRooms();
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
@@ -244,7 +281,7 @@ void KQVisitorXMPPClient::goOffline() {
 }
 
 void KQVisitorXMPPClient::disconnect() {
-  // The sites manager's closeAllOperatorRooms() goes here once the session flow exists.
+  sitesManager()->closeAllOperatorRooms();
   goOffline();
   if (const auto stream = xmppStream()) {
     stream->disconnect();
@@ -257,11 +294,8 @@ void KQVisitorXMPPClient::signout() {
 
 void KQVisitorXMPPClient::performForcefullLogout() {
   disconnect();
-  std::shared_ptr<Timer> timer;
-  {
-    std::scoped_lock lock(mutex_);
-    timer = std::move(timerForQAScreen_);
-  }
+  const auto timer =
+      state_->with([](State& state) { return std::exchange(state.timerForQAScreen, nullptr); });
   if (timer) {
     timer->invalidate();
   }
@@ -313,14 +347,10 @@ void KQVisitorXMPPClient::xmppStreamDidConnect(xmpp::XMPPStream& /*sender*/) {
 
 void KQVisitorXMPPClient::xmppStreamDidAuthenticate(xmpp::XMPPStream& /*sender*/) {
   goOnline();
-  std::shared_ptr<AlertView> alert;
-  std::shared_ptr<xmpp::XMPPReconnect> reconnect;
-  {
-    std::scoped_lock lock(mutex_);
-    alert = std::move(loadingAlert_);
-    isxmppStreamDisconnected_ = false;
-    reconnect = xmppReconnect_;
-  }
+  const auto [alert, reconnect] = state_->with([](State& state) {
+    state.isxmppStreamDisconnected = false;
+    return std::pair(std::exchange(state.loadingAlert, nullptr), state.modules.reconnect);
+  });
   dismissLoadingAlert(alert);
   if (reconnect) {
     reconnect->manualStart();
@@ -330,7 +360,8 @@ void KQVisitorXMPPClient::xmppStreamDidAuthenticate(xmpp::XMPPStream& /*sender*/
 }
 
 void KQVisitorXMPPClient::xmppStreamDidNotAuthenticate(xmpp::XMPPStream& /*sender*/,
-                                                       const xmpp::XMPPElement& /*error*/) {
+                                                       const xmpp::XMPPElement& error) {
+  log("KQVisitorXMPPClient: the server refused the login: ", error.XMLString());
   NotificationCenter::defaultCenter().post("LoginSuccess", std::any(false));
   if (const auto reconnect = xmppReconnect()) {
     reconnect->manualStart();
@@ -356,21 +387,22 @@ void KQVisitorXMPPClient::xmppStreamDidReceivePresence(xmpp::XMPPStream& /*sende
 }
 
 void KQVisitorXMPPClient::xmppStreamDidDisconnect(xmpp::XMPPStream& /*sender*/,
-                                                  const std::optional<KQError>& /*error*/) {
-  std::shared_ptr<AlertView> alert;
-  {
-    std::scoped_lock lock(mutex_);
-    if (isxmppStreamDisconnected_) {
-      return;
+                                                  const std::optional<KQError>& error) {
+  if (error) {
+    log("KQVisitorXMPPClient: the connection ended: ", error->description());
+  }
+  const auto alert = state_->with([](State& state) -> std::shared_ptr<AlertView> {
+    if (state.isxmppStreamDisconnected) {
+      return nullptr;
     }
-    if (isXmppConnected_) {
-      isXmppConnected_ = false;  // the first loss after a working connection
-      return;
+    if (state.isXmppConnected) {
+      state.isXmppConnected = false;  // the first loss after a working connection
+      return nullptr;
     }
     // A disconnect while not connected: a failed connect or reconnect attempt.
-    alert = loadingAlert_;
-    isxmppStreamDisconnected_ = true;
-  }
+    state.isxmppStreamDisconnected = true;
+    return state.loadingAlert;
+  });
   dismissLoadingAlert(alert);
 }
 
@@ -401,142 +433,189 @@ void KQVisitorXMPPClient::xmppRosterDidReceiveBuddyRequest(xmpp::XMPPRoster& /*s
 }
 
 std::shared_ptr<xmpp::XMPPStream> KQVisitorXMPPClient::xmppStream() const {
-  std::scoped_lock lock(mutex_);
-  return xmppStream_;
+  return state_->with([](const State& state) { return state.modules.stream; });
 }
 
 std::shared_ptr<xmpp::XMPPReconnect> KQVisitorXMPPClient::xmppReconnect() const {
-  std::scoped_lock lock(mutex_);
-  return xmppReconnect_;
+  return state_->with([](const State& state) { return state.modules.reconnect; });
 }
 
 std::shared_ptr<xmpp::XMPPRoster> KQVisitorXMPPClient::xmppRoster() const {
-  std::scoped_lock lock(mutex_);
-  return xmppRoster_;
+  return state_->with([](const State& state) { return state.modules.roster; });
 }
 
 std::shared_ptr<xmpp::XMPPRosterMemoryStorage> KQVisitorXMPPClient::xmppRosterStorage() const {
-  std::scoped_lock lock(mutex_);
-  return xmppRosterStorage_;
+  return state_->with([](const State& state) { return state.modules.rosterStorage; });
 }
 
 std::shared_ptr<xmpp::XMPPvCardMemoryStorage> KQVisitorXMPPClient::xmppvCardStorage() const {
-  std::scoped_lock lock(mutex_);
-  return xmppvCardStorage_;
+  return state_->with([](const State& state) { return state.modules.vCardStorage; });
 }
 
 std::shared_ptr<xmpp::XMPPvCardTempModule> KQVisitorXMPPClient::xmppvCardTempModule() const {
-  std::scoped_lock lock(mutex_);
-  return xmppvCardTempModule_;
+  return state_->with([](const State& state) { return state.modules.vCardTempModule; });
 }
 
 std::shared_ptr<xmpp::XMPPvCardAvatarModule> KQVisitorXMPPClient::xmppvCardAvatarModule() const {
-  std::scoped_lock lock(mutex_);
-  return xmppvCardAvatarModule_;
+  return state_->with([](const State& state) { return state.modules.vCardAvatarModule; });
 }
 
 std::shared_ptr<xmpp::XMPPCapabilities> KQVisitorXMPPClient::xmppCapabilities() const {
-  std::scoped_lock lock(mutex_);
-  return xmppCapabilities_;
+  return state_->with([](const State& state) { return state.modules.capabilities; });
 }
 
 std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> KQVisitorXMPPClient::xmppCapabilitiesStorage()
     const {
-  std::scoped_lock lock(mutex_);
-  return xmppCapabilitiesStorage_;
+  return state_->with([](const State& state) { return state.modules.capabilitiesStorage; });
 }
 
 bool KQVisitorXMPPClient::allowSelfSignedCertificates() const {
-  std::scoped_lock lock(mutex_);
-  return allowSelfSignedCertificates_;
+  return state_->get(&State::allowSelfSignedCertificates);
 }
 
 void KQVisitorXMPPClient::setAllowSelfSignedCertificates(bool value) {
-  std::scoped_lock lock(mutex_);
-  allowSelfSignedCertificates_ = value;
+  state_->set(&State::allowSelfSignedCertificates, value);
 }
 
 bool KQVisitorXMPPClient::allowSSLHostNameMismatch() const {
-  std::scoped_lock lock(mutex_);
-  return allowSSLHostNameMismatch_;
+  return state_->get(&State::allowSSLHostNameMismatch);
 }
 
 void KQVisitorXMPPClient::setAllowSSLHostNameMismatch(bool value) {
-  std::scoped_lock lock(mutex_);
-  allowSSLHostNameMismatch_ = value;
+  state_->set(&State::allowSSLHostNameMismatch, value);
 }
 
 bool KQVisitorXMPPClient::isXmppConnected() const {
-  std::scoped_lock lock(mutex_);
-  return isXmppConnected_;
+  return state_->get(&State::isXmppConnected);
 }
 
 void KQVisitorXMPPClient::setIsXmppConnected(bool value) {
-  std::scoped_lock lock(mutex_);
-  isXmppConnected_ = value;
+  state_->set(&State::isXmppConnected, value);
 }
 
 bool KQVisitorXMPPClient::isxmppStreamDisconnected() const {
-  std::scoped_lock lock(mutex_);
-  return isxmppStreamDisconnected_;
+  return state_->get(&State::isxmppStreamDisconnected);
 }
 
 void KQVisitorXMPPClient::setIsxmppStreamDisconnected(bool value) {
-  std::scoped_lock lock(mutex_);
-  isxmppStreamDisconnected_ = value;
+  state_->set(&State::isxmppStreamDisconnected, value);
 }
 
 bool KQVisitorXMPPClient::isDisconnectedAllRooms() const {
-  std::scoped_lock lock(mutex_);
-  return isDisconnectedAllRooms_;
+  return state_->get(&State::isDisconnectedAllRooms);
 }
 
 void KQVisitorXMPPClient::setIsDisconnectedAllRooms(bool value) {
-  std::scoped_lock lock(mutex_);
-  isDisconnectedAllRooms_ = value;
+  state_->set(&State::isDisconnectedAllRooms, value);
 }
 
 std::shared_ptr<AlertView> KQVisitorXMPPClient::loadingAlert() const {
-  std::scoped_lock lock(mutex_);
-  return loadingAlert_;
+  return state_->get(&State::loadingAlert);
 }
 
 void KQVisitorXMPPClient::setLoadingAlert(std::shared_ptr<AlertView> value) {
-  std::scoped_lock lock(mutex_);
-  loadingAlert_ = std::move(value);
+  state_->set(&State::loadingAlert, std::move(value));
 }
 
 std::shared_ptr<AlertView> KQVisitorXMPPClient::alertForConectivity() const {
-  std::scoped_lock lock(mutex_);
-  return alertForConectivity_;
+  return state_->get(&State::alertForConectivity);
 }
 
 void KQVisitorXMPPClient::setAlertForConectivity(std::shared_ptr<AlertView> value) {
-  std::scoped_lock lock(mutex_);
-  alertForConectivity_ = std::move(value);
+  state_->set(&State::alertForConectivity, std::move(value));
 }
 
 std::shared_ptr<Timer> KQVisitorXMPPClient::timerForQAScreen() const {
-  std::scoped_lock lock(mutex_);
-  return timerForQAScreen_;
+  return state_->get(&State::timerForQAScreen);
 }
 
 void KQVisitorXMPPClient::setTimerForQAScreen(std::shared_ptr<Timer> value) {
-  std::scoped_lock lock(mutex_);
-  timerForQAScreen_ = std::move(value);
+  state_->set(&State::timerForQAScreen, std::move(value));
 }
 
 // --- Rooms, invitations and notifications -------------------------------------------------
 
+void KQVisitorXMPPClient::createXmpproomwithwebsiteID(
+    const std::optional<std::string>& /*websiteID*/, const std::optional<std::string>& /*chatId*/,
+    const std::shared_ptr<KQVisitorUser>& description, const std::optional<std::string>& operatorId,
+    const std::optional<std::string>& forGreeting, const std::shared_ptr<KQVisitorUser>& forUser) {
+  const auto manager = sitesManager();
+  auto room = manager->getCurrentRoom();
+  if (!room) {
+    room = std::make_shared<KQVisitorRoom>();
+  }
+  room->setUnreadMessagesCount(room->unreadMessagesCount() + 1);
+  room->setOperatorId(operatorId);
+  room->setOperatorName(forUser ? forUser->username() : std::nullopt);
+  room->setGreetingMessage(forGreeting);
+  for (const auto& user : {description, forUser}) {
+    if (user) {
+      room->addRoomOcuupant(describe(user->userId()), user);
+    }
+  }
+  const auto website = manager->kqWebsite();
+  room->setSite(website);
+  if (website) {
+    website->rooms()->setObject(room, "currentRoom");
+  }
+}
+
+std::shared_ptr<KQVisitorRoom> KQVisitorXMPPClient::joinXmpproomwitChatID(
+    const std::optional<std::string>& chatId) {
+  if (!chatId) {
+    return nullptr;
+  }
+  const auto manager = sitesManager();
+  const auto room = manager->getCurrentRoom();
+  if (room && room->isRoomJoined()) {
+    return room;
+  }
+  const auto roomJID =
+      xmpp::XMPPJID::jidWithString("room" + *chatId + "@conference." + std::string(kXMPPDomain));
+  if (!roomJID) {
+    log("KQVisitorXMPPClient: the chat id \"", *chatId, "\" makes no room address");
+    return nullptr;
+  }
+  auto xmppRoom = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+                                                   *roomJID, DispatchQueue::main());
+  xmppRoom->activate(xmppStream());
+  // Accepts the server's defaults before the join; the room's creation asks again.
+  xmppRoom->configureRoomUsingOptions(std::nullopt);
+  if (!room) {
+    xmppRoom->deactivate();  // nobody would keep it
+    return nullptr;
+  }
+  if (const auto previous = room->xmppRoom()) {
+    previous->deactivate();
+  }
+  room->setXmppRoom(std::move(xmppRoom));
+  room->setRoomId(chatId);
+  room->addRoomDelegate(room);
+  room->addRoomDelegate(shared_from_this());
+  room->connect();
+  manager->joinRoom(room);
+  return room;
+}
+
 void KQVisitorXMPPClient::sendDefaultRoomConfig(const std::optional<std::string>& /*jid*/) {
-  // Acts on the sites manager's current room once the session flow exists: its XMPPRoom is
-  // configured with no options (configureRoomUsingOptions(std::nullopt)), then inviteUser().
+  const auto room = sitesManager()->getCurrentRoom();
+  if (!room) {
+    return;
+  }
+  if (const auto xmppRoom = room->xmppRoom()) {
+    xmppRoom->configureRoomUsingOptions(std::nullopt);
+  }
   inviteUser();
 }
 
 void KQVisitorXMPPClient::inviteUser() {
-  // Invites "<operatorId>@localhost" into the sites manager's current room, with the room's
-  // reason packet, once the session flow and the product's rooms exist.
+  const auto room = sitesManager()->getCurrentRoom();
+  if (!room) {
+    return;
+  }
+  room->inviteUser(
+      xmpp::XMPPJID::jidWithString(describe(room->operatorId()) + "@" + std::string(kXMPPDomain)),
+      room->getReasonPacket());
 }
 
 void KQVisitorXMPPClient::removeIdleRooms(const Notification& notification) {
@@ -544,8 +623,12 @@ void KQVisitorXMPPClient::removeIdleRooms(const Notification& notification) {
   if (!info.is_object() || !info.contains("roomId") || info["roomId"].is_null()) {
     throw std::invalid_argument("removeIdleRooms: the notification carries no \"roomId\"");
   }
-  // The room "roomId" leaves the rooms of the sites manager's website here once the session
-  // flow exists ("siteId" is read and not used).
+  // "siteId" is read and not used: the room leaves the session's website, whichever it was.
+  const auto& roomId = info["roomId"];
+  if (const auto website = sitesManager()->kqWebsite()) {
+    website->rooms()->removeObjectForKey(roomId.is_string() ? roomId.get<std::string>()
+                                                            : roomId.dump());
+  }
   NotificationCenter::defaultCenter().post("reloadData");
 }
 
@@ -566,83 +649,67 @@ void KQVisitorXMPPClient::performLoacalNotification(bool notify) {
 }
 
 std::int32_t KQVisitorXMPPClient::badgeCount() const {
-  std::scoped_lock lock(mutex_);
-  return badgeCount_;
+  return state_->get(&State::badgeCount);
 }
 
 void KQVisitorXMPPClient::setBadgeCount(std::int32_t value) {
-  std::scoped_lock lock(mutex_);
-  badgeCount_ = value;
+  state_->set(&State::badgeCount, value);
 }
 
 std::int32_t KQVisitorXMPPClient::messageCounterForOperatorBadge() const {
-  std::scoped_lock lock(mutex_);
-  return messageCounterForOperatorBadge_;
+  return state_->get(&State::messageCounterForOperatorBadge);
 }
 
 void KQVisitorXMPPClient::setMessageCounterForOperatorBadge(std::int32_t value) {
-  std::scoped_lock lock(mutex_);
-  messageCounterForOperatorBadge_ = value;
+  state_->set(&State::messageCounterForOperatorBadge, value);
 }
 
 bool KQVisitorXMPPClient::operatorScreenActive() const {
-  std::scoped_lock lock(mutex_);
-  return operatorScreenActive_;
+  return state_->get(&State::operatorScreenActive);
 }
 
 void KQVisitorXMPPClient::setOperatorScreenActive(bool value) {
-  std::scoped_lock lock(mutex_);
-  operatorScreenActive_ = value;
+  state_->set(&State::operatorScreenActive, value);
 }
 
 std::int64_t KQVisitorXMPPClient::panelType() const {
-  std::scoped_lock lock(mutex_);
-  return panelType_;
+  return state_->get(&State::panelType);
 }
 
 void KQVisitorXMPPClient::setPanelType(std::int64_t value) {
-  std::scoped_lock lock(mutex_);
-  panelType_ = value;
+  state_->set(&State::panelType, value);
 }
 
 std::vector<std::any> KQVisitorXMPPClient::kqCanMessagesArray() const {
-  std::scoped_lock lock(mutex_);
-  return kqCanMessagesArray_;
+  return state_->get(&State::kqCanMessagesArray);
 }
 
 void KQVisitorXMPPClient::setKqCanMessagesArray(std::vector<std::any> value) {
-  std::scoped_lock lock(mutex_);
-  kqCanMessagesArray_ = std::move(value);
+  state_->set(&State::kqCanMessagesArray, std::move(value));
 }
 
 std::any KQVisitorXMPPClient::loadingActivityIndicator() const {
-  std::scoped_lock lock(mutex_);
-  return loadingActivityIndicator_;
+  return state_->get(&State::loadingActivityIndicator);
 }
 
 void KQVisitorXMPPClient::setLoadingActivityIndicator(std::any value) {
-  std::scoped_lock lock(mutex_);
-  loadingActivityIndicator_ = std::move(value);
+  state_->set(&State::loadingActivityIndicator, std::move(value));
 }
 
 std::weak_ptr<void> KQVisitorXMPPClient::chatDelegate() const {
-  std::scoped_lock lock(mutex_);
-  return chatDelegate_;
+  return state_->get(&State::chatDelegate);
 }
 
 void KQVisitorXMPPClient::setChatDelegate(std::weak_ptr<void> value) {
-  std::scoped_lock lock(mutex_);
-  chatDelegate_ = std::move(value);
+  state_->set(&State::chatDelegate, std::move(value));
 }
 
 std::weak_ptr<void> KQVisitorXMPPClient::messageDelegate() const {
-  std::scoped_lock lock(mutex_);
-  return messageDelegate_;
+  return state_->get(&State::messageDelegate);
 }
 
 void KQVisitorXMPPClient::setMessageDelegate(std::weak_ptr<void> value) {
-  std::scoped_lock lock(mutex_);
-  messageDelegate_ = std::move(value);
+  state_->set(&State::messageDelegate, std::move(value));
 }
 
 // --- Network reachability ------------------------------------------------------------------
@@ -662,17 +729,12 @@ bool KQVisitorXMPPClient::isInternetAvaliable() const {
 }
 
 std::shared_ptr<Reachability> KQVisitorXMPPClient::reachability() const {
-  std::scoped_lock lock(mutex_);
-  return reachability_;
+  return state_->get(&State::reachability);
 }
 
 void KQVisitorXMPPClient::setReachability(std::shared_ptr<Reachability> reachability) {
-  {
-    std::scoped_lock lock(mutex_);
-    reachability_.swap(reachability);
-  }
-  // The previous listener (now in `reachability`) stops outside the lock: stopping waits for
-  // a handler in progress.
+  // The previous listener stops outside the lock: stopping waits for a handler in progress.
+  state_->set(&State::reachability, std::move(reachability));
 }
 
 }  // namespace kq

@@ -14,15 +14,17 @@
 #include <any>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kq {
 
+class KQVisitorRoom;
 class Reachability;
 class Timer;
+template <class T>
+class Guarded;
 
 namespace xmpp {
 class XMPPCapabilities;
@@ -55,7 +57,8 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
 
   /// The client, built on first use (thread-safe): nothing connects then. It lives until the
   /// process ends. The stream takes the XMPP host and port of KQVisitorConfig::shared() as it
-  /// is at that moment.
+  /// is at that moment. When the configuration file broke one of them (or the CA file),
+  /// connectUser() logs why and answers false instead of connecting to a default server.
   static KQVisitorXMPPClient& instance();
 
   /// A client of its own, built as instance() builds the singleton (stream and modules set up,
@@ -85,11 +88,11 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   /// Starts SASL ANONYMOUS when the server offers it and answers the stream's answer; answers
   /// true without sending anything when the server does not offer it.
   bool authenticateAnonymousUser();
-  /// Sends an available presence, then has the sites manager rejoin the operator rooms.
+  /// Sends an available presence, then has the sites manager rejoin the current room.
   void goOnline();
   /// Sends an unavailable presence.
   void goOffline();
-  /// Closes the operator rooms, goes offline and disconnects the stream (which stays, ready for
+  /// Closes the current room, goes offline and disconnects the stream (which stays, ready for
   /// the next connectUser()).
   void disconnect();
   /// Closes the visitor's rooms, says goodbye and disconnects: disconnect() on instance().
@@ -146,10 +149,28 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
 
   // --- Rooms, invitations and notifications -------------------------------------------------
 
+  /// Fills the record of the room about to be joined: the sites manager's current room, made
+  /// (and filed under "currentRoom" of the website) when there is none. One more unread
+  /// message; the operator's id, `forUser`'s name as operator name, the greeting; `description`
+  /// then `forUser` filed as occupants by user id. Sends nothing. `websiteID` and `chatId` are
+  /// not used: the join sets the room id.
+  void createXmpproomwithwebsiteID(const std::optional<std::string>& websiteID,
+                                   const std::optional<std::string>& chatId,
+                                   const std::shared_ptr<KQVisitorUser>& description,
+                                   const std::optional<std::string>& operatorId,
+                                   const std::optional<std::string>& forGreeting,
+                                   const std::shared_ptr<KQVisitorUser>& forUser);
+  /// Joins the chat "room<chatId>@conference.localhost" as the current room: an XMPPRoom on the
+  /// main queue, activated on the stream, asked at once for the server's default
+  /// configuration; the room and then the client become its delegates; the room connects and
+  /// is recorded as joined by the sites manager. A current room already joined is answered as
+  /// it is. Null for a missing chat id, one that makes no address, or no current room.
+  std::shared_ptr<KQVisitorRoom> joinXmpproomwitChatID(const std::optional<std::string>& chatId);
   /// Configures the current room with the server's defaults and invites its operator. (`jid` is
   /// not used.) Called for each status 201 of a received presence.
   void sendDefaultRoomConfig(const std::optional<std::string>& jid);
-  /// Invites the current room's operator, without configuring.
+  /// Invites the current room's operator "<operatorId>@localhost" with the room's reason
+  /// packet, without configuring.
   void inviteUser();
   /// Handles "removeIdleRooms": removes the room "roomId" from the website's rooms and posts
   /// "reloadData". Without "roomId" it throws std::invalid_argument.
@@ -209,42 +230,14 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   void setReachability(std::shared_ptr<Reachability> reachability);
 
  private:
-  KQVisitorXMPPClient() = default;
+  KQVisitorXMPPClient();
   void initSingleton();
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<KQVisitorSitesManager> sitesManager_;  // guarded by mutex_
-  std::shared_ptr<Reachability> reachability_;           // guarded by mutex_
-
-  // Connection.
-  std::shared_ptr<xmpp::XMPPStream> xmppStream_;                        // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect_;                  // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPRoster> xmppRoster_;                        // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage_;    // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage_;      // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule_;      // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule_;  // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities_;            // guarded by mutex_
-  std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> xmppCapabilitiesStorage_;  // guarded
-  bool allowSelfSignedCertificates_ = false;        // guarded by mutex_
-  bool allowSSLHostNameMismatch_ = false;           // guarded by mutex_
-  bool isXmppConnected_ = false;                    // guarded by mutex_
-  bool isxmppStreamDisconnected_ = false;           // guarded by mutex_
-  bool isDisconnectedAllRooms_ = false;             // guarded by mutex_
-  std::shared_ptr<AlertView> loadingAlert_;         // guarded by mutex_
-  std::shared_ptr<AlertView> alertForConectivity_;  // guarded by mutex_
-  std::shared_ptr<Timer> timerForQAScreen_;         // guarded by mutex_
-
-  // Rooms, invitations and notifications.
+  // Everything the accessors above read and write, private to KQVisitorXMPPClient.cpp, under
+  // one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
   NotificationCenter::Token removeIdleRoomsObserver_ = 0;
-  std::int32_t badgeCount_ = 0;                      // guarded by mutex_
-  std::int32_t messageCounterForOperatorBadge_ = 0;  // guarded by mutex_
-  bool operatorScreenActive_ = false;                // guarded by mutex_
-  std::int64_t panelType_ = 0;                       // guarded by mutex_
-  std::vector<std::any> kqCanMessagesArray_;         // guarded by mutex_
-  std::any loadingActivityIndicator_;                // guarded by mutex_
-  std::weak_ptr<void> chatDelegate_;                 // guarded by mutex_
-  std::weak_ptr<void> messageDelegate_;              // guarded by mutex_
 };
 
 }  // namespace kq

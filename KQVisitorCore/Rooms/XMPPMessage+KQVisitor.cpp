@@ -3,6 +3,7 @@
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 
+#include <algorithm>
 #include <string_view>
 #include <vector>
 
@@ -152,7 +153,7 @@ bool isErrorMessage(const xmpp::XMPPMessage& message) {
   return !query.nodesForXPath("//xmlns:error").empty();
 }
 
-bool ignoreMessage(const xmpp::XMPPMessage& message) {
+bool isIgnoredChatText(std::string_view text) {
   static constexpr std::string_view kIgnored[] = {
       "[DND]",
       "[Ignore]",
@@ -161,15 +162,13 @@ bool ignoreMessage(const xmpp::XMPPMessage& message) {
       "This room is not anonymous.",
       "[UnLockChat]",
       "This room is locked from entry until configuration is confirmed.",
-      kNoBody,
   };
+  return std::find(std::begin(kIgnored), std::end(kIgnored), text) != std::end(kIgnored);
+}
+
+bool ignoreMessage(const xmpp::XMPPMessage& message) {
   const std::string body = kqChatMessage(message);
-  for (const auto text : kIgnored) {
-    if (body == text) {
-      return true;
-    }
-  }
-  return false;
+  return isIgnoredChatText(body) || body == kNoBody;
 }
 
 }  // namespace kq

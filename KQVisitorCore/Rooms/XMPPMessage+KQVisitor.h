@@ -53,10 +53,11 @@ KQ_EXPORT bool isGroupChat(const xmpp::XMPPMessage& message);
 KQ_EXPORT void addComposingState(xmpp::XMPPMessage& message);
 /// True when the stanza holds an <error> of the jabber:client namespace.
 KQ_EXPORT bool isErrorMessage(const xmpp::XMPPMessage& message);
-/// True when kqChatMessage is one of the control texts that are not chat: "[DND]",
-/// "[Ignore]", "[LockChat]", "[NICKCHANGE]", "This room is not anonymous.", "[UnLockChat]",
-/// "This room is locked from entry until configuration is confirmed.", "Other Than Body
-/// Packet".
+/// True for the control texts that are not chat, as a host application's list has them:
+/// "[DND]", "[Ignore]", "[LockChat]", "[NICKCHANGE]", "This room is not anonymous.",
+/// "[UnLockChat]", "This room is locked from entry until configuration is confirmed.".
+KQ_EXPORT bool isIgnoredChatText(std::string_view text);
+/// True when kqChatMessage is one of those texts or "Other Than Body Packet".
 KQ_EXPORT bool ignoreMessage(const xmpp::XMPPMessage& message);
 
 }  // namespace kq

@@ -1,0 +1,693 @@
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+
+#include <KQVisitorCore/Model/KQVisitorMessageType.h>
+#include <KQVisitorCore/Model/KQVisitorSite.h>
+#include <KQVisitorCore/Network/KQVisitorWebService.h>
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Foundation.h>
+#include <KQVisitorCore/Platform/Guarded.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+#include <algorithm>
+#include <string_view>
+
+namespace kq {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr Clock::Duration kIdleRemovalDelay = 4s;
+
+std::shared_ptr<KQVisitorSitesManager> sitesManager() {
+  return KQVisitorXMPPClient::instance().sitesManager();
+}
+
+std::optional<std::string> siteIdOf(const std::shared_ptr<KQVisitorSite>& site) {
+  return site ? site->siteId() : std::nullopt;
+}
+
+std::optional<std::string> usernameOf(const std::shared_ptr<KQVisitorUser>& user) {
+  return user ? user->username() : std::nullopt;
+}
+
+// How the platform would print an XMPPRoom in a log line.
+std::string describeRoom(const xmpp::XMPPRoom& room) {
+  return "<XMPPRoom " + room.roomJID().full() + ">";
+}
+
+}  // namespace
+
+struct KQVisitorRoom::State {
+  std::optional<std::string> roomId;
+  std::shared_ptr<xmpp::XMPPRoom> xmppRoom;
+  std::weak_ptr<KQVisitorSite> site;
+  Occupants roomOcuupants;
+  Messages messages;
+  std::int64_t unreadMessagesCount = 0;
+  std::optional<std::string> operatorId;
+  std::optional<std::string> operatorName;
+  std::optional<std::string> greetingMessage;
+  std::optional<std::string> httpMessageId;
+  std::vector<RoomUpdatesCallbackRef> roomUpdatesCallback;
+  nlohmann::ordered_json notSentMessages = nlohmann::ordered_json::object();
+  nlohmann::ordered_json allLinks = nlohmann::ordered_json::array();
+  std::string tmpRoomMessage;
+  bool isRoomEnabled = true;
+  bool isRoomJoined = false;
+  bool isRoomJoininng = false;
+  bool isRoomDestroyed = false;
+  bool isRoomNeedUpate = false;
+  std::optional<std::string> isRoomExist;
+  bool isDelayed = false;
+  std::shared_ptr<Timer> refreshTimer;
+};
+
+KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
+
+KQVisitorRoom::~KQVisitorRoom() {
+  if (const auto room = state_->get(&State::xmppRoom)) {
+    if (room->isJoined()) {
+      room->leaveRoom();
+    }
+    room->deactivate();  // the stream lets go of it; nothing of it reaches anyone any more
+  }
+  NotificationCenter::defaultCenter().removeObserver(static_cast<const void*>(this));
+}
+
+std::any KQVisitorRoom::self() {
+  return std::any(shared_from_this());
+}
+
+// --- Fields -----------------------------------------------------------------------------------
+
+std::optional<std::string> KQVisitorRoom::roomId() const {
+  return state_->get(&State::roomId);
+}
+
+void KQVisitorRoom::setRoomId(std::optional<std::string> roomId) {
+  state_->set(&State::roomId, std::move(roomId));
+}
+
+std::shared_ptr<xmpp::XMPPRoom> KQVisitorRoom::xmppRoom() const {
+  return state_->get(&State::xmppRoom);
+}
+
+void KQVisitorRoom::setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom) {
+  state_->set(&State::xmppRoom, std::move(xmppRoom));
+}
+
+std::shared_ptr<KQVisitorSite> KQVisitorRoom::site() const {
+  return state_->get(&State::site).lock();
+}
+
+void KQVisitorRoom::setSite(const std::shared_ptr<KQVisitorSite>& site) {
+  state_->set(&State::site, std::weak_ptr<KQVisitorSite>(site));
+}
+
+KQVisitorRoom::Occupants KQVisitorRoom::roomOcuupants() const {
+  return state_->get(&State::roomOcuupants);
+}
+
+void KQVisitorRoom::setRoomOcuupants(Occupants roomOcuupants) {
+  state_->set(&State::roomOcuupants, std::move(roomOcuupants));
+}
+
+void KQVisitorRoom::addRoomOcuupant(const std::string& userId,
+                                    std::shared_ptr<KQVisitorUser> user) {
+  state_->with([&](State& state) { std::swap(state.roomOcuupants[userId], user); });
+}
+
+KQVisitorRoom::Messages KQVisitorRoom::messages() const {
+  return state_->get(&State::messages);
+}
+
+void KQVisitorRoom::setMessages(Messages messages) {
+  state_->set(&State::messages, std::move(messages));
+}
+
+void KQVisitorRoom::addMessage(std::shared_ptr<KQVisitorMessage> message) {
+  state_->with([&](State& state) { state.messages.push_back(std::move(message)); });
+}
+
+std::int64_t KQVisitorRoom::unreadMessagesCount() const {
+  return state_->get(&State::unreadMessagesCount);
+}
+
+void KQVisitorRoom::setUnreadMessagesCount(std::int64_t count) {
+  state_->set(&State::unreadMessagesCount, count);
+}
+
+std::optional<std::string> KQVisitorRoom::operatorId() const {
+  return state_->get(&State::operatorId);
+}
+
+void KQVisitorRoom::setOperatorId(std::optional<std::string> operatorId) {
+  state_->set(&State::operatorId, std::move(operatorId));
+}
+
+std::optional<std::string> KQVisitorRoom::operatorName() const {
+  return state_->get(&State::operatorName);
+}
+
+void KQVisitorRoom::setOperatorName(std::optional<std::string> operatorName) {
+  state_->set(&State::operatorName, std::move(operatorName));
+}
+
+std::optional<std::string> KQVisitorRoom::greetingMessage() const {
+  return state_->get(&State::greetingMessage);
+}
+
+void KQVisitorRoom::setGreetingMessage(std::optional<std::string> greetingMessage) {
+  state_->set(&State::greetingMessage, std::move(greetingMessage));
+}
+
+std::string KQVisitorRoom::httpMessageId() const {
+  return state_->get(&State::httpMessageId).value_or("0");
+}
+
+void KQVisitorRoom::setHttpMessageId(std::optional<std::string> httpMessageId) {
+  state_->set(&State::httpMessageId, std::move(httpMessageId));
+}
+
+std::vector<KQVisitorRoom::RoomUpdatesCallbackRef> KQVisitorRoom::roomUpdatesCallback() const {
+  return state_->get(&State::roomUpdatesCallback);
+}
+
+nlohmann::ordered_json KQVisitorRoom::notSentMessages() const {
+  return state_->get(&State::notSentMessages);
+}
+
+void KQVisitorRoom::setNotSentMessages(nlohmann::ordered_json notSentMessages) {
+  state_->set(&State::notSentMessages, std::move(notSentMessages));
+}
+
+nlohmann::ordered_json KQVisitorRoom::allLinks() const {
+  return state_->get(&State::allLinks);
+}
+
+void KQVisitorRoom::setAllLinks(nlohmann::ordered_json allLinks) {
+  state_->set(&State::allLinks, std::move(allLinks));
+}
+
+std::string KQVisitorRoom::tmpRoomMessage() const {
+  return state_->get(&State::tmpRoomMessage);
+}
+
+void KQVisitorRoom::setTmpRoomMessage(std::string tmpRoomMessage) {
+  state_->set(&State::tmpRoomMessage, std::move(tmpRoomMessage));
+}
+
+bool KQVisitorRoom::isRoomEnabled() const {
+  return state_->get(&State::isRoomEnabled);
+}
+
+void KQVisitorRoom::setIsRoomEnabled(bool value) {
+  state_->set(&State::isRoomEnabled, value);
+}
+
+bool KQVisitorRoom::isRoomJoined() const {
+  return state_->get(&State::isRoomJoined);
+}
+
+void KQVisitorRoom::setIsRoomJoined(bool value) {
+  state_->set(&State::isRoomJoined, value);
+}
+
+bool KQVisitorRoom::isRoomJoininng() const {
+  return state_->get(&State::isRoomJoininng);
+}
+
+void KQVisitorRoom::setIsRoomJoininng(bool value) {
+  state_->set(&State::isRoomJoininng, value);
+}
+
+bool KQVisitorRoom::isRoomDestroyed() const {
+  return state_->get(&State::isRoomDestroyed);
+}
+
+void KQVisitorRoom::setIsRoomDestroyed(bool value) {
+  state_->set(&State::isRoomDestroyed, value);
+}
+
+bool KQVisitorRoom::isRoomNeedUpate() const {
+  return state_->get(&State::isRoomNeedUpate);
+}
+
+void KQVisitorRoom::setIsRoomNeedUpate(bool value) {
+  state_->set(&State::isRoomNeedUpate, value);
+}
+
+std::optional<std::string> KQVisitorRoom::isRoomExist() const {
+  return state_->get(&State::isRoomExist);
+}
+
+void KQVisitorRoom::setIsRoomExist(std::optional<std::string> value) {
+  state_->set(&State::isRoomExist, std::move(value));
+}
+
+bool KQVisitorRoom::isDelayed() const {
+  return false;  // whatever was stored
+}
+
+void KQVisitorRoom::setIsDelayed(bool value) {
+  state_->set(&State::isDelayed, value);
+}
+
+// --- Identity and delegates -------------------------------------------------------------------
+
+bool KQVisitorRoom::isHttpRoom() const {
+  return !xmppRoom();
+}
+
+bool KQVisitorRoom::isConnected() const {
+  const auto room = xmppRoom();
+  return room && room->isJoined();
+}
+
+void KQVisitorRoom::addRoomDelegate(const std::shared_ptr<xmpp::XMPPRoomDelegate>& delegate) {
+  if (const auto room = xmppRoom()) {
+    room->addDelegate(delegate, DispatchQueue::main());
+  }
+}
+
+void KQVisitorRoom::removeRoomDelegate(const xmpp::XMPPRoomDelegate* delegate) {
+  if (const auto room = xmppRoom()) {
+    room->removeDelegate(delegate);
+  }
+}
+
+// --- Update callbacks -------------------------------------------------------------------------
+
+void KQVisitorRoom::addRoomUpdatesCallBack(const RoomUpdatesCallbackRef& callback) {
+  if (!callback) {
+    return;
+  }
+  state_->with([&callback](State& state) {
+    auto& callbacks = state.roomUpdatesCallback;
+    if (std::find(callbacks.begin(), callbacks.end(), callback) == callbacks.end()) {
+      callbacks.push_back(callback);
+    }
+  });
+}
+
+void KQVisitorRoom::removeRoomUpdateCallback(const RoomUpdatesCallbackRef& callback) {
+  std::vector<RoomUpdatesCallbackRef> removed;  // released outside the lock
+  state_->with([&](State& state) {
+    auto& callbacks = state.roomUpdatesCallback;
+    const auto first = std::stable_partition(callbacks.begin(), callbacks.end(),
+                                             [&](const auto& entry) { return entry != callback; });
+    removed.assign(first, callbacks.end());
+    callbacks.erase(first, callbacks.end());
+  });
+}
+
+void KQVisitorRoom::sendRoomUpdatesWithStatus(std::int64_t status, const std::any& object) {
+  for (const auto& callback : roomUpdatesCallback()) {
+    (*callback)(object, status);
+  }
+}
+
+// --- XMPP mode --------------------------------------------------------------------------------
+
+void KQVisitorRoom::connect() {
+  const auto [id, room] =
+      state_->with([](const State& state) { return std::pair(state.roomId, state.xmppRoom); });
+  if (!id || isConnected()) {
+    return;
+  }
+  if (room) {
+    room->joinRoomUsingNickname(describe(usernameOf(getVisitor())), std::nullopt);
+  }
+  sendRoomUpdatesWithStatus(KQRoomUpdateJoining, {});
+}
+
+void KQVisitorRoom::closeStream() {
+  disconnect(xmppRoom());
+}
+
+void KQVisitorRoom::closeRoomSession() {
+  leaveAndRemoveDelegates();
+  closeStream();
+}
+
+void KQVisitorRoom::leaveAndRemoveDelegates() {
+  if (const auto room = xmppRoom()) {
+    room->leaveRoom();
+  }
+  removeRoomDelegate(&KQVisitorXMPPClient::instance());
+  removeRoomDelegate(this);
+}
+
+void KQVisitorRoom::closeRoom() {
+  const auto keepAlive = shared_from_this();  // the tables below may hold the last references
+  setIsRoomJoined(false);
+  const auto manager = sitesManager();
+  manager->clearCurrentRoom();
+  manager->leaveRoom(keepAlive);
+  if (const auto owner = site()) {
+    owner->rooms()->removeAllObjects();
+  }
+  setSite(nullptr);
+  leaveAndRemoveDelegates();
+}
+
+void KQVisitorRoom::destroyRoom() {
+  const auto [id, room, owner] = state_->with([](const State& state) {
+    return std::tuple(state.roomId, state.xmppRoom, state.site.lock());
+  });
+  // The room id goes in the user-id slot: the service reads it there.
+  sendKQVisitorRoomDestroyMessageUserid(room, id, siteIdOf(owner), usernameOf(getVisitor()), id);
+}
+
+// --- Messages ---------------------------------------------------------------------------------
+
+bool KQVisitorRoom::sendMessage(const std::string& text) {
+  const auto [room, destroyed, id, owner] = state_->with([](const State& state) {
+    return std::tuple(state.xmppRoom, state.isRoomDestroyed, state.roomId, state.site.lock());
+  });
+  if (!room) {
+    sendHTTPMessage(text);
+    return true;
+  }
+  if (destroyed) {
+    return false;
+  }
+  const auto stream = room->xmppStream();
+  if (!stream || !stream->isConnected()) {
+    return false;
+  }
+  sendKQVisitorMessage(room, text, "0", siteIdOf(owner), "0", usernameOf(getVisitor()), id);
+  return true;
+}
+
+std::int64_t KQVisitorRoom::getMessageType(const std::optional<std::string>& senderId,
+                                           const std::optional<std::string>& managerId) {
+  if (intValue(managerId.value_or("")) == 0) {
+    return KQVisitorMessageTypeVisitor;
+  }
+  if (senderId && senderId == managerId) {
+    return KQVisitorMessageTypeOperator;
+  }
+  if (integerValue(senderId.value_or("")) < 0) {
+    return KQVisitorMessageTypeIgnored;
+  }
+  return KQVisitorMessageTypeParticipant;
+}
+
+bool KQVisitorRoom::ignoreMessage(const std::string& text) {
+  return isIgnoredChatText(text);
+}
+
+void KQVisitorRoom::inviteUser(const std::optional<xmpp::XMPPJID>& /*jid*/,
+                               const std::string& message) {
+  const auto [id, room, owner, operatorId] = state_->with([](const State& state) {
+    return std::tuple(state.roomId, state.xmppRoom, state.site.lock(), state.operatorId);
+  });
+  sendKQVisitorInvite(room, message, "0", siteIdOf(owner), "0", usernameOf(getVisitor()), id,
+                      operatorId);
+}
+
+std::string KQVisitorRoom::getReasonPacket() const {
+  const auto visitor = getVisitor();
+  const auto name = describe(usernameOf(visitor));
+  return describe(roomId()) + "|" + describe(siteIdOf(site())) + "|" +
+         describe(visitor ? visitor->userId() : std::nullopt) + "|" + name + "|" + name + "|" +
+         describe(greetingMessage());
+}
+
+std::shared_ptr<KQVisitorUser> KQVisitorRoom::getVisitor() {
+  return KQVisitorWebService::sharedInstance().currentUser();
+}
+
+std::shared_ptr<KQVisitorUser> KQVisitorRoom::getOperator() const {
+  return state_->with([](const State& state) -> std::shared_ptr<KQVisitorUser> {
+    if (!state.operatorId) {
+      return nullptr;
+    }
+    const auto found = state.roomOcuupants.find(*state.operatorId);
+    return found == state.roomOcuupants.end() ? nullptr : found->second;
+  });
+}
+
+void KQVisitorRoom::addOperatorGreetingMessage() {
+  const auto greeting = greetingMessage();
+  if (!greeting) {
+    return;
+  }
+  auto message = std::make_shared<KQVisitorMessage>();
+  message->setMessage(*greeting);
+  message->setMessageType(KQVisitorMessageTypeOperator);
+  message->setTimeStamp(Date::now());
+  message->setManagerId("0");
+  message->setSender(getOperator());
+  setMessages({std::move(message)});
+}
+
+void KQVisitorRoom::clearAllMessages() {
+  setMessages({});
+}
+
+std::shared_ptr<KQVisitorMessage> KQVisitorRoom::lastMessage() const {
+  return state_->with(
+      [](const State& state) { return state.messages.empty() ? nullptr : state.messages.back(); });
+}
+
+nlohmann::ordered_json KQVisitorRoom::lastChatMessageData() const {
+  const auto last = lastMessage();
+  const auto sender = last ? last->sender() : nullptr;
+  nlohmann::ordered_json data;
+  data["image"] = "avatar.png";
+  data["message"] = last ? last->message().value_or("") : "";
+  data["sender"] = usernameOf(sender).value_or("");
+  return data;
+}
+
+void KQVisitorRoom::sendActiveChatState() {
+  kq::sendActiveChatState(xmppRoom());
+}
+
+void KQVisitorRoom::sendComposingChatState() {
+  kq::sendComposingChatState(xmppRoom());
+}
+
+void KQVisitorRoom::sendPausedChatState() {
+  kq::sendPausedChatState(xmppRoom());
+}
+
+void KQVisitorRoom::sendInactiveChatState() {
+  kq::sendInactiveChatState(xmppRoom());
+}
+
+void KQVisitorRoom::sendGoneChatState() {
+  kq::sendGoneChatState(xmppRoom());
+}
+
+// --- HTTP mode --------------------------------------------------------------------------------
+
+void KQVisitorRoom::joinHTTPRoom() {
+  // The tick holds the room, as a run loop's timer holds its target, until it is stopped.
+  auto timer = Timer::scheduledTimer(
+      DispatchQueue::main(),
+      std::chrono::duration_cast<Clock::Duration>(
+          std::chrono::duration<double>(KQVisitorConfig::shared().httpPollInterval)),
+      true, [self = shared_from_this()](Timer& /*timer*/) { self->recieveHTTPMessage(); });
+  // A timer stored before is let go of without being stopped: it goes on polling.
+  state_->set(&State::refreshTimer, std::move(timer));
+}
+
+void KQVisitorRoom::recieveHTTPMessage() {
+  sitesManager()->getHTTPMessage(
+      [self = shared_from_this()](const std::optional<KQError>& error,
+                                  const std::shared_ptr<KQVisitorMessage>& message) {
+        self->refreshCompletion(error, message);
+      });
+}
+
+void KQVisitorRoom::sendHTTPMessage(const std::string& text) {
+  sitesManager()->sendHTTPMessage(
+      text, [self = shared_from_this()](const std::optional<KQError>& error,
+                                        const std::shared_ptr<KQVisitorMessage>& message) {
+        self->refreshCompletion(error, message);
+      });
+}
+
+void KQVisitorRoom::refreshCompletion(const std::optional<KQError>& error,
+                                      const std::shared_ptr<KQVisitorMessage>& result) {
+  if (!error) {
+    NotificationCenter::defaultCenter().post("KQVisitor_HTTP_Refresh", std::any(result));
+  }
+}
+
+void KQVisitorRoom::leaveHTTPRoom() {
+  sitesManager()->closeHTTPSession([](auto, auto) {});
+  if (const auto timer = state_->get(&State::refreshTimer)) {
+    timer->invalidate();  // the stopped timer stays in its field
+  }
+}
+
+// --- Ending -----------------------------------------------------------------------------------
+
+void KQVisitorRoom::roomDestroyUpdate() {
+  const auto keepAlive = shared_from_this();
+  log("Room Destroy KQVisitorRoom");
+  state_->with([](State& state) {
+    state.isRoomDestroyed = true;
+    state.isRoomExist = "NO";
+  });
+  auto closing = std::make_shared<KQVisitorMessage>();
+  closing->setMessage("Left the conversation");
+  closing->setTimeStamp(Date::now());
+  closing->setMessageType(KQVisitorMessageTypeOperator);
+  // The pending removal keeps the room alive until it runs.
+  DispatchQueue::main()->asyncAfter(kIdleRemovalDelay,
+                                    [keepAlive] { keepAlive->removeRoomAfterIdel(); });
+  addMessage(std::move(closing));
+  sendRoomUpdatesWithStatus(KQRoomUpdateDestroyed, self());
+  closeRoom();
+  closeStream();
+}
+
+void KQVisitorRoom::removeRoomAfterIdel() {
+  nlohmann::ordered_json information = nlohmann::ordered_json::object();
+  // Built up to the first missing value.
+  if (const auto id = roomId()) {
+    information["roomId"] = *id;
+    if (const auto siteId = siteIdOf(site())) {
+      information["siteId"] = *siteId;
+    }
+  }
+  NotificationCenter::defaultCenter().post("removeIdleRooms", {}, information);
+}
+
+void KQVisitorRoom::setTotalMessagesDelivered() {
+  UserDefaults::standard().setInteger(unreadMessagesCount(), "kqroom" + describe(roomId()));
+}
+
+std::int64_t KQVisitorRoom::totalMessagesDelivered() const {
+  return UserDefaults::standard().integerForKey("kqroom" + describe(roomId()));
+}
+
+// --- Events of the XMPPRoom -------------------------------------------------------------------
+
+void KQVisitorRoom::xmppRoomDidCreate(xmpp::XMPPRoom& /*sender*/) {
+  if (!isRoomJoined()) {
+    sendRoomUpdatesWithStatus(KQRoomUpdateJoined, self());
+  }
+  setIsRoomJoined(true);
+}
+
+void KQVisitorRoom::xmppRoomDidJoin(xmpp::XMPPRoom& /*sender*/) {
+  if (!isRoomJoined()) {
+    sendRoomUpdatesWithStatus(KQRoomUpdateJoined, self());
+  }
+  clearAllMessages();
+  addOperatorGreetingMessage();
+  state_->with([](State& state) {
+    state.isRoomJoined = true;
+    state.isRoomJoininng = false;
+  });
+}
+
+void KQVisitorRoom::xmppRoomDidLeave(xmpp::XMPPRoom& sender) {
+  setIsRoomJoininng(true);
+  log("xmppRoomDidLeave : ", describeRoom(sender));
+}
+
+void KQVisitorRoom::xmppRoomDidDestroy(xmpp::XMPPRoom& /*sender*/) {
+  roomDestroyUpdate();
+}
+
+void KQVisitorRoom::xmppRoomDidFailToDestroy(xmpp::XMPPRoom& sender,
+                                             const xmpp::XMPPIQ& /*iqError*/) {
+  log(describeRoom(sender));
+}
+
+void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
+                                              const xmpp::XMPPMessage& message,
+                                              const xmpp::XMPPJID& /*occupantJID*/) {
+  const std::string body = kqChatMessage(message);
+  if (body == kDestroyRoomText) {
+    roomDestroyUpdate();
+    return;
+  }
+  if (body == kDNDText || body == kIgnoreText) {
+    destroyRoom();
+    return;
+  }
+  const auto visitor = getVisitor();
+  if (body == kNickChangeText) {
+    if (visitor) {
+      visitor->setUsername(visitorName(message));
+    }
+    auto& defaults = UserDefaults::standard();
+    const std::string key = "V_Inf:" + describe(siteIdOf(site()));
+    if (auto record = defaults.dictionaryForKey(key)) {
+      (*record)["V_N"] = jsonValue(usernameOf(visitor));
+      defaults.setObject(std::move(*record), key);
+      defaults.synchronize();
+    }
+    return;
+  }
+  if (isErrorMessage(message)) {
+    if (const auto room = xmppRoom()) {
+      room->activate(KQVisitorXMPPClient::instance().xmppStream());
+    }
+    connect();
+    sendRoomUpdatesWithStatus(KQRoomUpdateRejoining, {});
+    return;
+  }
+  if (kq::ignoreMessage(message)) {
+    return;
+  }
+  const auto senderId = visitorId(message);
+  const std::int64_t type = getMessageType(senderId, managerId(message));
+  if (type == KQVisitorMessageTypeIgnored) {
+    return;
+  }
+  auto received = std::make_shared<KQVisitorMessage>();
+  received->setMessage(body);
+  received->setTimeStamp(getTimeStamp(message));
+  received->setManagerId(managerId(message));
+  received->setMessageType(type);
+
+  const auto before = messages();
+  if (before.size() == 1) {  // the greeting, as a rule: it takes the first message's time
+    before.front()->setTimeStamp(received->timeStamp());
+    NotificationCenter::defaultCenter().post("RoomStatusFirstMessage", self());
+  }
+  if (type == KQVisitorMessageTypeOperator) {
+    auto occupant = std::make_shared<KQVisitorUser>();
+    occupant->setUserId(senderId);
+    occupant->setUsername(visitorName(message));
+    addRoomOcuupant(describe(senderId), std::move(occupant));
+  }
+  state_->with([&received](State& state) {
+    ++state.unreadMessagesCount;
+    state.messages.push_back(received);
+  });
+  if (type == KQVisitorMessageTypeVisitor) {
+    if (visitor) {
+      visitor->setUsername(visitorName(message));
+    }
+    received->setSender(visitor);
+    sendRoomUpdatesWithStatus(KQRoomUpdateOwnMessage, std::any(received));
+    return;
+  }
+  const auto occupants = roomOcuupants();
+  const auto found = occupants.find(describe(senderId));
+  received->setSender(found == occupants.end() ? nullptr : found->second);
+  sendRoomUpdatesWithStatus(KQRoomUpdateNewMessage, self());
+}
+
+}  // namespace kq

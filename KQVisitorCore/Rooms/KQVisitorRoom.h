@@ -1,0 +1,258 @@
+#pragma once
+
+#include <KQVisitorCore/Model/KQVisitorMessage.h>
+#include <KQVisitorCore/Model/KQVisitorUser.h>
+#include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
+
+#include <nlohmann/json.hpp>
+
+#include <any>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kq {
+
+class KQVisitorSite;
+template <class T>
+class Guarded;
+
+namespace xmpp {
+class XMPPJID;
+class XMPPRoom;
+}  // namespace xmpp
+
+/// The statuses a room sends to its update callbacks, with the object each carries.
+enum KQRoomUpdateStatus : std::int64_t {
+  KQRoomUpdateJoined = 0,       ///< the room was created or joined; the room
+  KQRoomUpdateDestroyed = 1,    ///< the room was destroyed; the room
+  KQRoomUpdateNewMessage = 3,   ///< an operator's message was stored; the room
+  KQRoomUpdateJoining = 4,      ///< the join request was sent; no object
+  KQRoomUpdateOwnMessage = 13,  ///< the visitor's own message came back; the new KQVisitorMessage
+  KQRoomUpdateRejoining = 14,   ///< an error message made the room join again; no object
+};
+
+/// One conversation between the visitor and an operator, over an XMPP multi-user-chat room
+/// (xmppRoom() set) or, without one, over HTTP polling through the sites manager.
+///
+/// Threads: room events, update callbacks, the poll (every 2.0 s by default) and the 4.0 s idle
+/// removal run on the main queue; the completions of the HTTP operations append to messages() on
+/// the HTTP session's thread. Every field may be read and written from any thread; no callback and
+/// no notification is called with a lock held.
+///
+/// Ownership: the room keeps its XMPPRoom (and the room's activation on the stream) alive from
+/// the join until the room itself ends; closing it leaves the chat room and removes its
+/// delegates, so no event reaches a closed room. site() is not owned.
+///
+/// Create rooms with std::make_shared: the room hands itself to its XMPPRoom and timers.
+class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoom>,
+                                public xmpp::XMPPRoomDelegate {
+ public:
+  /// An update: the object (may be empty; a std::shared_ptr<KQVisitorRoom> or a
+  /// std::shared_ptr<KQVisitorMessage>) and the status.
+  using RoomUpdatesCallback = std::function<void(std::any object, std::int64_t status)>;
+  /// A callback's identity is the shared object holding it: adding the same pointer twice keeps
+  /// it once, and removing takes that pointer.
+  using RoomUpdatesCallbackRef = std::shared_ptr<const RoomUpdatesCallback>;
+  using Occupants = std::map<std::string, std::shared_ptr<KQVisitorUser>>;
+  using Messages = std::vector<std::shared_ptr<KQVisitorMessage>>;
+
+  /// The control texts a received message may be.
+  static constexpr const char* kDestroyRoomText = "[destroy room]";
+  static constexpr const char* kDNDText = "[DND]";
+  static constexpr const char* kIgnoreText = "[Ignore]";
+  static constexpr const char* kNickChangeText = "[NICKCHANGE]";
+
+  KQVisitorRoom();
+  KQVisitorRoom(const KQVisitorRoom&) = delete;
+  KQVisitorRoom& operator=(const KQVisitorRoom&) = delete;
+  /// Leaves the chat room, removes the room's delegates and lets the stream go of the
+  /// XMPPRoom. It does not touch the sites manager: a room that ends is no longer filed there.
+  ~KQVisitorRoom() override;
+
+  // --- Fields ---------------------------------------------------------------------------
+
+  /// The chat id: the chat id of every packet and the key of the room's stored values.
+  [[nodiscard]] std::optional<std::string> roomId() const;
+  void setRoomId(std::optional<std::string> roomId);
+  /// The multi-user-chat room; null for an HTTP room.
+  [[nodiscard]] std::shared_ptr<xmpp::XMPPRoom> xmppRoom() const;
+  void setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom);
+  /// The website the room belongs to (not owned).
+  [[nodiscard]] std::shared_ptr<KQVisitorSite> site() const;
+  void setSite(const std::shared_ptr<KQVisitorSite>& site);
+  /// The people of the room by user id (a copy); addRoomOcuupant files one.
+  [[nodiscard]] Occupants roomOcuupants() const;
+  void setRoomOcuupants(Occupants roomOcuupants);
+  void addRoomOcuupant(const std::string& userId, std::shared_ptr<KQVisitorUser> user);
+  /// The conversation, oldest first (a copy); addMessage appends one.
+  [[nodiscard]] Messages messages() const;
+  void setMessages(Messages messages);
+  void addMessage(std::shared_ptr<KQVisitorMessage> message);
+  /// Messages received and not yet read; only grows in the library, the host resets it.
+  [[nodiscard]] std::int64_t unreadMessagesCount() const;
+  void setUnreadMessagesCount(std::int64_t count);
+  [[nodiscard]] std::optional<std::string> operatorId() const;
+  void setOperatorId(std::optional<std::string> operatorId);
+  [[nodiscard]] std::optional<std::string> operatorName() const;
+  void setOperatorName(std::optional<std::string> operatorName);
+  [[nodiscard]] std::optional<std::string> greetingMessage() const;
+  void setGreetingMessage(std::optional<std::string> greetingMessage);
+  /// The last message id HTTP polling saw; "0" while none was stored.
+  [[nodiscard]] std::string httpMessageId() const;
+  void setHttpMessageId(std::optional<std::string> httpMessageId);
+  /// The update callbacks, in registration order (a copy).
+  [[nodiscard]] std::vector<RoomUpdatesCallbackRef> roomUpdatesCallback() const;
+  /// Kept for the host application; the library never reads or writes them after creation.
+  [[nodiscard]] nlohmann::ordered_json notSentMessages() const;
+  void setNotSentMessages(nlohmann::ordered_json notSentMessages);
+  [[nodiscard]] nlohmann::ordered_json allLinks() const;
+  void setAllLinks(nlohmann::ordered_json allLinks);
+  [[nodiscard]] std::string tmpRoomMessage() const;
+  void setTmpRoomMessage(std::string tmpRoomMessage);
+  /// True at creation; nothing in the library reads it.
+  [[nodiscard]] bool isRoomEnabled() const;
+  void setIsRoomEnabled(bool value);
+  /// Set by the join events, cleared by closeRoom().
+  [[nodiscard]] bool isRoomJoined() const;
+  void setIsRoomJoined(bool value);
+  /// Set when the room was left, cleared when it is joined.
+  [[nodiscard]] bool isRoomJoininng() const;
+  void setIsRoomJoininng(bool value);
+  /// The room was destroyed by the server or the operator; never cleared.
+  [[nodiscard]] bool isRoomDestroyed() const;
+  void setIsRoomDestroyed(bool value);
+  /// A plain flag for the host application.
+  [[nodiscard]] bool isRoomNeedUpate() const;
+  void setIsRoomNeedUpate(bool value);
+  /// nullopt until the room is destroyed, then "NO".
+  [[nodiscard]] std::optional<std::string> isRoomExist() const;
+  void setIsRoomExist(std::optional<std::string> value);
+  /// The setter stores the value; the getter always answers false.
+  [[nodiscard]] bool isDelayed() const;
+  void setIsDelayed(bool value);
+
+  // --- Identity and delegates -------------------------------------------------------------
+
+  /// True exactly when the room has no XMPPRoom.
+  [[nodiscard]] bool isHttpRoom() const;
+  /// Whether the XMPPRoom is joined (false without one).
+  [[nodiscard]] bool isConnected() const;
+  /// Adds `delegate` to the XMPPRoom's delegates, called on the main queue.
+  void addRoomDelegate(const std::shared_ptr<xmpp::XMPPRoomDelegate>& delegate);
+  void removeRoomDelegate(const xmpp::XMPPRoomDelegate* delegate);
+
+  // --- Update callbacks -------------------------------------------------------------------
+
+  /// Appends `callback` unless that very object is registered already.
+  void addRoomUpdatesCallBack(const RoomUpdatesCallbackRef& callback);
+  /// Removes `callback` (every registration of that object).
+  void removeRoomUpdateCallback(const RoomUpdatesCallbackRef& callback);
+  /// Calls every callback registered now, in registration order, on the calling thread. A
+  /// callback that adds or removes callbacks changes the list for the next update only.
+  void sendRoomUpdatesWithStatus(std::int64_t status, const std::any& object);
+
+  // --- XMPP mode --------------------------------------------------------------------------
+
+  /// Joins with the current user's name as nickname and no history, then status 4. Nothing
+  /// without a room id, or while joined.
+  void connect();
+  /// Disconnects the XMPPRoom's whole stream.
+  void closeStream();
+  /// Leaves the room, removes the client's and the room's delegates, then closeStream().
+  void closeRoomSession();
+  /// Not joined any more; the sites manager forgets its current room and this room; the site's
+  /// whole rooms table is emptied and the site forgotten; the room is left and the client's and
+  /// the room's delegates removed.
+  void closeRoom();
+  /// Asks the server to destroy the room with the destroy notice (the room id in the user-id
+  /// slot). The room changes only when the destruction comes back.
+  void destroyRoom();
+
+  // --- Messages ---------------------------------------------------------------------------
+
+  /// Sends the visitor's `text`, first rule that applies: an HTTP room hands it to
+  /// sendHTTPMessage and answers true; a destroyed room, or one whose stream is not connected,
+  /// answers false and sends nothing; otherwise the chat packet goes and the answer is true.
+  /// The text is stored when the room echoes it back.
+  bool sendMessage(const std::string& text);
+  /// 1 when `managerId` reads 0; 4 when the ids are equal; 2 when `senderId` reads negative;
+  /// 3 otherwise.
+  static std::int64_t getMessageType(const std::optional<std::string>& senderId,
+                                     const std::optional<std::string>& managerId);
+  /// True for the seven texts a host application does not show.
+  static bool ignoreMessage(const std::string& text);
+  /// Invites the room's operator with `message`; `jid` is accepted and not used.
+  void inviteUser(const std::optional<xmpp::XMPPJID>& jid, const std::string& message);
+  /// roomId|siteId|visitor id|visitor name|visitor name|greeting, "(null)" for a missing one.
+  [[nodiscard]] std::string getReasonPacket() const;
+  /// The web service's current user.
+  [[nodiscard]] static std::shared_ptr<KQVisitorUser> getVisitor();
+  /// The occupant filed under operatorId, or null.
+  [[nodiscard]] std::shared_ptr<KQVisitorUser> getOperator() const;
+  /// Makes the greeting (when there is one) the only message.
+  void addOperatorGreetingMessage();
+  void clearAllMessages();
+  /// The last message, or null.
+  [[nodiscard]] std::shared_ptr<KQVisitorMessage> lastMessage() const;
+  /// {"image": "avatar.png", "message": the last text or "", "sender": its sender's name or ""}.
+  [[nodiscard]] nlohmann::ordered_json lastChatMessageData() const;
+  /// Chat states (XEP-0085) to the room; nothing for an HTTP room.
+  void sendActiveChatState();
+  void sendComposingChatState();
+  void sendPausedChatState();
+  void sendInactiveChatState();
+  void sendGoneChatState();
+
+  // --- HTTP mode --------------------------------------------------------------------------
+
+  /// Starts polling: recieveHTTPMessage() every 2.0 s on the main queue
+  /// (KQVisitorConfig::httpPollInterval, read at each call). A timer started before
+  /// is let go of but keeps running.
+  void joinHTTPRoom();
+  /// Fetches the next operator message through the sites manager.
+  void recieveHTTPMessage();
+  /// Sends `text` through the sites manager.
+  void sendHTTPMessage(const std::string& text);
+  /// Closes the chat on the server (the answer is not awaited) and stops the last poll timer.
+  void leaveHTTPRoom();
+
+  // --- Ending -----------------------------------------------------------------------------
+
+  /// The room was destroyed: logs it, marks it destroyed, schedules removeRoomAfterIdel() in
+  /// 4.0 s (which keeps the room alive until then), appends "Left the conversation", sends
+  /// status 1, then closeRoom() and closeStream().
+  void roomDestroyUpdate();
+  /// Posts "removeIdleRooms" with {"roomId", "siteId"} built up to the first missing value.
+  void removeRoomAfterIdel();
+  /// Stores unreadMessagesCount under "kqroom<roomId>" in the standard user defaults.
+  void setTotalMessagesDelivered();
+  [[nodiscard]] std::int64_t totalMessagesDelivered() const;
+
+  // --- Events of the XMPPRoom (on the main queue) -----------------------------------------
+
+  void xmppRoomDidCreate(xmpp::XMPPRoom& sender) override;
+  void xmppRoomDidJoin(xmpp::XMPPRoom& sender) override;
+  void xmppRoomDidLeave(xmpp::XMPPRoom& sender) override;
+  void xmppRoomDidDestroy(xmpp::XMPPRoom& sender) override;
+  void xmppRoomDidFailToDestroy(xmpp::XMPPRoom& sender, const xmpp::XMPPIQ& iqError) override;
+  void xmppRoomDidReceiveMessage(xmpp::XMPPRoom& sender, const xmpp::XMPPMessage& message,
+                                 const xmpp::XMPPJID& occupantJID) override;
+
+ private:
+  struct State;
+  void leaveAndRemoveDelegates();
+  void refreshCompletion(const std::optional<KQError>& error,
+                         const std::shared_ptr<KQVisitorMessage>& result);
+  std::any self();
+
+  const std::unique_ptr<Guarded<State>> state_;
+};
+
+}  // namespace kq

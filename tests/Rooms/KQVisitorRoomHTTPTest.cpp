@@ -1,0 +1,174 @@
+#include <KQVisitorCore/Model/KQVisitorMessageType.h>
+#include <KQVisitorCore/Model/KQVisitorSite.h>
+#include <KQVisitorCore/Network/KQVisitorWebService.h>
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+
+#include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
+#include "tests/support/RecordingHTTPServer.h"
+#include "tests/support/WebServiceFixture.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <future>
+#include <mutex>
+
+namespace kq {
+namespace {
+
+using namespace std::chrono_literals;
+using test::RecordingHTTPServer;
+
+// The session's current room, chatting over HTTP with the shared web service pointed at a
+// recording server. Counts the refresh notifications, which arrive on the HTTP thread.
+class KQVisitorRoomHTTPTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test::pointServicesAt(server.origin());
+    visitor->setUsername("Ann");
+    KQVisitorWebService::sharedInstance().setCurrentUser(visitor);
+    manager->setKqWebsite(website);
+    KQVisitorXMPPClient::instance().setSitesManager(manager);
+    room->setRoomId("7");
+    room->setOperatorId("42");
+    room->setOperatorName("Omar");
+    website->rooms()->setObject(room, "currentRoom");
+    observer = NotificationCenter::defaultCenter().addObserver(
+        "KQVisitor_HTTP_Refresh", [this](const Notification& notification) {
+          std::scoped_lock lock(mutex);
+          refreshed.push_back(
+              std::any_cast<std::shared_ptr<KQVisitorMessage>>(notification.object));
+          changed.notify_all();
+        });
+  }
+
+  void TearDown() override {
+    NotificationCenter::defaultCenter().removeObserver(observer);
+    KQVisitorXMPPClient::instance().setSitesManager(nullptr);
+    KQVisitorWebService::sharedInstance().setCurrentUser(nullptr);
+    KQVisitorConfig::setShared(KQVisitorConfig());
+  }
+
+  // Waits (up to kPatience) for `count` refresh notifications.
+  std::vector<std::shared_ptr<KQVisitorMessage>> waitForRefreshes(std::size_t count) {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, test::kPatience, [&] { return refreshed.size() >= count; });
+    return refreshed;
+  }
+
+  // The polling requests the server has seen.
+  std::vector<test::RecordedRequest> polls() const {
+    std::vector<test::RecordedRequest> result;
+    for (const auto& request : server.requests()) {
+      if (request.target.find("GetChatMessagesAlt") != std::string::npos) {
+        result.push_back(request);
+      }
+    }
+    return result;
+  }
+
+  RecordingHTTPServer server;
+  std::shared_ptr<KQVisitorUser> visitor = std::make_shared<KQVisitorUser>();
+  std::shared_ptr<KQVisitorSite> website = std::make_shared<KQVisitorSite>();
+  std::shared_ptr<KQVisitorSitesManager> manager = std::make_shared<KQVisitorSitesManager>();
+  std::shared_ptr<KQVisitorRoom> room = std::make_shared<KQVisitorRoom>();
+  NotificationCenter::Token observer = 0;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::shared_ptr<KQVisitorMessage>> refreshed;  // guarded by mutex
+};
+
+TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingStopsTheLastTimer) {
+  test::ManualClockScope clock;
+  server.enqueueResponse({200, R"(["Hi, I am Omar","15"])", "application/json; charset=utf-8", {}});
+  server.enqueueResponse(
+      {200, R"(["How can I help?","16"])", "application/json; charset=utf-8", {}});
+  server.setDefaultResponse({200, R"(["more","17"])", "application/json; charset=utf-8", {}});
+
+  room->joinHTTPRoom();
+  clock->advance(1900ms);
+  test::drainMainQueue();
+  EXPECT_TRUE(polls().empty()) << "polled before 2 s";
+  clock->advance(100ms);
+  test::drainMainQueue();
+  ASSERT_EQ(waitForRefreshes(1).size(), 1U);
+  clock->advance(2s);
+  test::drainMainQueue();
+  const auto received = waitForRefreshes(2);
+  ASSERT_EQ(received.size(), 2U);
+
+  const auto requests = polls();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_NE(requests[0].target.find("parChatId=7&parMessageId=0"), std::string::npos)
+      << requests[0].target;
+  EXPECT_NE(requests[1].target.find("parMessageId=15"), std::string::npos) << "cursor moved";
+  EXPECT_EQ(room->httpMessageId(), "16");
+  EXPECT_EQ(received[0]->message(), "Hi, I am Omar");
+  EXPECT_EQ(received[0]->messageType(), KQVisitorMessageTypeOperator);
+  EXPECT_EQ(received[0]->managerId(), "0");
+  EXPECT_EQ(received[0]->sender()->username(), "Omar");
+  EXPECT_EQ(room->messages().size(), 2U);
+
+  // A second join starts a second timer beside the first; leaving stops only the newer one.
+  room->joinHTTPRoom();
+  room->leaveHTTPRoom();
+  clock->advance(2s);
+  test::drainMainQueue();
+  ASSERT_EQ(waitForRefreshes(3).size(), 3U) << "the first timer still polls";
+  ASSERT_TRUE(server.waitForRequests(4)) << "three polls and the closing";
+  EXPECT_EQ(polls().size(), 3U);
+  const auto all = server.requests();
+  EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const auto& request) {
+    return request.target.find("/ET?parChatId=7&parChatEndTime=") != std::string::npos;
+  })) << "leaving closes the chat on the server";
+}
+
+TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
+  const auto run = [](const std::function<void(KQVisitorSitesManager::MessageCallback)>& call) {
+    std::promise<std::pair<std::optional<KQError>, std::shared_ptr<KQVisitorMessage>>> done;
+    call([&](std::optional<KQError> error, std::shared_ptr<KQVisitorMessage> message) {
+      done.set_value({std::move(error), std::move(message)});
+    });
+    auto future = done.get_future();
+    EXPECT_EQ(future.wait_for(test::kPatience), std::future_status::ready);
+    return future.get();
+  };
+
+  server.enqueueResponse({200, R"(["","99"])", "application/json; charset=utf-8", {}});
+  const auto empty = run([&](auto callback) { manager->getHTTPMessage(std::move(callback)); });
+  ASSERT_TRUE(empty.first);
+  EXPECT_EQ(empty.first->domain, "No message recieved");
+  EXPECT_EQ(empty.first->code, 1001);
+  EXPECT_EQ(room->httpMessageId(), "0") << "the cursor stays";
+
+  server.enqueueResponse({200, R"("1")", "application/json; charset=utf-8", {}});
+  const auto sent = run([&](auto callback) { manager->sendHTTPMessage("hello", callback); });
+  ASSERT_FALSE(sent.first);
+  EXPECT_EQ(sent.second->message(), "hello");
+  EXPECT_EQ(sent.second->messageType(), KQVisitorMessageTypeVisitor);
+  EXPECT_EQ(sent.second->sender(), visitor);
+  EXPECT_EQ(room->lastMessage(), sent.second);
+  const auto insert = server.requests().back().target;
+  EXPECT_NE(insert.find("/InsertChatMessage?parMessage=hello&parChatId=7&parUserId=0&"
+                        "parAssignedUserId=42&parTimestamp="),
+            std::string::npos)
+      << insert;
+
+  // Closing with no current room makes no call; closeSession clears the room before leaving.
+  const std::size_t before = server.requests().size();
+  manager->closeSession();
+  EXPECT_EQ(manager->getCurrentRoom(), nullptr);
+  EXPECT_TRUE(room->messages().empty());
+  const auto closed = run([&](auto callback) { manager->closeHTTPSession(std::move(callback)); });
+  ASSERT_TRUE(closed.first);
+  EXPECT_EQ(closed.first->domain, "Can not insert message");
+  EXPECT_EQ(server.requests().size(), before);
+}
+
+}  // namespace
+}  // namespace kq

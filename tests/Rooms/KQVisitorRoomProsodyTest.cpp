@@ -1,0 +1,244 @@
+// A visitor's chat room through the client singleton, against a real Prosody, with a second
+// client playing the operator.
+
+#include <KQVisitorCore/Model/KQVisitorMessageType.h>
+#include <KQVisitorCore/Model/KQVisitorSite.h>
+#include <KQVisitorCore/Network/KQVisitorWebService.h>
+#include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Platform/KQVisitorConfig.h>
+#include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+
+#include "tests/support/IdleRoomNotifications.h"
+#include "tests/support/MainQueue.h"
+#include "tests/support/ManualClockScope.h"
+#include "tests/support/ProsodyOperator.h"
+#include "tests/support/ProsodyServer.h"
+
+#include <gtest/gtest.h>
+
+namespace kq {
+namespace {
+
+using namespace std::chrono_literals;
+using test::runMainQueueUntil;
+
+std::shared_ptr<KQVisitorUser> user(const std::string& id, const std::string& name) {
+  auto made = std::make_shared<KQVisitorUser>();
+  made->setUserId(id);
+  made->setUsername(name);
+  return made;
+}
+
+// The singleton client pointed at a fresh Prosody (no TLS), a website "W1" in a new sites
+// manager, the visitor "u1" as the web service's current user, and the operator "42" logged in.
+class KQVisitorRoomProsodyTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!test::ProsodyServer::isAvailable()) {
+      GTEST_FAIL() << "Prosody is not installed (scripts/install-deps installs it)";
+    }
+    test::ProsodyServer::Options options;
+    options.tls = false;
+    options.accounts["42"] = "secret";
+    server = std::make_unique<test::ProsodyServer>(options);
+    KQVisitorConfig config;
+    config.xmppHost = "127.0.0.1";
+    config.xmppPort = server->port();
+    KQVisitorConfig::setShared(config);
+    client().xmppStream()->setHostName("127.0.0.1");
+    client().xmppStream()->setHostPort(server->port());
+    KQVisitorWebService::sharedInstance().setCurrentUser(visitor);
+    website->setSiteId("W1");
+    manager->setKqWebsite(website);
+    client().setSitesManager(manager);
+    connected = NotificationCenter::defaultCenter().addObserver(
+        "ConnectNotification", [this](const Notification&) { ++logins; });
+    agent = std::make_unique<test::Operator>(*server);
+    ASSERT_TRUE(agent->login());
+  }
+
+  void TearDown() override {
+    NotificationCenter::defaultCenter().removeObserver(connected);
+    client().disconnect();
+    runMainQueueUntil([] { return client().xmppStream()->isDisconnected(); });
+    agent.reset();
+    client().setSitesManager(nullptr);
+    KQVisitorWebService::sharedInstance().setCurrentUser(nullptr);
+    server.reset();
+    KQVisitorConfig::setShared(KQVisitorConfig());
+    test::drainMainQueue();
+  }
+
+  static KQVisitorXMPPClient& client() { return KQVisitorXMPPClient::instance(); }
+
+  // Logs the visitor in, fills the current room's record and joins chat `chatId`: answers the
+  // room once it has reported joining and joined.
+  std::shared_ptr<KQVisitorRoom> startChat(const std::string& chatId) {
+    EXPECT_TRUE(client().connectUser(visitor));
+    EXPECT_TRUE(runMainQueueUntil([&] { return logins == 1; }));
+    const auto omar = user("42", "Omar");
+    client().createXmpproomwithwebsiteID("W1", chatId, omar, "42", "Hello, I am Omar", omar);
+    auto room = manager->getCurrentRoom();
+    EXPECT_TRUE(room);
+    if (!room) {
+      return nullptr;
+    }
+    room->addRoomUpdatesCallBack(recorder);
+    EXPECT_EQ(client().joinXmpproomwitChatID(chatId), room);
+    EXPECT_TRUE(runMainQueueUntil([&] { return statuses.size() >= 2; }));
+    EXPECT_EQ(statuses, (std::vector<std::int64_t>{KQRoomUpdateJoining, KQRoomUpdateJoined}));
+    return room;
+  }
+
+  // The operator's chat packet into its room.
+  static void operatorSays(const std::shared_ptr<xmpp::XMPPRoom>& room, const std::string& text,
+                           const std::string& visitorName = "Omar") {
+    sendKQVisitorMessage(room, text, "42", "W1", "42", visitorName, "77");
+  }
+
+  test::ManualClockScope clock;
+  std::unique_ptr<test::ProsodyServer> server;
+  std::unique_ptr<test::Operator> agent;
+  std::shared_ptr<KQVisitorUser> visitor = user("u1", "Ann");
+  std::shared_ptr<KQVisitorSite> website = std::make_shared<KQVisitorSite>();
+  std::shared_ptr<KQVisitorSitesManager> manager = std::make_shared<KQVisitorSitesManager>();
+  NotificationCenter::Token connected = 0;
+  int logins = 0;
+  std::vector<std::int64_t> statuses;
+  KQVisitorRoom::RoomUpdatesCallbackRef recorder =
+      std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
+          [this](const std::any&, std::int64_t status) { statuses.push_back(status); });
+};
+
+TEST_F(KQVisitorRoomProsodyTest, AVisitorChatsWithTheOperatorUntilTheOperatorEndsTheChat) {
+  const auto room = startChat("77");
+  ASSERT_TRUE(room);
+  EXPECT_EQ(room->xmppRoom()->roomJID().full(), "room77@conference.localhost");
+  EXPECT_EQ(room->roomId(), "77");
+  EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
+
+  // The new room was configured and the operator invited with the six fields.
+  ASSERT_TRUE(runMainQueueUntil([&] { return !agent->events->messages.empty(); }));
+  const auto invitation = agent->events->messages.front();
+  EXPECT_EQ(invitation.from()->bare(), "room77@conference.localhost");
+  EXPECT_EQ(chatId(invitation), "77");
+  EXPECT_EQ(websiteId(invitation), "W1");
+  EXPECT_EQ(visitorId(invitation), "u1");
+  EXPECT_EQ(visitorName(invitation), "Ann");
+  EXPECT_EQ(greeting(invitation), "Hello, I am Omar");
+
+  auto operatorEvents = std::make_shared<test::RoomEvents>();
+  const auto operatorRoom = agent->joinRoom(room->xmppRoom()->roomJID(), operatorEvents);
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+
+  // The operator's message (type 4), a colleague's through the same agent (type 3), then the
+  // visitor's own line coming back.
+  operatorSays(operatorRoom, "Hi Ann, how can I help?");
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.size() == 3; }));
+  EXPECT_EQ(statuses.back(), KQRoomUpdateNewMessage);
+  EXPECT_EQ(room->roomOcuupants().at("42")->username(), "Omar");
+  sendKQVisitorMessage(operatorRoom, "Sam here, from billing", "9", "W1", "42", "Sam", "77");
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.size() == 4; }));
+  EXPECT_EQ(statuses.back(), KQRoomUpdateNewMessage);
+  EXPECT_EQ(room->roomOcuupants().count("9"), 0U) << "only the operator is filed";
+  EXPECT_TRUE(room->sendMessage("Where is my order?"));
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.size() == 5; }));
+  EXPECT_EQ(statuses.back(), KQRoomUpdateOwnMessage);
+  const auto messages = room->messages();
+  ASSERT_EQ(messages.size(), 4U);
+  EXPECT_EQ(messages[0]->message(), "Hello, I am Omar");
+  EXPECT_EQ(messages[1]->message(), "Hi Ann, how can I help?");
+  EXPECT_EQ(messages[1]->messageType(), KQVisitorMessageTypeOperator);
+  EXPECT_EQ(messages[2]->messageType(), KQVisitorMessageTypeParticipant);
+  EXPECT_EQ(messages[3]->message(), "Where is my order?");
+  EXPECT_EQ(messages[3]->sender(), visitor);
+  EXPECT_EQ(room->unreadMessagesCount(), 4) << "one from the record, three received";
+
+  // A nick change rewrites the cached visitor record.
+  UserDefaults::standard().setObject({{"V_N", "Ann"}}, "V_Inf:W1");
+  operatorSays(operatorRoom, "[NICKCHANGE]", "Annie");
+  ASSERT_TRUE(runMainQueueUntil([&] { return visitor->username() == "Annie"; }));
+  EXPECT_EQ(UserDefaults::standard().dictionaryForKey("V_Inf:W1"),
+            (nlohmann::ordered_json{{"V_N", "Annie"}}));
+  UserDefaults::standard().removeObjectForKey("V_Inf:W1");
+
+  // "[DND]" makes the visitor's room send the destroy notice, which comes back as
+  // "[destroy room]" and ends the room.
+  test::IdleRoomNotifications idle;
+  operatorSays(operatorRoom, "[DND]");
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomDestroyed(); }));
+  EXPECT_EQ(statuses.back(), KQRoomUpdateDestroyed);
+  EXPECT_EQ(room->lastMessage()->message(), "Left the conversation");
+  EXPECT_EQ(manager->getCurrentRoom(), nullptr);
+  EXPECT_EQ(website->rooms()->count(), 0U) << "the room is gone from the website";
+  EXPECT_EQ(room->site(), nullptr);
+  ASSERT_TRUE(runMainQueueUntil([] { return client().xmppStream()->isDisconnected(); }))
+      << "ending the room closes the visitor's stream";
+
+  clock->advance(4s);
+  test::drainMainQueue();
+  ASSERT_EQ(idle.removals.size(), 1U);
+  EXPECT_EQ(idle.removals[0], (nlohmann::ordered_json{{"roomId", "77"}}));
+  EXPECT_EQ(idle.reloads, 1);
+  operatorRoom->deactivate();
+}
+
+TEST_F(KQVisitorRoomProsodyTest, AnErrorFromTheRoomMakesTheVisitorJoinAgain) {
+  const auto room = startChat("78");
+  ASSERT_TRUE(room);
+  // Once the operator is invited, out of the room behind the room object's back: the server
+  // refuses the next line.
+  ASSERT_TRUE(runMainQueueUntil([&] { return !agent->events->messages.empty(); }));
+  room->xmppRoom()->leaveRoom();
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
+  EXPECT_TRUE(room->sendMessage("are you there?"));
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.size() >= 4; }));
+  EXPECT_EQ(statuses, (std::vector<std::int64_t>{KQRoomUpdateJoining, KQRoomUpdateJoined,
+                                                 KQRoomUpdateJoining, KQRoomUpdateRejoining}));
+  // The stream takes the room as joined before the room object hears of it on the main queue.
+  EXPECT_TRUE(runMainQueueUntil([&] { return room->isConnected() && !room->isRoomJoininng(); }))
+      << "the joining flag is cleared once the room is joined again";
+}
+
+TEST_F(KQVisitorRoomProsodyTest, AfterAServerRestartTheRoomIsJoinedAgainAndTheVisitorCanSend) {
+  const auto room = startChat("79");
+  ASSERT_TRUE(room);
+  server->stop();
+  ASSERT_TRUE(runMainQueueUntil([&] { return !room->isConnected(); }));
+  server->start();
+  clock->advance(5s);  // the reconnect interval
+  ASSERT_TRUE(runMainQueueUntil([&] { return logins == 2 && room->isConnected(); }));
+  EXPECT_EQ(statuses.back(), KQRoomUpdateJoining) << "going online joins the room again";
+  EXPECT_TRUE(room->sendMessage("back again"));
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.back() == KQRoomUpdateOwnMessage; }));
+  EXPECT_EQ(room->lastMessage()->message(), "back again");
+}
+
+TEST_F(KQVisitorRoomProsodyTest, StartingAChatByIdAnswersOnceTheRoomIsJoined) {
+  ASSERT_TRUE(client().connectUser(visitor));
+  ASSERT_TRUE(runMainQueueUntil([&] { return logins == 1; }));
+  const auto omar = user("42", "Omar");
+  client().createXmpproomwithwebsiteID("W1", "81", visitor, "42", "Hello", omar);
+  std::vector<std::tuple<std::optional<KQError>, nlohmann::ordered_json, bool>> answers;
+  manager->startChatWithChatId(
+      "81", [&](std::optional<KQError> error, nlohmann::ordered_json result, bool joined) {
+        answers.emplace_back(std::move(error), std::move(result), joined);
+      });
+  ASSERT_TRUE(runMainQueueUntil([&] {
+    return std::any_of(answers.begin(), answers.end(),
+                       [](const auto& answer) { return std::get<2>(answer); });
+  }));
+  const auto& joined = answers.back();
+  EXPECT_FALSE(std::get<0>(joined));
+  EXPECT_EQ(std::get<1>(joined), (nlohmann::ordered_json{{"websiteID", "W1"}}));
+  EXPECT_EQ(manager->getCurrentRoom()->roomId(), "81");
+  EXPECT_TRUE(manager->getCurrentRoom()->isConnected());
+}
+
+}  // namespace
+}  // namespace kq

@@ -1,0 +1,68 @@
+#include <KQVisitorCore/Rooms/RoomsManager.h>
+
+#include <gtest/gtest.h>
+
+namespace kq {
+namespace {
+
+// A host's room object: an id and, when `flags` is set, the three usage flags (all false).
+class HostRoom : public RegisteredRoom {
+ public:
+  HostRoom(std::string id, bool flags) : id_(std::move(id)), flags_(flags) {}
+  [[nodiscard]] std::optional<std::string> roomId() const override { return id_; }
+  [[nodiscard]] bool isUsedByOperator() const override {
+    return flags_ ? false : RegisteredRoom::isUsedByOperator();
+  }
+  [[nodiscard]] bool isUsedByLoggedInResources() const override {
+    return flags_ ? false : RegisteredRoom::isUsedByLoggedInResources();
+  }
+  [[nodiscard]] bool isUsedByTrainning() const override {
+    return flags_ ? false : RegisteredRoom::isUsedByTrainning();
+  }
+
+ private:
+  std::string id_;
+  bool flags_;
+};
+
+TEST(RoomsManagerTest, RoomsAreFiledByIdAndTheConditionalRemovalsTestNothing) {
+  RoomsManager manager;
+  const auto first = std::make_shared<HostRoom>("1", true);
+  const auto second = std::make_shared<HostRoom>("1", true);
+  manager.addRoom(first);
+  manager.addRoom(second);
+  manager.addRoom(nullptr);
+  EXPECT_EQ(manager.roomsDict().size(), 1U);
+  EXPECT_EQ(manager.isRoomExists("1"), second) << "the later room replaces the earlier";
+  EXPECT_EQ(manager.isRoomExists("2"), nullptr);
+  EXPECT_FALSE(manager.isUsedByAny(second)) << "even a registered room";
+
+  manager.removeRoomById(std::nullopt);
+  EXPECT_EQ(manager.roomsDict().size(), 1U);
+  manager.removeRoomByIdIfNotUsedById("1");
+  EXPECT_TRUE(manager.roomsDict().empty()) << "removed although in use";
+  manager.addRoom(first);
+  manager.removeRoomByIdIfNotUsedByObject(first);
+  EXPECT_TRUE(manager.roomsDict().empty());
+  EXPECT_EQ(&RoomsManager::sharedInstance(), &RoomsManager::sharedInstance());
+}
+
+TEST(RoomsManagerTest, GroupRemovalsEvaluateTheirFilterAndRemoveNothing) {
+  RoomsManager manager;
+  manager.removeAllQCRooms();  // empty: nothing is evaluated, nothing thrown
+  manager.removeOperatorRooms();
+  manager.addRoom(std::make_shared<HostRoom>("1", true));
+  manager.addRoom(std::make_shared<HostRoom>("2", true));
+  manager.removeAllQCRooms();
+  manager.removeOperatorRooms();
+  EXPECT_EQ(manager.roomsDict().size(), 2U) << "matching objects are used as keys: none goes";
+
+  manager.addRoom(std::make_shared<HostRoom>("3", false));
+  EXPECT_THROW(manager.removeAllQCRooms(), RoomsManager::UndefinedKey);
+  EXPECT_THROW(manager.removeOperatorRooms(), RoomsManager::UndefinedKey);
+  manager.removeAllRooms();
+  EXPECT_TRUE(manager.roomsDict().empty());
+}
+
+}  // namespace
+}  // namespace kq
