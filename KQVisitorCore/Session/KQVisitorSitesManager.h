@@ -1,21 +1,164 @@
 #pragma once
 
+#include <KQVisitorCore/Model/KQVisitorMessage.h>
+#include <KQVisitorCore/Model/KQVisitorSite.h>
 #include <KQVisitorCore/Platform/Export.h>
+#include <KQVisitorCore/Platform/KQError.h>
+
+#include <nlohmann/json.hpp>
+
+#include <any>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace kq {
 
+class KQVisitorRoom;
+template <class T>
+class Guarded;
+
 /// The visitor's session: from the website's domain name through the pre-chat check to a
-/// started chat, and the room of that chat. Reached only through
+/// started chat, and the room of that chat. Reached through
 /// KQVisitorXMPPClient::instance().sitesManager().
 ///
-/// The session flow itself is not built yet; the class exists so that the XMPP client can own
-/// the one manager.
-class KQ_EXPORT KQVisitorSitesManager {
+/// It keeps two views of the session's rooms: the website's rooms table, whose one entry is the
+/// current conversation (getCurrentRoom()), and allRooms(), the rooms joined over XMPP, newest
+/// first. Fields may be read and written from any thread.
+///
+/// The session flow (visitorPanelWithResult, chatPreLan) needs the manager to be owned by a
+/// std::shared_ptr, as the client's is: each step keeps it alive until the next.
+class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVisitorSitesManager> {
  public:
-  KQVisitorSitesManager() = default;
+  /// The answer of the session flow: an error, or the result (null for none).
+  using Result = std::function<void(std::optional<KQError> error, nlohmann::ordered_json result)>;
+  /// The answer of a chat start: an error, the result (null for none), and whether the chat
+  /// has been joined.
+  using StartCallback =
+      std::function<void(std::optional<KQError> error, nlohmann::ordered_json result, bool joined)>;
+  /// The outcome of an HTTP message operation: an error, or the message made (either may be
+  /// null).
+  using MessageCallback =
+      std::function<void(std::optional<KQError> error, std::shared_ptr<KQVisitorMessage> message)>;
+  using Rooms = std::vector<std::shared_ptr<KQVisitorRoom>>;
+
+  /// The errors the HTTP operations make: the text is the domain, the code kHTTPErrorCode, and
+  /// there is no user information.
+  static constexpr const char* kCannotInsertMessage = "Can not insert message";
+  static constexpr const char* kNoMessageRecieved = "No message recieved";
+  static constexpr long kHTTPErrorCode = 1001;
+
+  /// Branding off, no website, no rooms.
+  KQVisitorSitesManager();
   KQVisitorSitesManager(const KQVisitorSitesManager&) = delete;
   KQVisitorSitesManager& operator=(const KQVisitorSitesManager&) = delete;
-  virtual ~KQVisitorSitesManager() = default;
+  virtual ~KQVisitorSitesManager();
+
+  // --- Properties -------------------------------------------------------------------------
+
+  [[nodiscard]] std::shared_ptr<KQVisitorSite> kqWebsite() const;
+  void setKqWebsite(std::shared_ptr<KQVisitorSite> website);
+  [[nodiscard]] bool toShowBranding() const;
+  void setToShowBranding(bool value);
+  [[nodiscard]] std::optional<std::string> websiteDomainNameArabic() const;
+  void setWebsiteDomainNameArabic(std::optional<std::string> domain);
+  [[nodiscard]] std::optional<std::string> websiteDomainNameEnglish() const;
+  void setWebsiteDomainNameEnglish(std::optional<std::string> domain);
+  [[nodiscard]] std::optional<std::string> preferredLanguage() const;
+  void setPreferredLanguage(std::optional<std::string> language);
+  /// The rooms joined over XMPP, newest first (a copy).
+  [[nodiscard]] Rooms allRooms() const;
+  void setAllRooms(Rooms rooms);
+
+  // --- The session flow --------------------------------------------------------------------
+
+  /// Identifies the website by the domain name of the preferred language ("ar": the Arabic
+  /// one, else the English one) with "GetWI", reads the service's data stamp ("ReadValue"),
+  /// registers the visitor ("InVsIn") unless a record cached under "V_Inf:<website id>" is still
+  /// valid for that stamp ("d_time"), then goes on with chatPreLan(). `result` is called once,
+  /// on the web service's thread (at once on the calling thread without a domain name): see
+  /// chatPreLan() for success. Errors have the message as domain and {"status": n}: 5 website
+  /// not identified, 3 service call failed, 8 no internet (a transport error keeps its own
+  /// domain and code, with status 8 for code -1009).
+  void visitorPanelWithResult(Result result);
+
+  /// Checks twice that the website is not blocked ("IsWbBl"), asks for an operator in the
+  /// visitor's language ("ChatPreByLan"), makes the session's website (once), visitor and
+  /// operator records and the current room, logs the visitor in, shows the greeting, records
+  /// it ("InsGrtInfo") and answers (nullopt, {"websiteID": ...}). When the chat is already open
+  /// on the server ("I_AIC" 1) the room takes the chat id and is joined 5 s later on the main
+  /// queue. `visitor` is the seven-key record of visitorPanelWithResult.
+  void chatPreLan(const nlohmann::ordered_json& visitor, Result result);
+
+  /// Starts the current room's chat with the visitor's opening `message` (nullopt: a fixed
+  /// connection-state text). A room that has a chat id goes straight to startChatWithChatId();
+  /// otherwise the chat is registered ("InsertCInfoM", or "InsertCInfoMwithSurvey" when the
+  /// visitor gave a name, an email or a phone) and its answer's first element is the chat id.
+  /// A failed registration answers "Network" (400, status 3). Without a current room nothing
+  /// happens and `callback` is never called.
+  void startChat(const std::optional<std::string>& message, StartCallback callback);
+
+  /// Joins the chat `chatId` and answers (nullopt, {"websiteID": ...}, true) each time the room
+  /// reports itself joined (status 0): the listener stays on the room, so a later rejoin
+  /// answers again. A chat id that reads 0 answers "Network" (400, status 3) at once. Without
+  /// internet it answers "Internet" (400, status 8) and joins nothing. Until the first join a
+  /// reachability watcher of KQVisitorConfig::reachabilityHost answers "Network" (400, status 3)
+  /// at every loss.
+  ///
+  /// Over HTTP (the web service's isHTTPClient), there is no room to join: the current room
+  /// takes the chat id, is recorded as joined, starts polling (joinHTTPRoom) and the answer is
+  /// (nullopt, {"websiteID": ...}, true) at once.
+  void startChatWithChatId(const std::optional<std::string>& chatId, StartCallback callback);
+
+  // --- Rooms ------------------------------------------------------------------------------
+
+  /// kqWebsite().
+  [[nodiscard]] std::shared_ptr<KQVisitorSite> getWebSite() const;
+  /// The room under the first key of the website's rooms table; null without a website or a
+  /// room.
+  [[nodiscard]] std::shared_ptr<KQVisitorRoom> getCurrentRoom() const;
+  /// Empties the website's rooms table (the rooms are not told).
+  void clearCurrentRoom();
+  /// Puts `room` at the front of allRooms unless it is there already.
+  void joinRoom(const std::shared_ptr<KQVisitorRoom>& room);
+  /// Removes `room` from allRooms.
+  void leaveRoom(const std::shared_ptr<KQVisitorRoom>& room);
+  /// The room of allRooms nearest the front whose roomId is `roomId`; null when none.
+  [[nodiscard]] std::shared_ptr<KQVisitorRoom> getRoomById(const std::string& roomId) const;
+  /// Marks the client's rooms as connected again and connects the current room.
+  void joinAllOperatorRooms();
+  /// Closes the current room, then empties the website's rooms table.
+  void closeAllOperatorRooms();
+
+  // --- Chat over HTTP (all on the current room) --------------------------------------------
+
+  /// "InsertChatMessage": on an answer, a message of type 1 from the visitor is appended to the
+  /// current room and passed on; an empty answer is kCannotInsertMessage; a transport error
+  /// passes unchanged. `callback` runs on the web service's thread.
+  void sendHTTPMessage(const std::string& text, MessageCallback callback);
+  /// "GetChatMessagesAlt" with the room's httpMessageId: an answer [text, id] with a text moves
+  /// the cursor to id and appends the operator's message of type 4; an empty text (or an
+  /// answer of another shape) is kNoMessageRecieved and leaves the cursor.
+  void getHTTPMessage(MessageCallback callback);
+  /// "ET" with the chat id and the end time; kCannotInsertMessage without a chat id (nothing
+  /// is sent) or on an empty answer.
+  void closeHTTPSession(MessageCallback callback);
+  /// Ends the session's chat: the current room stops being current, then leaves HTTP polling,
+  /// asks for its destruction and forgets its messages. The argument is not used.
+  void closeSession(const std::any& sender = {});
+
+ private:
+  struct State;
+  void readValueAnswered(const std::string& domain, const nlohmann::ordered_json& website,
+                         const std::optional<std::string>& websiteId,
+                         const nlohmann::ordered_json& stamp,
+                         const std::shared_ptr<Result>& result);
+  void askForOperator(const nlohmann::ordered_json& record, const std::shared_ptr<Result>& result);
+  void operatorAnswered(const nlohmann::ordered_json& record, const nlohmann::ordered_json& answer,
+                        const std::shared_ptr<Result>& result);
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq
