@@ -30,5 +30,6 @@ int runCall(const std::vector<std::string>& arguments);
 int runSoap(const std::vector<std::string>& arguments);
 int runUpload(const std::vector<std::string>& arguments);
 int runXMPP(const std::vector<std::string>& arguments);
+int runChat(const std::vector<std::string>& arguments);
 
 }  // namespace kqchat

@@ -32,6 +32,7 @@ int runConfig(const std::vector<std::string>& arguments) {
       {"xmppPort", config.xmppPort},
       {"caFile", config.caFile},
       {"reachabilityHost", config.reachabilityHost},
+      {"httpPollInterval", config.httpPollInterval},
       {"userDefaultsPath", config.resolvedUserDefaultsPath()},
   };
   std::cout << json.dump(2) << "\n";

@@ -17,6 +17,7 @@ constexpr Command kCommands[] = {
     {"soap", "send an offline message or ask for the languages (SOAP service)", runSoap},
     {"upload", "upload a file of up to 6 MB and print its link", runUpload},
     {"xmpp", "log in on the XMPP server and chat in a room", runXMPP},
+    {"chat", "chat with an operator of a website, as its visitor", runChat},
 };
 
 void printUsage(std::ostream& out) {

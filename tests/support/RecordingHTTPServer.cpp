@@ -51,6 +51,7 @@ struct RecordingHTTPServer::Impl {
   std::deque<ScriptedResponse> script;    // guarded by mutex
   ScriptedResponse fallback;              // guarded by mutex
   bool holding = false;                   // guarded by mutex
+  Responder responder;                    // guarded by mutex
 
   void handle(const httplib::Request& request, httplib::Response& response) {
     RecordedRequest recorded{request.method, request.target, request.body, {}, request.remote_port};
@@ -63,10 +64,16 @@ struct RecordingHTTPServer::Impl {
     ScriptedResponse answer;
     {
       std::unique_lock lock(mutex);
-      requests.push_back(std::move(recorded));
+      requests.push_back(recorded);
       changed.notify_all();
       changed.wait(lock, [this] { return !holding; });
-      if (script.empty()) {
+      std::optional<ScriptedResponse> decided;
+      if (responder) {
+        decided = responder(recorded);
+      }
+      if (decided) {
+        answer = std::move(*decided);
+      } else if (script.empty()) {
         answer = fallback;
       } else {
         answer = std::move(script.front());
@@ -137,6 +144,11 @@ std::string RecordingHTTPServer::origin() const {
 void RecordingHTTPServer::setDefaultResponse(ScriptedResponse response) {
   std::scoped_lock lock(impl_->mutex);
   impl_->fallback = std::move(response);
+}
+
+void RecordingHTTPServer::setResponder(Responder responder) {
+  std::scoped_lock lock(impl_->mutex);
+  impl_->responder = std::move(responder);
 }
 
 void RecordingHTTPServer::enqueueResponse(ScriptedResponse response) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,6 +55,11 @@ class RecordingHTTPServer {
   void setDefaultResponse(ScriptedResponse response);
   /// Answers the next request not yet answered.
   void enqueueResponse(ScriptedResponse response);
+  /// Decides the answer to each request first: a request it answers nullopt for takes the
+  /// script's next response. Called on the server's threads, one request at a time; it must not
+  /// call the server.
+  using Responder = std::function<std::optional<ScriptedResponse>(const RecordedRequest&)>;
+  void setResponder(Responder responder);
   /// Holds each answer back until release() (for tests of time-outs and cancellation).
   void holdResponses();
   void release();

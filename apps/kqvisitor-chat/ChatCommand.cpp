@@ -1,0 +1,536 @@
+#include "Command.h"
+
+#include <KQVisitorCore/KQVisitorCore.h>
+
+#include <pthread.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <deque>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+
+namespace kqchat {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using kq::KQError;
+using kq::KQVisitorRoom;
+
+constexpr std::string_view kUsage =
+    "chat --domain DOMAIN [--domain-ar DOMAIN] [--language LANG] [--name N] [--email E] "
+    "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS]";
+
+struct Options {
+  std::optional<std::string> domain;
+  std::optional<std::string> domainArabic;
+  std::string language = "en";
+  std::optional<std::string> name;
+  std::optional<std::string> email;
+  std::optional<std::string> phone;
+  std::optional<std::string> message;
+  bool http = false;
+  bool json = false;
+  double linger = 5;
+};
+
+// Parses the arguments; an error message on failure.
+std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& name = arguments[i];
+    if (name == "--http" || name == "--json") {
+      (name == "--http" ? options.http : options.json) = true;
+      continue;
+    }
+    if (i + 1 >= arguments.size()) {
+      return name.starts_with("--") ? "\"" + name + "\" needs a value"
+                                    : "unexpected argument \"" + name + "\"";
+    }
+    const std::string& value = arguments[++i];
+    if (name == "--domain") {
+      options.domain = value;
+    } else if (name == "--domain-ar") {
+      options.domainArabic = value;
+    } else if (name == "--language") {
+      options.language = value;
+    } else if (name == "--name") {
+      options.name = value;
+    } else if (name == "--email") {
+      options.email = value;
+    } else if (name == "--phone") {
+      options.phone = value;
+    } else if (name == "--message") {
+      options.message = value;
+    } else if (name == "--linger") {
+      char* end = nullptr;
+      options.linger = std::strtod(value.c_str(), &end);
+      if (value.empty() || *end != '\0' || !(options.linger >= 0 && options.linger <= 3600)) {
+        return "--linger takes a number of seconds from 0 to 3600, not \"" + value + "\"";
+      }
+    } else {
+      return "unknown argument \"" + name + "\"";
+    }
+  }
+  if (!options.domain) {
+    return "missing --domain";
+  }
+  return std::nullopt;
+}
+
+// What the visitor can do about a failure, by its status.
+std::string adviceFor(const KQError& error) {
+  if (error.domain == kq::KQVisitorWebService::kNoInternetMessage) {
+    return "The network looks down; the request goes on and its own answer follows.";
+  }
+  switch (error.status().value_or(0)) {
+    case 2:
+      return "No operator is online for this website in your language: try again later, or "
+             "leave an offline message with 'kqvisitor-chat soap'.";
+    case 4: return "The website does not take chats from this visitor.";
+    case 5:
+      return "The service does not know this website: check --domain (and --domain-ar with "
+             "--language ar).";
+    case 8: return "There is no connection to the Internet: check the network, then try again.";
+    default:
+      return "The chat service did not answer as expected: check the service origins of "
+             "KQVISITOR_CONFIG ('kqvisitor-chat config') and that the service is up, then try "
+             "again.";
+  }
+}
+
+// One visitor's chat: prints what happens, as a person reads a chat or as one JSON object a
+// line. Everything here runs on the main queue.
+class ChatSession : public kq::xmpp::XMPPStreamDelegate,
+                    public std::enable_shared_from_this<ChatSession> {
+ public:
+  explicit ChatSession(Options options) : options_(std::move(options)) {}
+
+  void start() {
+    auto& service = kq::KQVisitorWebService::sharedInstance();
+    service.setIsHTTPClient(options_.http);
+    auto& client = kq::KQVisitorXMPPClient::instance();
+    client.addStreamDelegate(shared_from_this());
+    const auto manager = client.sitesManager();
+    manager->setWebsiteDomainNameEnglish(options_.domain);
+    manager->setWebsiteDomainNameArabic(options_.domainArabic);
+    manager->setPreferredLanguage(options_.language);
+    auto self = shared_from_this();
+    auto& center = kq::NotificationCenter::defaultCenter();
+    center.addObserver("LoginSuccess", [self](const kq::Notification& notification) {
+      if (!std::any_cast<bool>(notification.object)) {
+        self->failed(
+            "The XMPP login was refused: check xmppHost, xmppPort and caFile of "
+            "KQVISITOR_CONFIG and that the XMPP server is running.");
+      }
+    });
+    // Posted on the HTTP session's thread after each poll or send that brought a message.
+    center.addObserver("KQVisitor_HTTP_Refresh", [self](const kq::Notification& /*unused*/) {
+      kq::DispatchQueue::main()->async([self] { self->showNewMessages(); });
+    });
+    say("Looking up " +
+        *(options_.language == "ar" && options_.domainArabic ? options_.domainArabic
+                                                             : options_.domain) +
+        "...");
+    manager->visitorPanelWithResult([self](std::optional<KQError> error, Json result) {
+      kq::DispatchQueue::main()->async(
+          [self, error = std::move(error), result = std::move(result)] {
+            self->panelAnswered(error, result);
+          });
+    });
+  }
+
+  // A line typed by the visitor: sent once the chat has started, in the order typed.
+  void send(const std::string& line) {
+    pending_.push_back(line);
+    sendPending();
+  }
+
+  // Standard input has ended: leave once the replies have had --linger seconds to come.
+  void inputEnded() {
+    inputEnded_ = true;
+    lingerIfDone();
+  }
+
+  // Leaves the chat (Ctrl-C, the room's end, the end of lingering) and stops the main loop.
+  void finish() {
+    if (finishing_) {
+      return;
+    }
+    finishing_ = true;
+    for (const auto& line : pending_) {
+      print({{"event", "unsent"}, {"text", line}}, "Not sent: " + line);
+      ++unsent_;
+    }
+    pending_.clear();
+    auto& client = kq::KQVisitorXMPPClient::instance();
+    const auto manager = client.sitesManager();
+    const auto room = room_.lock();
+    if (started_) {
+      say("Leaving the chat...");
+    }
+    if (options_.http) {
+      if (!room || !room->roomId()) {
+        stop();
+        return;
+      }
+      // Tells the service the chat has ended, then lets the room go.
+      manager->closeHTTPSession([self = shared_from_this()](std::optional<KQError> error, auto) {
+        kq::DispatchQueue::main()->async([self, error = std::move(error)] {
+          if (error) {
+            self->showError(*error, "Could not tell the service that the chat ended");
+          }
+          kq::KQVisitorXMPPClient::instance().sitesManager()->closeSession();
+          self->stop();
+        });
+      });
+      return;
+    }
+    if (room) {
+      room->removeRoomUpdateCallback(updates_);
+      room->closeRoom();
+    }
+    client.xmppReconnect()->stop();
+    if (client.xmppStream()->isDisconnected()) {
+      stop();
+      return;
+    }
+    client.signout();  // stops once the stream reports the disconnect
+  }
+
+  [[nodiscard]] int exitStatus() const { return failed_ || unsent_ > 0 ? kExitFailure : kExitOk; }
+
+  void xmppStreamDidDisconnect(kq::xmpp::XMPPStream& /*sender*/,
+                               const std::optional<KQError>& error) override {
+    if (finishing_) {
+      stop();
+      return;
+    }
+    if (!authenticated_) {
+      // The first connection failed: without a login there is no chat to wait for.
+      failed("Could not log in on the chat server" +
+             (error ? " (" + error->description() + ")" : std::string()) +
+             ": check xmppHost, xmppPort and caFile of KQVISITOR_CONFIG and that the XMPP "
+             "server is running.");
+      return;
+    }
+    if (error) {
+      say("Disconnected from the chat server (" + error->description() + "); reconnecting...");
+    }
+  }
+
+  void xmppStreamDidAuthenticate(kq::xmpp::XMPPStream& /*sender*/) override {
+    authenticated_ = true;
+  }
+
+ private:
+  void print(const Json& event, const std::string& text) const {
+    if (options_.json) {
+      std::cout << event.dump() << std::endl;
+    } else {
+      std::cout << text << std::endl;
+    }
+  }
+
+  // A progress line of the text output.
+  void say(const std::string& text) const {
+    if (!options_.json) {
+      std::cout << text << std::endl;
+    }
+  }
+
+  void showError(const KQError& error, const std::string& what) const {
+    const auto status = error.status();
+    Json event = {{"event", "error"}, {"domain", error.domain}, {"code", error.code}};
+    event["status"] = status ? Json(*status) : Json(nullptr);
+    if (options_.json) {
+      std::cout << event.dump() << std::endl;
+    }
+    std::cerr << "kqvisitor-chat chat: " << what << ": " << error.domain << " (code " << error.code
+              << (status ? ", status " + std::to_string(*status) : std::string()) << ")\n"
+              << adviceFor(error) << std::endl;
+  }
+
+  // A failure that ends the run at once.
+  void failed(const std::string& why) {
+    if (finishing_) {
+      return;
+    }
+    std::cerr << "kqvisitor-chat chat: " << why << std::endl;
+    failed_ = true;
+    finish();
+  }
+
+  void fail(const KQError& error, const std::string& what) {
+    if (finishing_) {
+      return;
+    }
+    showError(error, what);
+    if (error.domain == kq::KQVisitorWebService::kNoInternetMessage) {
+      // Said at once when the network looks down; the request's own outcome follows.
+      return;
+    }
+    failed_ = true;
+    finish();
+  }
+
+  void panelAnswered(const std::optional<KQError>& error, const Json& result) {
+    if (error) {
+      fail(*error, "The chat could not be prepared");
+      return;
+    }
+    auto& client = kq::KQVisitorXMPPClient::instance();
+    const auto room = client.sitesManager()->getCurrentRoom();
+    const auto websiteId = result.value("websiteID", Json());
+    const auto agent = room ? room->getOperator() : nullptr;
+    print({{"event", "panel"}, {"websiteID", websiteId}},
+          "Website " + (websiteId.is_string() ? websiteId.get<std::string>() : websiteId.dump()) +
+              ": " + (agent ? agent->username().value_or("an operator") : "an operator") +
+              " will answer.");
+    if (!room) {
+      failed("The service named no chat room for this website; try again later.");
+      return;
+    }
+    room_ = room;
+    updates_ = std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
+        [weak = weak_from_this()](const std::any& /*object*/, std::int64_t status) {
+          if (const auto self = weak.lock()) {
+            self->roomUpdated(status);
+          }
+        });
+    room->addRoomUpdatesCallBack(updates_);
+    showNewMessages();
+    if (const auto visitor = kq::KQVisitorWebService::sharedInstance().currentUser()) {
+      visitor->setName(options_.name);
+      visitor->setEmail(options_.email);
+      visitor->setPhone(options_.phone);
+    }
+    say("Starting the chat...");
+    client.sitesManager()->startChat(
+        options_.message,
+        [self = shared_from_this()](std::optional<KQError> failure, Json /*result*/, bool joined) {
+          kq::DispatchQueue::main()->async([self, failure = std::move(failure), joined] {
+            self->startAnswered(failure, joined);
+          });
+        });
+  }
+
+  void startAnswered(const std::optional<KQError>& error, bool joined) {
+    if (error) {
+      fail(*error, "The chat could not be started");
+      return;
+    }
+    if (!joined || finishing_) {
+      return;
+    }
+    const auto room = room_.lock();
+    const auto chatId = room ? room->roomId() : std::nullopt;
+    print({{"event", "started"}, {"joined", true}, {"chatId", chatId ? Json(*chatId) : Json()}},
+          started_ ? "Back in the chat." : "Chat started. Type a message and press Enter.");
+    started_ = true;
+    sendPending();
+  }
+
+  void roomUpdated(std::int64_t status) {
+    if (finishing_) {
+      return;
+    }
+    if (status != kq::KQRoomUpdateNewMessage && status != kq::KQRoomUpdateOwnMessage) {
+      static const std::map<std::int64_t, std::string> kTexts = {
+          {kq::KQRoomUpdateJoined, "Joined the chat room."},
+          {kq::KQRoomUpdateDestroyed, "The chat has ended."},
+          {kq::KQRoomUpdateJoining, "Joining the chat room..."},
+          {kq::KQRoomUpdateRejoining, "The chat server refused a message: joining again..."},
+      };
+      const auto text = kTexts.find(status);
+      print({{"event", "room"}, {"status", status}},
+            text == kTexts.end() ? "Room status " + std::to_string(status) : text->second);
+    }
+    showNewMessages();
+    if (status == kq::KQRoomUpdateJoined) {
+      sendPending();  // lines that waited for a rejoin
+    } else if (status == kq::KQRoomUpdateDestroyed) {
+      finish();
+    }
+  }
+
+  // Prints the room's messages not printed yet. The greeting comes back as a new first record
+  // each time the room is joined: it is printed once.
+  void showNewMessages() {
+    const auto room = room_.lock();
+    if (!room) {
+      return;
+    }
+    const auto messages = room->messages();
+    for (const auto& message : messages) {
+      if (!shown_.insert(message.get()).second) {
+        continue;
+      }
+      kept_.push_back(message);  // keeps the address from being reused
+      const std::string text = message->message().value_or("");
+      if (&message == &messages.front() && text == room->greetingMessage()) {
+        if (greetingShown_) {
+          continue;
+        }
+        greetingShown_ = true;
+      }
+      if (text == KQVisitorRoom::kDestroyRoomText) {
+        // Over HTTP the operator's end of the chat arrives as a message.
+        print({{"event", "room"}, {"status", kq::KQRoomUpdateDestroyed}}, "The chat has ended.");
+        finish();
+        return;
+      }
+      if (KQVisitorRoom::ignoreMessage(text)) {
+        continue;
+      }
+      const auto sender = message->sender();
+      const bool own = message->messageType() == kq::KQVisitorMessageTypeVisitor;
+      const auto name = sender ? sender->username() : std::nullopt;
+      print({{"event", "message"},
+             {"type", message->messageType()},
+             {"sender", name ? Json(*name) : Json()},
+             {"text", text}},
+            (own ? std::string("You") : name.value_or("Operator")) + ": " + text);
+    }
+  }
+
+  // Sends the lines typed so far once the chat has started; a line the room cannot take now
+  // (its stream is down) waits for the next join. Over HTTP one line is on its way at a time,
+  // so that the service stores them in the order typed.
+  void sendPending() {
+    const auto room = room_.lock();
+    while (started_ && !finishing_ && room && !pending_.empty() && inFlight_ == 0) {
+      const std::string line = pending_.front();
+      if (options_.http) {
+        sendOverHTTP(line);
+      } else if (!room->sendMessage(line)) {
+        if (room->isRoomDestroyed()) {
+          finish();  // reports what is left as unsent
+        }
+        return;
+      }
+      pending_.pop_front();
+    }
+    lingerIfDone();
+  }
+
+  // Over HTTP the line goes through the sites manager, whose answer tells whether it arrived.
+  void sendOverHTTP(const std::string& line) {
+    ++inFlight_;
+    kq::KQVisitorXMPPClient::instance().sitesManager()->sendHTTPMessage(
+        line, [self = shared_from_this(), line](std::optional<KQError> error, auto /*message*/) {
+          kq::DispatchQueue::main()->async([self, line, error = std::move(error)] {
+            --self->inFlight_;
+            if (error) {
+              self->showError(*error, "Not sent: " + line);
+              ++self->unsent_;
+            }
+            self->showNewMessages();
+            self->sendPending();
+          });
+        });
+  }
+
+  void lingerIfDone() {
+    if (!inputEnded_ || !started_ || !pending_.empty() || inFlight_ > 0 || lingering_ ||
+        finishing_) {
+      return;
+    }
+    lingering_ = true;
+    kq::DispatchQueue::main()->asyncAfter(std::chrono::duration_cast<kq::Clock::Duration>(
+                                              std::chrono::duration<double>(options_.linger)),
+                                          [self = shared_from_this()] { self->finish(); });
+  }
+
+  void stop() {
+    auto& client = kq::KQVisitorXMPPClient::instance();
+    if (const auto room = room_.lock()) {
+      room->removeRoomUpdateCallback(updates_);
+    }
+    client.removeStreamDelegate(this);
+    kq::DispatchQueue::main()->stop();
+  }
+
+  Options options_;
+  std::weak_ptr<KQVisitorRoom> room_;
+  KQVisitorRoom::RoomUpdatesCallbackRef updates_;
+  std::deque<std::string> pending_;  // typed, not yet handed to the room
+  std::set<const kq::KQVisitorMessage*> shown_;
+  std::vector<std::shared_ptr<kq::KQVisitorMessage>> kept_;
+  int inFlight_ = 0;  // HTTP sends not answered yet
+  int unsent_ = 0;
+  bool started_ = false;
+  bool inputEnded_ = false;
+  bool lingering_ = false;
+  bool finishing_ = false;
+  bool failed_ = false;
+  bool greetingShown_ = false;
+  bool authenticated_ = false;
+};
+
+}  // namespace
+
+// The visitor's whole road: the website by its domain, the pre-chat check, the chat's start,
+// then each line of standard input as a message and every update of the room as it comes.
+int runChat(const std::vector<std::string>& arguments) {
+  if (wantsHelp(arguments)) {
+    std::cout
+        << "usage: kqvisitor-chat " << kUsage << "\n\n"
+        << "Chats with an operator of the website DOMAIN as a visitor: identifies the website,\n"
+        << "registers the visitor, checks that an operator is there in LANG (en by default; ar\n"
+        << "uses --domain-ar), starts the chat with --message as the opening text (and the\n"
+        << "visitor's --name, --email and --phone when given), then sends each line of\n"
+        << "standard input and prints every message and room update.\n\n"
+        << "  --http            carry the chat over HTTP polling instead of XMPP\n"
+        << "  --json            print one JSON object a line (events panel, started, message,\n"
+        << "                    room, error, unsent)\n"
+        << "  --linger SECONDS  after the end of input, wait this long for replies (default 5)\n\n"
+        << "Leaves the chat at the end of lingering, when the operator ends the chat, or on\n"
+        << "Ctrl-C. Exits 0 after a chat, 1 when the chat could not be prepared or started or\n"
+        << "lines could not be sent (each failure says what to do), 2 for bad arguments.\n"
+        << "Settings (service origins, XMPP server, httpPollInterval) come from\n"
+        << "KQVISITOR_CONFIG.\n";
+    return kExitOk;
+  }
+  Options options;
+  if (const auto problem = parse(arguments, options)) {
+    return usageError(kUsage, *problem);
+  }
+  // Signals are taken by a thread of their own; every thread started from here on (the
+  // library's too) inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  auto session = std::make_shared<ChatSession>(options);
+  const auto& main = kq::DispatchQueue::main();
+  main->async([session] { session->start(); });
+  std::thread([session, main, prompt = isatty(STDIN_FILENO) != 0 && !options.json] {
+    for (std::string line;;) {
+      if (prompt) {
+        std::cout << "> " << std::flush;
+      }
+      if (!std::getline(std::cin, line)) {
+        break;
+      }
+      main->async([session, line] { session->send(line); });
+    }
+    main->async([session] { session->inputEnded(); });
+  }).detach();
+  std::thread([session, main, signals] {
+    int received = 0;
+    sigwait(&signals, &received);
+    main->async([session] { session->finish(); });
+  }).detach();
+  main->run();
+  return session->exitStatus();
+}
+
+}  // namespace kqchat

@@ -1,0 +1,315 @@
+// kqvisitor-chat chat, run as a child process: the visitor's whole road against a JSON chat
+// service on loopback that answers in the service's habits, over XMPP with a real Prosody and a
+// second client as the operator, and over HTTP polling.
+
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/MainQueue.h"
+#include "tests/support/ProsodyOperator.h"
+#include "tests/support/ProsodyServer.h"
+#include "tests/support/RecordingHTTPServer.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <future>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+namespace kq {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using test::runMainQueueUntil;
+
+std::vector<Json> events(const std::string& out) {
+  std::vector<Json> lines;
+  std::istringstream stream(out);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(Json::parse(line));
+  }
+  return lines;
+}
+
+// The (event, text) of each line, the text being a message's "sender: text", a room's status
+// or an error's domain and status: the conversation as the visitor saw it.
+std::vector<std::string> transcript(const std::vector<Json>& all) {
+  std::vector<std::string> lines;
+  for (const auto& event : all) {
+    const std::string name = event["event"];
+    if (name == "message") {
+      lines.push_back("message " + std::to_string(event["type"].get<int>()) + " " +
+                      (event["sender"].is_string() ? event["sender"].get<std::string>() : "-") +
+                      ": " + event["text"].get<std::string>());
+    } else if (name == "room") {
+      lines.push_back("room " + event["status"].dump());
+    } else if (name == "error") {
+      lines.push_back("error " + event["domain"].get<std::string>() + " " + event["code"].dump() +
+                      " " + event["status"].dump());
+    } else {
+      lines.push_back(name);
+    }
+  }
+  return lines;
+}
+
+// The operation a request called: the last path segment, without the query.
+std::string operationOf(const test::RecordedRequest& request) {
+  const auto path = request.target.substr(0, request.target.find('?'));
+  return path.substr(path.rfind('/') + 1);
+}
+
+// A JSON chat service with one website ("shop.example", id 12) and one operator (42, Omar).
+// Each operation answers in the service's habits; tests change single answers. Over HTTP the
+// operator answers each visitor message with a scripted reply and, after the last, ends the chat.
+class ChatService {
+ public:
+  explicit ChatService(std::vector<std::string> replies = {}) : replies_(std::move(replies)) {
+    answers_ = {
+        {"GetWI", R"("{\"W_I\":\"12\",\"T_Z\":\"3\",\"P_L\":\"1\",\"S_B\":\"true\"}")"},
+        {"ReadValue", R"("stamp-1")"},
+        {"InVsIn", R"({"V_I":"v9","V_N":"Ann","S_I":"s1"})"},
+        {"IsWbBl", R"("0")"},
+        {"ChatPreByLan",
+         R"({"U_I":"42","U_N":"Omar","AG_M":"Hello, I am Omar","C_I":"0","I_AIC":"0"})"},
+        {"InsGrtInfo", R"("g1")"},
+        {"InsertCInfoM", R"(["31"])"},
+        {"InsertCInfoMwithSurvey", R"(["31"])"},
+        {"InsertChatMessage", R"("1")"},
+        {"ET", R"("1")"},
+    };
+    server.setResponder([this](const test::RecordedRequest& request) { return answer(request); });
+  }
+
+  void set(const std::string& operation, const std::string& body) {
+    std::scoped_lock lock(mutex_);
+    answers_[operation] = body;
+  }
+
+  [[nodiscard]] std::vector<std::string> operations() const {
+    std::vector<std::string> names;
+    for (const auto& request : server.requests()) {
+      names.push_back(operationOf(request));
+    }
+    return names;
+  }
+
+  [[nodiscard]] std::string query(const std::string& operation) const {
+    for (const auto& request : server.requests()) {
+      if (operationOf(request) == operation) {
+        return request.target.substr(request.target.find('?') + 1);
+      }
+    }
+    return {};
+  }
+
+  test::RecordingHTTPServer server;
+
+ private:
+  static test::ScriptedResponse json(int status, std::string body) {
+    test::ScriptedResponse response;
+    response.status = status;
+    response.body = std::move(body);
+    return response;
+  }
+
+  std::optional<test::ScriptedResponse> answer(const test::RecordedRequest& request) {
+    std::scoped_lock lock(mutex_);
+    const auto operation = operationOf(request);
+    if (operation == "InsertChatMessage" && nextReply_ < replies_.size()) {
+      outbox_.push_back(Json::array({replies_[nextReply_], std::to_string(nextReply_ + 1)}).dump());
+      if (++nextReply_ == replies_.size()) {
+        outbox_.push_back(Json::array({"[destroy room]", "99"}).dump());
+      }
+    }
+    if (operation == "GetChatMessagesAlt") {
+      if (outbox_.empty()) {
+        return json(200, R"(["","0"])");
+      }
+      auto body = std::move(outbox_.front());
+      outbox_.pop_front();
+      return json(200, std::move(body));
+    }
+    const auto found = answers_.find(operation);
+    return found == answers_.end() ? json(404, "null") : json(200, found->second);
+  }
+
+  std::mutex mutex_;
+  std::map<std::string, std::string> answers_;
+  std::vector<std::string> replies_;
+  std::size_t nextReply_ = 0;
+  std::deque<std::string> outbox_;
+};
+
+class KQVisitorChatCommandTest : public ::testing::Test {
+ protected:
+  // Settings pointing every service at `service`, a probe address that is reachable, polls
+  // every 50 ms and user defaults of this test's own.
+  void writeConfig(const ChatService& service, Json xmpp = Json::object()) {
+    Json config = {{"jsonServiceProductionOrigin", service.server.origin()},
+                   {"jsonServiceBetaOrigin", service.server.origin()},
+                   {"reachabilityHost", "127.0.0.1"},
+                   {"httpPollInterval", 0.05},
+                   {"userDefaultsPath", folder.file("defaults.json")}};
+    config.update(xmpp);
+    test::writeFile(folder.file("config.json"), config.dump());
+  }
+
+  test::ChildResult chat(std::vector<std::string> arguments, const std::string& input = {}) {
+    arguments.insert(arguments.begin(), {KQ_CHAT_TOOL, "chat", "--domain", "shop.example"});
+    return test::runChild(arguments, {"KQVISITOR_CONFIG=" + folder.file("config.json")}, input);
+  }
+
+  test::TemporaryDirectory folder;
+};
+
+TEST_F(KQVisitorChatCommandTest, AVisitorChatsOverXMPPWithAnOperatorUntilTheOperatorEndsIt) {
+  ASSERT_TRUE(test::ProsodyServer::isAvailable())
+      << "Prosody is not installed (scripts/install-deps installs it)";
+  test::ProsodyServer::Options options;
+  options.tls = false;
+  options.accounts["42"] = "secret";
+  test::ProsodyServer prosody(options);
+  test::Operator agent(prosody);
+  ASSERT_TRUE(agent.login());
+  ChatService service;
+  writeConfig(service, {{"xmppHost", "127.0.0.1"}, {"xmppPort", prosody.port()}});
+
+  auto visitor = std::async(std::launch::async, [&] {
+    return chat({"--message", "I need help", "--json", "--linger", "20"},
+                "Where is my order?\nThanks\n");
+  });
+  // The operator takes the invitation, joins, answers the visitor's two lines and ends the chat.
+  ASSERT_TRUE(runMainQueueUntil([&] { return !agent.events->messages.empty(); }));
+  const auto invitation = agent.events->messages.front();
+  EXPECT_EQ(chatId(invitation), "31");
+  EXPECT_EQ(websiteId(invitation), "12");
+  EXPECT_EQ(visitorId(invitation), "v9");
+  const auto roomEvents = std::make_shared<test::RoomEvents>();
+  const auto room = agent.joinRoom(*invitation.from(), roomEvents);
+  const auto visitorLines = [&] {
+    std::vector<std::string> lines;
+    for (const auto& message : roomEvents->messages) {
+      if (managerId(message) == "0") {
+        lines.push_back(kqChatMessage(message));
+      }
+    }
+    return lines;
+  };
+  ASSERT_TRUE(runMainQueueUntil([&] { return visitorLines().size() == 2; }));
+  EXPECT_EQ(visitorLines(), (std::vector<std::string>{"Where is my order?", "Thanks"}));
+  sendKQVisitorMessage(room, "It ships today", "42", "12", "42", "Omar", "31");
+  sendKQVisitorMessage(room, "[destroy room]", "42", "12", "42", "Omar", "31");
+
+  const auto result = visitor.get();
+  room->deactivate();
+  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+  const auto all = events(result.out);
+  ASSERT_FALSE(all.empty());
+  EXPECT_EQ(all.front(), (Json{{"event", "panel"}, {"websiteID", "12"}}));
+  const auto seen = transcript(all);
+  const auto position = [&](const std::string& line) {
+    return std::find(seen.begin(), seen.end(), line) - seen.begin();
+  };
+  // The greeting once, the visitor's echoes, the operator's answer, then the end.
+  EXPECT_EQ(std::count(seen.begin(), seen.end(), "message 4 Omar: Hello, I am Omar"), 1)
+      << result.out;
+  EXPECT_LT(position("started"), position("message 1 Ann: Where is my order?")) << result.out;
+  EXPECT_LT(position("message 1 Ann: Where is my order?"), position("message 1 Ann: Thanks"));
+  EXPECT_LT(position("message 1 Ann: Thanks"), position("message 4 Omar: It ships today"));
+  EXPECT_LT(position("message 4 Omar: It ships today"), position("room 1"));
+  EXPECT_EQ(seen.back(), "message 4 -: Left the conversation") << result.out;
+  EXPECT_NE(service.query("InsertCInfoM").find("parCM=I%20need%20help&"), std::string::npos)
+      << service.query("InsertCInfoM");
+}
+
+TEST_F(KQVisitorChatCommandTest, AVisitorChatsOverHTTPAndLeavesWhenTheOperatorEndsIt) {
+  ChatService service({"Let me look", "It ships today"});
+  writeConfig(service);
+  // (No "?" in the lines: the query keeps it as typed, and this test server refuses a second
+  // "?" in a request line.)
+  const auto result = chat({"--http", "--json", "--linger", "20", "--email", "ann@example.com"},
+                           "Where is my order\nThanks\n");
+  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
+  const auto seen = transcript(events(result.out));
+  ASSERT_EQ(seen.size(), 8U) << result.out;
+  EXPECT_EQ(std::vector(seen.begin(), seen.begin() + 3),
+            (std::vector<std::string>{"panel", "message 4 Omar: Hello, I am Omar", "started"}));
+  EXPECT_EQ(seen.back(), "room 1");
+  // The visitor's lines in the order typed, each answer after its question.
+  const auto position = [&](const std::string& line) {
+    return std::find(seen.begin(), seen.end(), line) - seen.begin();
+  };
+  EXPECT_LT(position("message 1 Ann: Where is my order"), position("message 1 Ann: Thanks"));
+  EXPECT_LT(position("message 1 Ann: Where is my order"), position("message 4 Omar: Let me look"));
+  EXPECT_LT(position("message 4 Omar: Let me look"), position("message 4 Omar: It ships today"));
+  EXPECT_LT(position("message 1 Ann: Thanks"), position("message 4 Omar: It ships today"));
+  // The survey form of the start, the chat's end told to the service, and no XMPP at all.
+  EXPECT_NE(service.query("InsertCInfoMwithSurvey").find("parEmail=ann@example.com&"),
+            std::string::npos);
+  auto called = service.operations();
+  std::erase(called, "GetChatMessagesAlt");
+  EXPECT_EQ(called.back(), "ET");
+  EXPECT_EQ(service.query("ET").substr(0, 13), "parChatId=31&");
+}
+
+TEST_F(KQVisitorChatCommandTest, AFailedPreparationOrStartExitsAtOnceSayingWhatToDo) {
+  struct Case {
+    std::string operation;
+    std::string answer;
+    std::string error;
+    std::string advice;
+  };
+  const std::vector<Case> cases = {
+      {"GetWI", R"({"W_I":"0"})", "error Website call issue 400 5", "check --domain"},
+      {"IsWbBl", R"("1")", "error WebSite Blocked 400 4", "does not take chats"},
+      {"ChatPreByLan", R"({"U_N":"nobody"})", "error Operator not found 500 2",
+       "No operator is online"},
+      {"InsertCInfoM", R"(["0"])", "error Network 400 3", "did not answer as expected"},
+  };
+  for (const auto& [operation, answer, error, advice] : cases) {
+    ChatService service;
+    service.set(operation, answer);
+    writeConfig(service);
+    const auto result = chat({"--http", "--json"}, "never sent\n");
+    EXPECT_EQ(result.exitStatus, 1) << operation << result.out << result.err;
+    const auto seen = transcript(events(result.out));
+    EXPECT_NE(std::find(seen.begin(), seen.end(), error), seen.end()) << result.out;
+    EXPECT_EQ(seen.back(), "unsent") << "the typed line is reported, not lost: " << result.out;
+    EXPECT_NE(result.err.find(advice), std::string::npos) << result.err;
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), "started"), 0) << result.out;
+  }
+
+  // Arabic without an Arabic domain: refused before any call.
+  ChatService service;
+  writeConfig(service);
+  const auto arabic = chat({"--language", "ar", "--json"});
+  EXPECT_EQ(arabic.exitStatus, 1);
+  EXPECT_EQ(transcript(events(arabic.out)),
+            std::vector<std::string>{"error Domain not mentioned 400 5"});
+  EXPECT_TRUE(service.server.requests().empty());
+}
+
+TEST_F(KQVisitorChatCommandTest, BadArgumentsExitWithStatusTwo) {
+  ChatService service;
+  writeConfig(service);
+  for (const std::vector<std::string>& arguments :
+       {std::vector<std::string>{"--linger", "soon"}, {"--linger", "-1"}, {"--name"}, {"--x"}}) {
+    const auto result = chat(arguments);
+    EXPECT_EQ(result.exitStatus, 2) << arguments.front();
+    EXPECT_NE(result.err.find("usage: kqvisitor-chat chat"), std::string::npos) << result.err;
+  }
+  const auto noDomain = test::runChild({KQ_CHAT_TOOL, "chat", "--http"},
+                                       {"KQVISITOR_CONFIG=" + folder.file("config.json")});
+  EXPECT_EQ(noDomain.exitStatus, 2);
+  EXPECT_NE(noDomain.err.find("missing --domain"), std::string::npos) << noDomain.err;
+}
+
+}  // namespace
+}  // namespace kq
