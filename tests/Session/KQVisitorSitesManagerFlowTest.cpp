@@ -76,6 +76,14 @@ class KQVisitorSitesManagerFlowTest : public ::testing::Test {
     return result;
   }
 
+  // Settings whose JSON services listen nowhere.
+  static KQVisitorConfig unreachableServices() {
+    KQVisitorConfig config;
+    config.jsonServiceProductionOrigin = "http://127.0.0.1:" + std::to_string(test::unusedPort());
+    config.jsonServiceBetaOrigin = config.jsonServiceProductionOrigin;
+    return config;
+  }
+
   static std::string service(const std::string& call) { return call.substr(0, call.find('?')); }
 
   std::vector<std::string> services() const {
@@ -185,12 +193,29 @@ TEST_F(KQVisitorSitesManagerFlowTest, EveryFailureAnswersOnceWithItsMessageCodeA
   expectError(noOperator, "Operator not found", 500, 2);
   EXPECT_EQ(noOperator.result, (Json{{"websiteID", "12"}}));
 
+  // Answers without a body: the service answered nothing.
+  script({""});
+  expectError(launch(), "Website call issue", 400, 3);
+  script({kWebsite, R"("stamp-5")", ""});
+  expectError(launch(), "Internet not availalbe", 400, 8);
+  script({kWebsite, R"("stamp-6")", kVisitor, R"("0")", R"("0")", ""});
+  expectError(launch(), "Internet not availalbe", 400, 8);
+  EXPECT_EQ(services().back(), "ChatPreByLan");
+
+  // "InsGrtInfo" failing, whatever the reason, is reported under its own name with status 3:
+  // the service becomes unreachable once it has named the operator.
+  const KQVisitorConfig unreachable = unreachableServices();
+  script({kWebsite, R"("stamp-7")", kVisitor, R"("0")", R"("0")", kOperator});
+  server.setResponder([&](const test::RecordedRequest& request) {
+    if (service(request.target.substr(request.target.rfind('/') + 1)) == "ChatPreByLan") {
+      KQVisitorConfig::setShared(unreachable);
+    }
+    return std::optional<test::ScriptedResponse>();
+  });
+  expectError(launch(), "InsGrtInfo", 400, 3);
+  server.setResponder(nullptr);
+
   // A transport failure keeps its domain and code, with status 3.
-  KQVisitorConfig unreachable;
-  unreachable.jsonServiceProductionOrigin =
-      "http://127.0.0.1:" + std::to_string(test::unusedPort());
-  unreachable.jsonServiceBetaOrigin = unreachable.jsonServiceProductionOrigin;
-  KQVisitorConfig::setShared(unreachable);
   expectError(launch(), std::string(HTTPSession::kErrorDomain), HTTPSession::kErrorCouldNotConnect,
               3);
 }
@@ -232,6 +257,16 @@ TEST_F(KQVisitorSitesManagerFlowTest, AStartedChatOverHTTPIsRegisteredThenPolled
     EXPECT_EQ(future.wait_for(test::kPatience), std::future_status::ready);
     return future.get();
   };
+
+  // A registration that cannot reach the service.
+  KQVisitorConfig::setShared(unreachableServices());
+  const Start unregistered = start("Hello");
+  ASSERT_TRUE(unregistered.error);
+  EXPECT_EQ(unregistered.error->domain, "Network");
+  EXPECT_EQ(unregistered.error->code, 400);
+  EXPECT_EQ(unregistered.error->status(), 3);
+  EXPECT_FALSE(unregistered.joined);
+  test::pointServicesAt(server.origin());
 
   // A chat id that is no number fails before anything is joined.
   script({R"(["abc"])"});
