@@ -2,9 +2,7 @@
 
 #include <KQVisitorCore/KQVisitorCore.h>
 
-#include <pthread.h>
 #include <unistd.h>
-#include <csignal>
 #include <cstdlib>
 #include <deque>
 #include <iostream>
@@ -13,7 +11,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 
 namespace kqchat {
 
@@ -42,45 +39,35 @@ struct Options {
 
 // Parses the arguments; an error message on failure.
 std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& name = arguments[i];
-    if (name == "--http" || name == "--json") {
-      (name == "--http" ? options.http : options.json) = true;
-      continue;
-    }
-    if (i + 1 >= arguments.size()) {
-      return name.starts_with("--") ? "\"" + name + "\" needs a value"
-                                    : "unexpected argument \"" + name + "\"";
-    }
-    const std::string& value = arguments[++i];
-    if (name == "--domain") {
-      options.domain = value;
-    } else if (name == "--domain-ar") {
-      options.domainArabic = value;
-    } else if (name == "--language") {
-      options.language = value;
-    } else if (name == "--name") {
-      options.name = value;
-    } else if (name == "--email") {
-      options.email = value;
-    } else if (name == "--phone") {
-      options.phone = value;
-    } else if (name == "--message") {
-      options.message = value;
-    } else if (name == "--linger") {
-      char* end = nullptr;
-      options.linger = std::strtod(value.c_str(), &end);
-      if (value.empty() || *end != '\0' || !(options.linger >= 0 && options.linger <= 3600)) {
-        return "--linger takes a number of seconds from 0 to 3600, not \"" + value + "\"";
-      }
-    } else {
-      return "unknown argument \"" + name + "\"";
-    }
+  const std::map<std::string_view, std::optional<std::string> Options::*> texts = {
+      {"--domain", &Options::domain}, {"--domain-ar", &Options::domainArabic},
+      {"--name", &Options::name},     {"--email", &Options::email},
+      {"--phone", &Options::phone},   {"--message", &Options::message},
+  };
+  auto problem = parseOptions(
+      arguments, {"--http", "--json"},
+      [&](const std::string& name, const std::string& value) -> std::optional<std::string> {
+        if (const auto text = texts.find(name); text != texts.end()) {
+          options.*(text->second) = value;
+        } else if (name == "--http" || name == "--json") {
+          (name == "--http" ? options.http : options.json) = true;
+        } else if (name == "--language") {
+          options.language = value;
+        } else if (name == "--linger") {
+          char* end = nullptr;
+          options.linger = std::strtod(value.c_str(), &end);
+          if (value.empty() || *end != '\0' || !(options.linger >= 0 && options.linger <= 3600)) {
+            return "--linger takes a number of seconds from 0 to 3600, not \"" + value + "\"";
+          }
+        } else {
+          return "unknown argument \"" + name + "\"";
+        }
+        return std::nullopt;
+      });
+  if (!problem && !options.domain) {
+    problem = "missing --domain";
   }
-  if (!options.domain) {
-    return "missing --domain";
-  }
-  return std::nullopt;
+  return problem;
 }
 
 // What the visitor can do about a failure, by its status.
@@ -501,35 +488,11 @@ int runChat(const std::vector<std::string>& arguments) {
   if (const auto problem = parse(arguments, options)) {
     return usageError(kUsage, *problem);
   }
-  // Signals are taken by a thread of their own; every thread started from here on (the
-  // library's too) inherits the mask.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
   auto session = std::make_shared<ChatSession>(options);
-  const auto& main = kq::DispatchQueue::main();
-  main->async([session] { session->start(); });
-  std::thread([session, main, prompt = isatty(STDIN_FILENO) != 0 && !options.json] {
-    for (std::string line;;) {
-      if (prompt) {
-        std::cout << "> " << std::flush;
-      }
-      if (!std::getline(std::cin, line)) {
-        break;
-      }
-      main->async([session, line] { session->send(line); });
-    }
-    main->async([session] { session->inputEnded(); });
-  }).detach();
-  std::thread([session, main, signals] {
-    int received = 0;
-    sigwait(&signals, &received);
-    main->async([session] { session->finish(); });
-  }).detach();
-  main->run();
+  runMainQueueWithTerminal(
+      {[session] { session->start(); }, [session](std::string line) { session->send(line); },
+       [session] { session->inputEnded(); }, [session] { session->finish(); }},
+      isatty(STDIN_FILENO) != 0 && !options.json);
   return session->exitStatus();
 }
 

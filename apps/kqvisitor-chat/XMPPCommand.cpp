@@ -2,14 +2,11 @@
 
 #include <KQVisitorCore/KQVisitorCore.h>
 
-#include <pthread.h>
-#include <csignal>
 #include <deque>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace kqchat {
 
@@ -34,42 +31,40 @@ struct Options {
 
 // Parses the arguments; an error message on failure.
 std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string& name = arguments[i];
-    if (name == "--json") {
-      options.json = true;
-      continue;
-    }
-    if (i + 1 >= arguments.size()) {
-      return name.starts_with("--") ? "\"" + name + "\" needs a value"
-                                    : "unexpected argument \"" + name + "\"";
-    }
-    const std::string& value = arguments[++i];
-    if (name == "--user-id") {
-      options.userId = value;
-    } else if (name == "--nick") {
-      options.nick = value;
-    } else if (name == "--chat-id") {
-      options.chatId = value;
-    } else if (name == "--website-id") {
-      options.websiteId = value;
-    } else if (name == "--invite") {
-      options.invite = value;
-    } else if (name == "--reason") {
-      options.reason = value;
-    } else if (name == "--tls") {
-      if (value == "required") {
-        options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::Required;
-      } else if (value == "preferred") {
-        options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::Preferred;
-      } else if (value == "none") {
-        options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::None;
-      } else {
-        return "--tls takes required, preferred or none, not \"" + value + "\"";
-      }
-    } else {
-      return "unknown argument \"" + name + "\"";
-    }
+  auto problem = parseOptions(
+      arguments, {"--json"},
+      [&](const std::string& name, const std::string& value) -> std::optional<std::string> {
+        if (name == "--json") {
+          options.json = true;
+        } else if (name == "--user-id") {
+          options.userId = value;
+        } else if (name == "--nick") {
+          options.nick = value;
+        } else if (name == "--chat-id") {
+          options.chatId = value;
+        } else if (name == "--website-id") {
+          options.websiteId = value;
+        } else if (name == "--invite") {
+          options.invite = value;
+        } else if (name == "--reason") {
+          options.reason = value;
+        } else if (name == "--tls") {
+          if (value == "required") {
+            options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::Required;
+          } else if (value == "preferred") {
+            options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::Preferred;
+          } else if (value == "none") {
+            options.tls = kq::xmpp::XMPPStreamStartTLSPolicy::None;
+          } else {
+            return "--tls takes required, preferred or none, not \"" + value + "\"";
+          }
+        } else {
+          return "unknown argument \"" + name + "\"";
+        }
+        return std::nullopt;
+      });
+  if (problem) {
+    return problem;
   }
   if (!options.chatId && (options.websiteId || options.invite)) {
     return "--website-id and --invite need --chat-id";
@@ -394,30 +389,11 @@ int runXMPP(const std::vector<std::string>& arguments) {
   if (const auto problem = parse(arguments, options)) {
     return usageError(kUsage, *problem);
   }
-  // Signals are taken by a thread of their own; every thread started from here on (the
-  // library's too) inherits the mask.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
   auto session = std::make_shared<Session>(options);
-  const auto& main = kq::DispatchQueue::main();
-  main->async([session] { session->start(); });
-  std::thread([session, main] {
-    std::string line;
-    while (std::getline(std::cin, line)) {
-      main->async([session, line] { session->send(line); });
-    }
-    main->async([session] { session->inputEnded(); });
-  }).detach();
-  std::thread([session, main, signals] {
-    int received = 0;
-    sigwait(&signals, &received);
-    main->async([session] { session->finish(); });
-  }).detach();
-  main->run();
+  runMainQueueWithTerminal(
+      {[session] { session->start(); }, [session](std::string line) { session->send(line); },
+       [session] { session->inputEnded(); }, [session] { session->finish(); }},
+      false);
   return session->exitStatus();
 }
 

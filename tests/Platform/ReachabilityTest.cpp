@@ -4,6 +4,7 @@
 #include <KQVisitorCore/Platform/Reachability.h>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/JSONLines.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/WebServiceFixture.h"
@@ -17,7 +18,6 @@
 
 #include <algorithm>
 #include <future>
-#include <sstream>
 
 namespace kq {
 namespace {
@@ -299,9 +299,8 @@ TEST_F(ReachabilityTest, TheChatCommandWithoutANetworkSaysSoAndExitsAtOnce) {
                                      {"KQVISITOR_CONFIG=" + folder.file("config.json")}, "Hi\n");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
   std::vector<Json> errors;
-  std::istringstream lines(result.out);
-  for (std::string line; std::getline(lines, line);) {
-    if (const auto event = Json::parse(line); event["event"] == "error") {
+  for (const auto& event : test::jsonLines(result.out)) {
+    if (event["event"] == "error") {
       errors.push_back(event);
     }
   }

@@ -6,6 +6,7 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/JSONLines.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ProsodyOperator.h"
 #include "tests/support/ProsodyServer.h"
@@ -20,22 +21,12 @@
 #include <future>
 #include <map>
 #include <mutex>
-#include <sstream>
 
 namespace kq {
 namespace {
 
 using Json = nlohmann::ordered_json;
 using test::runMainQueueUntil;
-
-std::vector<Json> events(const std::string& out) {
-  std::vector<Json> lines;
-  std::istringstream stream(out);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(Json::parse(line));
-  }
-  return lines;
-}
 
 // The (event, text) of each line, the text being a message's "sender: text", a room's status
 // or an error's domain and status: the conversation as the visitor saw it.
@@ -210,7 +201,7 @@ TEST_F(KQVisitorChatCommandTest, AVisitorChatsOverXMPPWithAnOperatorUntilTheOper
   const auto result = visitor.get();
   room->deactivate();
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-  const auto all = events(result.out);
+  const auto all = test::jsonLines(result.out);
   ASSERT_FALSE(all.empty());
   EXPECT_EQ(all.front(), (Json{{"event", "panel"}, {"websiteID", "12"}}));
   const auto seen = transcript(all);
@@ -237,7 +228,7 @@ TEST_F(KQVisitorChatCommandTest, AVisitorChatsOverHTTPAndLeavesWhenTheOperatorEn
   const auto result = chat({"--http", "--json", "--linger", "20", "--email", "ann@example.com"},
                            "Where is my order\nThanks\n");
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-  const auto seen = transcript(events(result.out));
+  const auto seen = transcript(test::jsonLines(result.out));
   ASSERT_EQ(seen.size(), 8U) << result.out;
   EXPECT_EQ(std::vector(seen.begin(), seen.begin() + 3),
             (std::vector<std::string>{"panel", "message 4 Omar: Hello, I am Omar", "started"}));
@@ -279,7 +270,7 @@ TEST_F(KQVisitorChatCommandTest, AFailedPreparationOrStartExitsAtOnceSayingWhatT
     writeConfig(service);
     const auto result = chat({"--http", "--json"}, "never sent\n");
     EXPECT_EQ(result.exitStatus, 1) << operation << result.out << result.err;
-    const auto seen = transcript(events(result.out));
+    const auto seen = transcript(test::jsonLines(result.out));
     EXPECT_NE(std::find(seen.begin(), seen.end(), error), seen.end()) << result.out;
     EXPECT_EQ(seen.back(), "unsent") << "the typed line is reported, not lost: " << result.out;
     EXPECT_NE(result.err.find(advice), std::string::npos) << result.err;
@@ -291,7 +282,7 @@ TEST_F(KQVisitorChatCommandTest, AFailedPreparationOrStartExitsAtOnceSayingWhatT
   writeConfig(service);
   const auto arabic = chat({"--language", "ar", "--json"});
   EXPECT_EQ(arabic.exitStatus, 1);
-  EXPECT_EQ(transcript(events(arabic.out)),
+  EXPECT_EQ(transcript(test::jsonLines(arabic.out)),
             std::vector<std::string>{"error Domain not mentioned 400 5"});
   EXPECT_TRUE(service.server.requests().empty());
 }

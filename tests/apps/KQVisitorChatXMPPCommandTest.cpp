@@ -1,6 +1,7 @@
 // kqvisitor-chat xmpp, run as a child process against a real Prosody.
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/JSONLines.h"
 #include "tests/support/ProsodyServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -13,22 +14,10 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 namespace kq {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// The JSON lines of `out`, in order.
-std::vector<Json> events(const std::string& out) {
-  std::vector<Json> lines;
-  std::istringstream stream(out);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(Json::parse(line));
-  }
-  return lines;
-}
 
 // The events named `name`, in order.
 std::vector<Json> named(const std::vector<Json>& all, const std::string& name) {
@@ -78,7 +67,7 @@ TEST_F(KQVisitorChatXMPPCommandTest, ChatsInTheRoomFromStandardInputAndLeavesOnc
                             "Ann", "--invite", "42", "--reason", "31|W9|77|Ann|x|Hello", "--json"},
                            "Hello operator\nAre you there?\n");
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-  const auto all = events(result.out);
+  const auto all = test::jsonLines(result.out);
 
   ASSERT_FALSE(named(all, "login").empty()) << result.out;
   EXPECT_EQ(named(all, "login").front()["success"], true);
@@ -114,7 +103,7 @@ TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFai
   writeConfig(portWithNoListener(), "");
   const auto result = chat({"--chat-id", "31", "--nick", "Ann", "--json"}, "Hello\n");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  const auto all = events(result.out);
+  const auto all = test::jsonLines(result.out);
   ASSERT_FALSE(named(all, "disconnect").empty()) << result.out;
   EXPECT_NE(named(all, "disconnect").front()["error"].get<std::string>().find("Cannot connect"),
             std::string::npos);
@@ -126,7 +115,7 @@ TEST_F(KQVisitorChatXMPPCommandTest, NeverLoggingInFailsTheRunAndSaysWhatToCheck
   writeConfig(portWithNoListener(), "");
   const auto result = chat({"--json"}, "");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  EXPECT_TRUE(named(events(result.out), "login").empty()) << result.out;
+  EXPECT_TRUE(named(test::jsonLines(result.out), "login").empty()) << result.out;
   EXPECT_NE(result.err.find("never logged in"), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("xmppHost, xmppPort and caFile"), std::string::npos) << result.err;
 }
