@@ -1,0 +1,362 @@
+#include "SandboxStore.h"
+
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace kqsandbox {
+
+namespace {
+
+constexpr const char* kSchema = R"(
+CREATE TABLE IF NOT EXISTS meta (key TEXT PRIMARY KEY, value TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS websites (
+  id TEXT PRIMARY KEY, domain TEXT NOT NULL, domain_arabic TEXT NOT NULL, time_zone TEXT NOT NULL,
+  language_id TEXT NOT NULL, branding INTEGER NOT NULL, blocked INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS operators (
+  id TEXT PRIMARY KEY, website_id TEXT NOT NULL REFERENCES websites(id), name TEXT NOT NULL,
+  language TEXT NOT NULL, greeting TEXT NOT NULL, online INTEGER NOT NULL, password TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS visitors (
+  id INTEGER PRIMARY KEY, website_id TEXT NOT NULL, session TEXT NOT NULL, name TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS greetings (
+  id INTEGER PRIMARY KEY, operator_id TEXT NOT NULL, visitor_id TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS chats (
+  id INTEGER PRIMARY KEY, website_id TEXT NOT NULL, visitor_id TEXT NOT NULL,
+  operator_id TEXT NOT NULL, visitor_name TEXT NOT NULL, opening TEXT NOT NULL,
+  survey TEXT NOT NULL, ended INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE IF NOT EXISTS messages (
+  id INTEGER PRIMARY KEY, chat_id TEXT NOT NULL, sender TEXT NOT NULL, text TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS offline_messages (id INTEGER PRIMARY KEY, fields TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS files (id INTEGER PRIMARY KEY, name TEXT NOT NULL, bytes BLOB NOT NULL);
+)";
+
+}  // namespace
+
+// One prepared statement, finalized on destruction.
+class SandboxStore::Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string("sandbox database: ") + sqlite3_errmsg(db));
+    }
+  }
+  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  Statement& bind(int index, const std::string& text) {
+    sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()),
+                      SQLITE_TRANSIENT);
+    return *this;
+  }
+  Statement& bind(int index, std::int64_t number) {
+    sqlite3_bind_int64(statement_, index, number);
+    return *this;
+  }
+  Statement& bindBlob(int index, const std::string& bytes) {
+    sqlite3_bind_blob64(statement_, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
+    return *this;
+  }
+
+  /// True while there is a row to read.
+  bool step() {
+    const int result = sqlite3_step(statement_);
+    if (result == SQLITE_ROW) {
+      return true;
+    }
+    if (result != SQLITE_DONE) {
+      throw std::runtime_error(std::string("sandbox database: ") + sqlite3_errmsg(db_));
+    }
+    return false;
+  }
+
+  std::string text(int column) {
+    const auto* bytes = sqlite3_column_blob(statement_, column);
+    const int size = sqlite3_column_bytes(statement_, column);
+    return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), size);
+  }
+  std::int64_t number(int column) { return sqlite3_column_int64(statement_, column); }
+
+ private:
+  sqlite3* db_;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+SandboxStore::SandboxStore(const std::string& path, const SandboxFixture& fixture) {
+  if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
+    const std::string why = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
+    sqlite3_close(db_);
+    throw std::runtime_error("cannot open the database " + path + ": " + why);
+  }
+  sqlite3_busy_timeout(db_, 5000);
+  try {
+    execute("PRAGMA journal_mode=WAL");
+    execute(kSchema);
+    Statement seeded(db_, "SELECT value FROM meta WHERE key = 'stamp'");
+    if (!seeded.step()) {
+      seed(fixture);
+    }
+  } catch (const std::runtime_error& error) {
+    sqlite3_close(db_);
+    throw std::runtime_error("cannot use the database " + path + ": " + error.what());
+  }
+}
+
+SandboxStore::~SandboxStore() {
+  sqlite3_close(db_);
+}
+
+void SandboxStore::execute(const std::string& sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+    const std::string why = message != nullptr ? message : sqlite3_errmsg(db_);
+    sqlite3_free(message);
+    throw std::runtime_error(why);
+  }
+}
+
+void SandboxStore::seed(const SandboxFixture& fixture) {
+  execute("BEGIN");
+  for (const auto& website : fixture.websites) {
+    Statement(db_, "INSERT INTO websites VALUES (?, ?, ?, ?, ?, ?, ?)")
+        .bind(1, website.id)
+        .bind(2, website.domain)
+        .bind(3, website.domainArabic)
+        .bind(4, website.timeZone)
+        .bind(5, website.languageId)
+        .bind(6, std::int64_t{website.branding})
+        .bind(7, std::int64_t{website.blocked})
+        .step();
+    for (const auto& agent : website.operators) {
+      Statement(db_, "INSERT INTO operators VALUES (?, ?, ?, ?, ?, ?, ?)")
+          .bind(1, agent.id)
+          .bind(2, website.id)
+          .bind(3, agent.name)
+          .bind(4, agent.language)
+          .bind(5, agent.greeting)
+          .bind(6, std::int64_t{agent.online})
+          .bind(7, agent.password)
+          .step();
+    }
+  }
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+  const nlohmann::json script = {{"replies", fixture.replies}, {"endAfter", fixture.endAfter}};
+  Statement(db_, "INSERT INTO meta VALUES ('stamp', ?), ('script', ?)")
+      .bind(1, "seeded-" + std::to_string(seconds))
+      .bind(2, script.dump())
+      .step();
+  execute("COMMIT");
+}
+
+namespace {
+
+const char* const kWebsiteColumns =
+    "SELECT id, domain, domain_arabic, time_zone, language_id, branding, blocked FROM websites ";
+const char* const kOperatorColumns =
+    "SELECT id, name, language, greeting, online, password FROM operators ";
+
+}  // namespace
+
+std::optional<SandboxWebsite> SandboxStore::websiteByDomain(const std::string& domain) {
+  std::string id;
+  {
+    std::scoped_lock lock(mutex_);
+    Statement query(db_, "SELECT id FROM websites WHERE domain = ?1 OR domain_arabic = ?1");
+    query.bind(1, domain);
+    if (!query.step()) {
+      return std::nullopt;
+    }
+    id = query.text(0);
+  }
+  return websiteById(id);
+}
+
+std::optional<SandboxWebsite> SandboxStore::websiteById(const std::string& id) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, (std::string(kWebsiteColumns) + "WHERE id = ?").c_str());
+  query.bind(1, id);
+  if (!query.step()) {
+    return std::nullopt;
+  }
+  SandboxWebsite website;
+  website.id = query.text(0);
+  website.domain = query.text(1);
+  website.domainArabic = query.text(2);
+  website.timeZone = query.text(3);
+  website.languageId = query.text(4);
+  website.branding = query.number(5) != 0;
+  website.blocked = query.number(6) != 0;
+  Statement operators(db_,
+                      (std::string(kOperatorColumns) + "WHERE website_id = ? ORDER BY rowid").c_str());
+  operators.bind(1, id);
+  while (operators.step()) {
+    website.operators.push_back({operators.text(0), operators.text(1), operators.text(2),
+                                 operators.text(3), operators.number(4) != 0, operators.text(5)});
+  }
+  return website;
+}
+
+std::optional<SandboxOperator> SandboxStore::operatorById(const std::string& id) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, (std::string(kOperatorColumns) + "WHERE id = ?").c_str());
+  query.bind(1, id);
+  if (!query.step()) {
+    return std::nullopt;
+  }
+  return SandboxOperator{query.text(0), query.text(1), query.text(2),
+                         query.text(3), query.number(4) != 0, query.text(5)};
+}
+
+std::string SandboxStore::dataStamp() {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT value FROM meta WHERE key = 'stamp'");
+  return query.step() ? query.text(0) : std::string();
+}
+
+std::pair<std::vector<std::string>, int> SandboxStore::script() {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT value FROM meta WHERE key = 'script'");
+  if (!query.step()) {
+    return {};
+  }
+  const auto script = nlohmann::json::parse(query.text(0));
+  return {script["replies"].get<std::vector<std::string>>(), script["endAfter"].get<int>()};
+}
+
+std::tuple<std::string, std::string, std::string> SandboxStore::addVisitor(
+    const std::string& websiteId) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "INSERT INTO visitors (website_id, session, name) VALUES (?, '', '')")
+      .bind(1, websiteId)
+      .step();
+  const auto id = std::to_string(sqlite3_last_insert_rowid(db_));
+  const std::string session = "s" + id;
+  const std::string name = "Visitor " + id;
+  Statement(db_, "UPDATE visitors SET session = ?, name = ? WHERE id = ?")
+      .bind(1, session)
+      .bind(2, name)
+      .bind(3, id)
+      .step();
+  return {id, session, name};
+}
+
+bool SandboxStore::visitorExists(const std::string& visitorId) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT 1 FROM visitors WHERE id = ?");
+  query.bind(1, visitorId);
+  return query.step();
+}
+
+std::string SandboxStore::addGreeting(const std::string& operatorId, const std::string& visitorId) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "INSERT INTO greetings (operator_id, visitor_id) VALUES (?, ?)")
+      .bind(1, operatorId)
+      .bind(2, visitorId)
+      .step();
+  return std::to_string(sqlite3_last_insert_rowid(db_));
+}
+
+std::string SandboxStore::openChat(const std::string& websiteId, const std::string& visitorId,
+                                   const std::string& operatorId, const std::string& visitorName,
+                                   const std::string& openingText, const std::string& survey) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_,
+            "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, survey) "
+            "VALUES (?, ?, ?, ?, ?, ?)")
+      .bind(1, websiteId)
+      .bind(2, visitorId)
+      .bind(3, operatorId)
+      .bind(4, visitorName)
+      .bind(5, openingText)
+      .bind(6, survey)
+      .step();
+  return std::to_string(sqlite3_last_insert_rowid(db_));
+}
+
+std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_,
+                  "SELECT id, website_id, visitor_id, operator_id, ended FROM chats WHERE id = ?");
+  query.bind(1, chatId);
+  if (!query.step()) {
+    return std::nullopt;
+  }
+  return SandboxChat{query.text(0), query.text(1), query.text(2), query.text(3),
+                     query.number(4) != 0};
+}
+
+void SandboxStore::endChat(const std::string& chatId) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "UPDATE chats SET ended = 1 WHERE id = ?").bind(1, chatId).step();
+}
+
+std::int64_t SandboxStore::addMessage(const std::string& chatId, const std::string& sender,
+                                      const std::string& text) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "INSERT INTO messages (chat_id, sender, text) VALUES (?, ?, ?)")
+      .bind(1, chatId)
+      .bind(2, sender)
+      .bind(3, text)
+      .step();
+  return sqlite3_last_insert_rowid(db_);
+}
+
+int SandboxStore::messageCount(const std::string& chatId, const std::string& sender) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT count(*) FROM messages WHERE chat_id = ? AND sender = ?");
+  query.bind(1, chatId).bind(2, sender);
+  return query.step() ? static_cast<int>(query.number(0)) : 0;
+}
+
+std::optional<std::pair<std::int64_t, std::string>> SandboxStore::nextOperatorMessage(
+    const std::string& chatId, std::int64_t afterId) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_,
+                  "SELECT id, text FROM messages WHERE chat_id = ? AND sender = 'operator' AND "
+                  "id > ? ORDER BY id LIMIT 1");
+  query.bind(1, chatId).bind(2, afterId);
+  if (!query.step()) {
+    return std::nullopt;
+  }
+  return std::pair(query.number(0), query.text(1));
+}
+
+void SandboxStore::addOfflineMessage(const std::string& fields) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "INSERT INTO offline_messages (fields) VALUES (?)").bind(1, fields).step();
+}
+
+std::vector<std::string> SandboxStore::offlineMessages() {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT fields FROM offline_messages ORDER BY id");
+  std::vector<std::string> all;
+  while (query.step()) {
+    all.push_back(query.text(0));
+  }
+  return all;
+}
+
+std::string SandboxStore::addFile(const std::string& name, const std::string& bytes) {
+  std::scoped_lock lock(mutex_);
+  Statement(db_, "INSERT INTO files (name, bytes) VALUES (?, ?)")
+      .bind(1, name)
+      .bindBlob(2, bytes)
+      .step();
+  return std::to_string(sqlite3_last_insert_rowid(db_));
+}
+
+std::optional<std::pair<std::string, std::string>> SandboxStore::file(const std::string& id) {
+  std::scoped_lock lock(mutex_);
+  Statement query(db_, "SELECT name, bytes FROM files WHERE id = ?");
+  query.bind(1, id);
+  if (!query.step()) {
+    return std::nullopt;
+  }
+  return std::pair(query.text(0), query.text(1));
+}
+
+}  // namespace kqsandbox

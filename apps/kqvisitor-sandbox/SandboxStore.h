@@ -1,0 +1,87 @@
+#pragma once
+
+#include "SandboxFixture.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+struct sqlite3;
+
+namespace kqsandbox {
+
+/// A chat as the service keeps it.
+struct SandboxChat {
+  std::string id;
+  std::string websiteId;
+  std::string visitorId;
+  std::string operatorId;
+  bool ended = false;
+};
+
+/// The sandbox's data in one SQLite database: websites and operators (from the fixture), the
+/// visitors, chats and messages the service records, offline messages and uploaded files.
+/// Every method may be called from any thread (one connection behind a mutex). Methods throw
+/// std::runtime_error when the database fails.
+class SandboxStore {
+ public:
+  /// Opens (or creates) the database at `path` and seeds it with `fixture` when it is new.
+  /// Throws std::runtime_error naming the file when it cannot be opened or written.
+  SandboxStore(const std::string& path, const SandboxFixture& fixture);
+  ~SandboxStore();
+  SandboxStore(const SandboxStore&) = delete;
+  SandboxStore& operator=(const SandboxStore&) = delete;
+
+  /// The website known by either of its domain names.
+  [[nodiscard]] std::optional<SandboxWebsite> websiteByDomain(const std::string& domain);
+  [[nodiscard]] std::optional<SandboxWebsite> websiteById(const std::string& id);
+  /// The operator with this id, of any website.
+  [[nodiscard]] std::optional<SandboxOperator> operatorById(const std::string& id);
+  /// The stamp of the data: it changes when the database is made anew.
+  [[nodiscard]] std::string dataStamp();
+  /// The fixture's script of operator answers.
+  [[nodiscard]] std::pair<std::vector<std::string>, int> script();
+
+  /// Registers a visitor of `websiteId`; returns (visitor id, session id, visitor name).
+  std::tuple<std::string, std::string, std::string> addVisitor(const std::string& websiteId);
+  [[nodiscard]] bool visitorExists(const std::string& visitorId);
+  /// Records that the greeting of `operatorId` was shown to `visitorId`; returns its id.
+  std::string addGreeting(const std::string& operatorId, const std::string& visitorId);
+  /// Opens a chat; returns its id.
+  std::string openChat(const std::string& websiteId, const std::string& visitorId,
+                       const std::string& operatorId, const std::string& visitorName,
+                       const std::string& openingText, const std::string& survey);
+  [[nodiscard]] std::optional<SandboxChat> chat(const std::string& chatId);
+  void endChat(const std::string& chatId);
+  /// Adds a message ("visitor" or "operator") to a chat; returns its id (increasing).
+  std::int64_t addMessage(const std::string& chatId, const std::string& sender,
+                          const std::string& text);
+  /// How many messages `sender` wrote in the chat.
+  [[nodiscard]] int messageCount(const std::string& chatId, const std::string& sender);
+  /// The first operator message of the chat after message `afterId`: (id, text).
+  [[nodiscard]] std::optional<std::pair<std::int64_t, std::string>> nextOperatorMessage(
+      const std::string& chatId, std::int64_t afterId);
+
+  /// Keeps an offline contact message (the SOAP call's parameters, as JSON text).
+  void addOfflineMessage(const std::string& fields);
+  [[nodiscard]] std::vector<std::string> offlineMessages();
+  /// Keeps an uploaded file; returns its id.
+  std::string addFile(const std::string& name, const std::string& bytes);
+  /// The file's (name, bytes).
+  [[nodiscard]] std::optional<std::pair<std::string, std::string>> file(const std::string& id);
+
+ private:
+  class Statement;
+  void seed(const SandboxFixture& fixture);
+  void execute(const std::string& sql);
+
+  std::mutex mutex_;
+  sqlite3* db_ = nullptr;  // guarded by mutex_
+};
+
+}  // namespace kqsandbox

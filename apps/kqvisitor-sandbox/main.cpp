@@ -1,0 +1,225 @@
+// kqvisitor-sandbox: the chat service on one machine, for trying and testing the visitor's side.
+
+#include "OperatorScript.h"
+#include "SandboxFixture.h"
+#include "SandboxServer.h"
+#include "SandboxStore.h"
+
+#include <nlohmann/json.hpp>
+
+#include <pthread.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kUsage =
+    "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--poll-interval "
+    "SECONDS]";
+
+struct Options {
+  std::optional<std::string> data;
+  std::optional<std::string> fixture;
+  int port = 0;
+  double pollInterval = 2.0;
+};
+
+void printHelp() {
+  std::cout
+      << kUsage << "\n\n"
+      << "Runs a local stand-in for the chat service that the visitor library talks to: the\n"
+      << "JSON chat service (production and beta paths), the SOAP management service and the\n"
+      << "file upload service on 127.0.0.1, with its data in SQLite. Operators answer from the\n"
+      << "fixture's script.\n\n"
+      << "  --data DIR             keep the database and settings in DIR (made when missing);\n"
+      << "                         without it a temporary folder is used and removed at the end\n"
+      << "  --fixture FILE         seed a new database from FILE (JSON: websites, operators,\n"
+      << "                         replies, endAfter); without it a built-in shop.example\n"
+      << "  --port PORT            listen on PORT (default: a free port)\n"
+      << "  --poll-interval SECS   the library's HTTP poll interval written to the settings\n\n"
+      << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
+      << "then one line per request and chat event. Stops on Ctrl-C or SIGTERM.\n";
+}
+
+std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const std::string& name = arguments[i];
+    if (i + 1 >= arguments.size()) {
+      return "\"" + name + "\" needs a value";
+    }
+    const std::string& value = arguments[++i];
+    char* end = nullptr;
+    if (name == "--data") {
+      options.data = value;
+    } else if (name == "--fixture") {
+      options.fixture = value;
+    } else if (name == "--port") {
+      const long port = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || port < 0 || port > 65535) {
+        return "--port takes a port from 0 to 65535, not \"" + value + "\"";
+      }
+      options.port = static_cast<int>(port);
+    } else if (name == "--poll-interval") {
+      options.pollInterval = std::strtod(value.c_str(), &end);
+      if (value.empty() || *end != '\0' || !(options.pollInterval > 0) ||
+          options.pollInterval > 3600) {
+        return "--poll-interval takes seconds above 0 and at most 3600, not \"" + value + "\"";
+      }
+    } else {
+      return "unknown argument \"" + name + "\"";
+    }
+  }
+  return std::nullopt;
+}
+
+std::mutex outputMutex;
+
+// One line of the log, with the time.
+void logLine(const std::string& line) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  localtime_r(&now, &local);
+  char stamp[16];
+  std::strftime(stamp, sizeof stamp, "%H:%M:%S", &local);
+  std::scoped_lock lock(outputMutex);
+  std::cout << stamp << " " << line << std::endl;
+}
+
+int fail(const std::string& why) {
+  std::cerr << "kqvisitor-sandbox: " << why << std::endl;
+  return 1;
+}
+
+// The data folder, made and checked writable; a temporary one without --data.
+fs::path dataFolder(const Options& options) {
+  fs::path folder;
+  if (options.data) {
+    folder = *options.data;
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) {
+      throw std::runtime_error("cannot make the data folder " + folder.string() + ": " +
+                               error.message() + ". Choose another with --data.");
+    }
+  } else {
+    std::string pattern = (fs::temp_directory_path() / "kqvisitor-sandbox-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("cannot make a temporary data folder; give one with --data.");
+    }
+    folder = pattern;
+  }
+  const fs::path probe = folder / ".writable";
+  if (!std::ofstream(probe).good()) {
+    throw std::runtime_error("cannot write in the data folder " + folder.string() +
+                             ": check its permissions, or choose another with --data.");
+  }
+  fs::remove(probe);
+  return fs::absolute(folder);
+}
+
+kqsandbox::SandboxFixture loadFixture(const Options& options) {
+  if (!options.fixture) {
+    return kqsandbox::SandboxFixture::builtIn();
+  }
+  std::ifstream file(*options.fixture);
+  if (!file) {
+    throw std::runtime_error("cannot read the fixture " + *options.fixture);
+  }
+  std::ostringstream text;
+  text << file.rdbuf();
+  try {
+    return kqsandbox::SandboxFixture::fromJSON(text.str());
+  } catch (const kqsandbox::SandboxFixture::Error& error) {
+    throw std::runtime_error("the fixture " + *options.fixture + " cannot be used: " +
+                             error.what());
+  }
+}
+
+// The settings that point the library at this sandbox.
+void writeSettings(const fs::path& file, const std::string& origin, const fs::path& folder,
+                   const Options& options) {
+  const nlohmann::ordered_json settings = {
+      {"jsonServiceProductionOrigin", origin},
+      {"jsonServiceBetaOrigin", origin},
+      {"soapServiceOrigin", origin},
+      {"uploadServiceOrigin", origin},
+      {"reachabilityHost", "127.0.0.1"},
+      {"httpPollInterval", options.pollInterval},
+      {"userDefaultsPath", (folder / "visitor-defaults.json").string()},
+  };
+  std::ofstream out(file);
+  out << settings.dump(2) << "\n";
+  if (!out) {
+    throw std::runtime_error("cannot write the settings file " + file.string());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  for (const auto& argument : arguments) {
+    if (argument == "--help" || argument == "-h") {
+      printHelp();
+      return 0;
+    }
+  }
+  Options options;
+  if (const auto problem = parse(arguments, options)) {
+    std::cerr << "kqvisitor-sandbox: " << *problem << "\n" << kUsage << "\n";
+    return 2;
+  }
+  // Signals are taken below; every thread started from here on inherits the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  fs::path folder;
+  try {
+    folder = dataFolder(options);
+  } catch (const std::exception& error) {
+    return fail(error.what());
+  }
+  const bool temporary = !options.data;
+  const auto cleanUp = [&] {
+    if (temporary) {
+      std::error_code ignored;
+      fs::remove_all(folder, ignored);
+    }
+  };
+  int status = 0;
+  try {
+    const auto fixture = loadFixture(options);
+    kqsandbox::SandboxStore store((folder / "sandbox.sqlite").string(), fixture);
+    const auto [replies, endAfter] = store.script();
+    kqsandbox::SandboxServer server(store, {replies, endAfter}, std::nullopt, logLine);
+    server.start(options.port);
+    const fs::path settings = folder / "config.json";
+    writeSettings(settings, server.origin(), folder, options);
+    logLine("chat service on " + server.origin() + ", data in " + folder.string());
+    logLine("settings for the library: export KQVISITOR_CONFIG=" + settings.string());
+    logLine("ready");
+    int received = 0;
+    sigwait(&signals, &received);
+    logLine(std::string("stopping (") + (received == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+    server.stop();
+  } catch (const std::exception& error) {
+    status = fail(error.what());
+  }
+  cleanUp();
+  return status;
+}
