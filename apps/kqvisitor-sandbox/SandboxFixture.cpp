@@ -38,9 +38,8 @@ class Fields {
       fail(key, "must be a non-empty string");
     }
     const auto result = value.get<std::string>();
-    if (digits && (result.empty() || !std::all_of(result.begin(), result.end(), [](char c) {
-          return c >= '0' && c <= '9';
-        }))) {
+    if (digits && (result.empty() || !std::all_of(result.begin(), result.end(),
+                                                  [](char c) { return c >= '0' && c <= '9'; }))) {
       fail(key, "must be a string of digits, not \"" + result + "\"");
     }
     return result;

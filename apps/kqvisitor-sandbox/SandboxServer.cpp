@@ -5,6 +5,8 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include <sys/socket.h>
+
 #include <regex>
 #include <stdexcept>
 #include <thread>
@@ -121,8 +123,11 @@ struct SandboxServer::Impl {
     if (const auto website = store.websiteById(websiteId)) {
       for (const auto& agent : website->operators) {
         if (agent.online && agent.language == language) {
-          return {{"U_I", agent.id}, {"U_N", agent.name}, {"AG_M", agent.greeting},
-                  {"C_I", "0"},      {"I_AIC", "0"}};
+          return {{"U_I", agent.id},
+                  {"U_N", agent.name},
+                  {"AG_M", agent.greeting},
+                  {"C_I", "0"},
+                  {"I_AIC", "0"}};
         }
       }
     }
@@ -200,15 +205,17 @@ struct SandboxServer::Impl {
           "<GetAllLanguagesResult><Language><Id>1</Id><Name>English</Name></Language>"
           "<Language><Id>5</Id><Name>Arabic</Name></Language></GetAllLanguagesResult>";
     } else {
-      return {500, "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope "
-                   "xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\"><soap:Body>"
-                   "<soap:Fault><faultcode>soap:Client</faultcode><faultstring>Unknown action " +
-                       action + "</faultstring></soap:Fault></soap:Body></soap:Envelope>"};
+      return {500,
+              "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope "
+              "xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\"><soap:Body>"
+              "<soap:Fault><faultcode>soap:Client</faultcode><faultstring>Unknown action " +
+                  action + "</faultstring></soap:Fault></soap:Body></soap:Envelope>"};
     }
-    return {200, "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope "
-                 "xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\"><soap:Body><" +
-                     operation + "Response>" + result + "</" + operation +
-                     "Response></soap:Body></soap:Envelope>"};
+    return {200,
+            "<?xml version=\"1.0\" encoding=\"utf-8\"?><soap:Envelope "
+            "xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\"><soap:Body><" +
+                operation + "Response>" + result + "</" + operation +
+                "Response></soap:Body></soap:Envelope>"};
   }
 
   // A file upload: kept, and answered with the quoted link that serves it back.
@@ -243,8 +250,8 @@ struct SandboxServer::Impl {
       log("error in " + operation + ": " + error.what());
       reply(response, {500, quoted(error.what())}, "application/json; charset=utf-8");
     }
-    log("GET " + operation + " " + describe(parameters) + " -> " +
-        std::to_string(response.status) + " " + shortened(response.body));
+    log("GET " + operation + " " + describe(parameters) + " -> " + std::to_string(response.status) +
+        " " + shortened(response.body));
   }
 };
 
@@ -264,6 +271,12 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
   auto& server = *impl_->server;
   auto* impl = impl_.get();
   server.set_tcp_nodelay(true);
+  // Address reuse only: with the server library's default (port reuse too) a second sandbox
+  // would share a port that is taken instead of being told.
+  server.set_socket_options([](socket_t socket) {
+    const int yes = 1;
+    setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
   const std::string services = R"(^(?:)" +
                                std::string(KQVisitorWebService::kProductionServicePath) + "|" +
                                std::string(KQVisitorWebService::kBetaServicePath) + R"()(\w+)$)";
@@ -286,12 +299,12 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
                 impl->log("POST SOAP " + request.get_header_value("SOAPAction") + " -> " +
                           std::to_string(response.status));
               });
-  server.Post(std::string(KQVisitorWebService::kUploadServicePath),
-              [impl](const httplib::Request& request, httplib::Response& response) {
-                impl->reply(response, impl->upload(request), "application/json; charset=utf-8");
-                impl->log("POST upload -> " + std::to_string(response.status) + " " +
-                          response.body);
-              });
+  server.Post(
+      std::string(KQVisitorWebService::kUploadServicePath),
+      [impl](const httplib::Request& request, httplib::Response& response) {
+        impl->reply(response, impl->upload(request), "application/json; charset=utf-8");
+        impl->log("POST upload -> " + std::to_string(response.status) + " " + response.body);
+      });
   server.Get(R"(^/files/(\d+)/.*$)",
              [impl](const httplib::Request& request, httplib::Response& response) {
                if (const auto file = impl->store.file(request.matches[1])) {

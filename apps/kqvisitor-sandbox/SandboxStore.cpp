@@ -1,7 +1,7 @@
 #include "SandboxStore.h"
 
-#include <nlohmann/json.hpp>
 #include <sqlite3.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <stdexcept>
@@ -190,8 +190,8 @@ std::optional<SandboxWebsite> SandboxStore::websiteById(const std::string& id) {
   website.languageId = query.text(4);
   website.branding = query.number(5) != 0;
   website.blocked = query.number(6) != 0;
-  Statement operators(db_,
-                      (std::string(kOperatorColumns) + "WHERE website_id = ? ORDER BY rowid").c_str());
+  Statement operators(
+      db_, (std::string(kOperatorColumns) + "WHERE website_id = ? ORDER BY rowid").c_str());
   operators.bind(1, id);
   while (operators.step()) {
     website.operators.push_back({operators.text(0), operators.text(1), operators.text(2),
@@ -207,7 +207,7 @@ std::optional<SandboxOperator> SandboxStore::operatorById(const std::string& id)
   if (!query.step()) {
     return std::nullopt;
   }
-  return SandboxOperator{query.text(0), query.text(1), query.text(2),
+  return SandboxOperator{query.text(0), query.text(1),        query.text(2),
                          query.text(3), query.number(4) != 0, query.text(5)};
 }
 
@@ -264,9 +264,10 @@ std::string SandboxStore::openChat(const std::string& websiteId, const std::stri
                                    const std::string& operatorId, const std::string& visitorName,
                                    const std::string& openingText, const std::string& survey) {
   std::scoped_lock lock(mutex_);
-  Statement(db_,
-            "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, survey) "
-            "VALUES (?, ?, ?, ?, ?, ?)")
+  Statement(
+      db_,
+      "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, survey) "
+      "VALUES (?, ?, ?, ?, ?, ?)")
       .bind(1, websiteId)
       .bind(2, visitorId)
       .bind(3, operatorId)

@@ -142,8 +142,8 @@ kqsandbox::SandboxFixture loadFixture(const Options& options) {
   try {
     return kqsandbox::SandboxFixture::fromJSON(text.str());
   } catch (const kqsandbox::SandboxFixture::Error& error) {
-    throw std::runtime_error("the fixture " + *options.fixture + " cannot be used: " +
-                             error.what());
+    throw std::runtime_error("the fixture " + *options.fixture +
+                             " cannot be used: " + error.what());
   }
 }
 

@@ -15,6 +15,30 @@
 
 namespace kq::test {
 
+int spawnChild(pid_t& child, const std::vector<std::string>& arguments,
+               const std::vector<std::string>& environment,
+               const posix_spawn_file_actions_t& actions) {
+  std::vector<std::string> owned = arguments;
+  std::vector<char*> argv;
+  argv.reserve(owned.size() + 1);
+  for (auto& argument : owned) {
+    argv.push_back(argument.data());
+  }
+  argv.push_back(nullptr);
+  std::vector<std::string> variables;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    variables.emplace_back(*entry);
+  }
+  variables.insert(variables.end(), environment.begin(), environment.end());
+  std::vector<char*> envp;
+  envp.reserve(variables.size() + 1);
+  for (auto& variable : variables) {
+    envp.push_back(variable.data());
+  }
+  envp.push_back(nullptr);
+  return posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
+}
+
 ChildResult runChild(const std::vector<std::string>& arguments,
                      const std::vector<std::string>& environment, const std::string& input) {
   int inPipe[2];
@@ -36,27 +60,8 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
 
-  std::vector<std::string> owned = arguments;
-  std::vector<char*> argv;
-  argv.reserve(owned.size() + 1);
-  for (auto& argument : owned) {
-    argv.push_back(argument.data());
-  }
-  argv.push_back(nullptr);
-  std::vector<std::string> variables;
-  for (char** entry = environ; *entry != nullptr; ++entry) {
-    variables.emplace_back(*entry);
-  }
-  variables.insert(variables.end(), environment.begin(), environment.end());
-  std::vector<char*> envp;
-  envp.reserve(variables.size() + 1);
-  for (auto& variable : variables) {
-    envp.push_back(variable.data());
-  }
-  envp.push_back(nullptr);
-
   pid_t child = 0;
-  const int spawned = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
+  const int spawned = spawnChild(child, arguments, environment, actions);
   posix_spawn_file_actions_destroy(&actions);
   close(inPipe[0]);
   close(outPipe[1]);

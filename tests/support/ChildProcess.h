@@ -1,5 +1,7 @@
 #pragma once
 
+#include <spawn.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +23,12 @@ struct ChildResult {
 ChildResult runChild(const std::vector<std::string>& arguments,
                      const std::vector<std::string>& environment = {},
                      const std::string& input = {});
+
+/// Starts `arguments` (the program first, looked up in PATH) with the environment of this
+/// process plus `environment` and the file actions given; posix_spawnp's result.
+int spawnChild(pid_t& child, const std::vector<std::string>& arguments,
+               const std::vector<std::string>& environment,
+               const posix_spawn_file_actions_t& actions);
 
 /// Runs a command that must succeed (test set-up such as "ip route add ..."); throws
 /// std::runtime_error naming it and its stderr otherwise.

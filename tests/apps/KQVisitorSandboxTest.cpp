@@ -1,0 +1,196 @@
+// The visitor's road end to end: kqvisitor-chat against kqvisitor-sandbox, both run as child
+// processes, the way a person runs them.
+
+#include "tests/support/BackgroundChild.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/JSONLines.h"
+#include "tests/support/TemporaryDirectory.h"
+
+#include <httplib.h>
+#include <sqlite3.h>
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace kq {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// A sandbox with the built-in fixture (or `fixture`), its data in a folder of the test's own,
+// and the library polling every 50 ms.
+class Sandbox {
+ public:
+  explicit Sandbox(const std::string& fixture = {}) {
+    std::vector<std::string> arguments = {KQ_SANDBOX, "--data", folder.path(), "--poll-interval",
+                                          "0.05"};
+    if (!fixture.empty()) {
+      test::writeFile(folder.file("fixture.json"), fixture);
+      arguments.insert(arguments.end(), {"--fixture", folder.file("fixture.json")});
+    }
+    process = std::make_unique<test::BackgroundChild>(arguments);
+    ready = process->waitForOutput(" ready\n");
+  }
+
+  // kqvisitor-chat with this sandbox's settings.
+  [[nodiscard]] test::ChildResult chat(const std::vector<std::string>& arguments,
+                                       const std::string& input = {}) const {
+    std::vector<std::string> command = {KQ_CHAT_TOOL};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return test::runChild(command, {"KQVISITOR_CONFIG=" + folder.file("config.json")}, input);
+  }
+
+  // The rows of `sql` against the sandbox's database, each row's columns joined by "|".
+  [[nodiscard]] std::vector<std::string> query(const std::string& sql) const {
+    sqlite3* db = nullptr;
+    std::vector<std::string> rows;
+    if (sqlite3_open_v2(folder.file("sandbox.sqlite").c_str(), &db, SQLITE_OPEN_READONLY,
+                        nullptr) == SQLITE_OK) {
+      sqlite3_exec(
+          db, sql.c_str(),
+          [](void* sink, int count, char** values, char**) {
+            std::string row;
+            for (int i = 0; i < count; ++i) {
+              row += (i > 0 ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+            }
+            static_cast<std::vector<std::string>*>(sink)->push_back(row);
+            return 0;
+          },
+          &rows, nullptr);
+    }
+    sqlite3_close(db);
+    return rows;
+  }
+
+  test::TemporaryDirectory folder;
+  std::unique_ptr<test::BackgroundChild> process;
+  bool ready = false;
+};
+
+// The conversation as the visitor saw it: "sender: text" of each message, "ended" for the end.
+std::vector<std::string> conversation(const std::string& out) {
+  std::vector<std::string> lines;
+  for (const auto& event : test::jsonLines(out)) {
+    if (event["event"] == "message") {
+      lines.push_back((event["sender"].is_string() ? event["sender"].get<std::string>() : "-") +
+                      ": " + event["text"].get<std::string>());
+    } else if (event["event"] == "room" && event["status"] == 1) {
+      lines.emplace_back("ended");
+    }
+  }
+  return lines;
+}
+
+TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
+  Sandbox sandbox;
+  ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
+  const auto first = sandbox.chat(
+      {"chat", "--domain", "shop.example", "--http", "--json", "--name", "Ann", "--linger", "20"},
+      "Where is my order?\nThanks\nBye\n");
+  ASSERT_EQ(first.exitStatus, 0) << first.out << first.err;
+  const auto said = conversation(first.out);
+  // The operator answers each line in turn; the visitor's own lines come back as they are
+  // stored, so only the operator's order and the end are fixed.
+  std::vector<std::string> operatorLines;
+  std::copy_if(said.begin(), said.end(), std::back_inserter(operatorLines),
+               [](const std::string& line) { return line.starts_with("Omar: "); });
+  EXPECT_EQ(operatorLines,
+            (std::vector<std::string>{
+                "Omar: Hello, I am Omar. How can I help?", "Omar: Let me look that up for you.",
+                "Omar: It ships today. Anything else?", "Omar: Thank you for chatting with us!"}))
+      << first.out;
+  EXPECT_EQ(said.back(), "ended");
+  EXPECT_EQ(
+      sandbox.query("SELECT sender, text FROM messages WHERE sender = 'visitor'"),
+      (std::vector<std::string>{"visitor|Where is my order?", "visitor|Thanks", "visitor|Bye"}))
+      << "the \"?\" of a line reaches the service";
+  EXPECT_EQ(sandbox.query("SELECT ended, survey FROM chats"),
+            std::vector<std::string>{R"(1|{"name":"Ann"})"});
+
+  // A second launch: the visitor registered before is reused.
+  const auto second = sandbox.chat(
+      {"chat", "--domain", "shop.example", "--http", "--json", "--linger", "0"}, "Hello again\n");
+  ASSERT_EQ(second.exitStatus, 0) << second.out << second.err;
+  EXPECT_EQ(sandbox.query("SELECT count(*) FROM visitors"), std::vector<std::string>{"1"});
+  EXPECT_EQ(sandbox.query("SELECT count(DISTINCT visitor_id) FROM chats"),
+            std::vector<std::string>{"1"});
+  EXPECT_NE(sandbox.process->output().find("GET ET "), std::string::npos)
+      << "the visitor who leaves tells the service";
+}
+
+TEST(KQVisitorSandboxTest, BlockedWebsitesAndMissingOperatorsAreToldToTheVisitor) {
+  Sandbox sandbox;
+  ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
+  const auto blocked =
+      sandbox.chat({"chat", "--domain", "blocked.example", "--http", "--json"}, "Hi\n");
+  EXPECT_EQ(blocked.exitStatus, 1);
+  EXPECT_NE(
+      blocked.out.find(R"({"event":"error","domain":"WebSite Blocked","code":400,"status":4})"),
+      std::string::npos)
+      << blocked.out;
+
+  const auto closed = sandbox.chat({"chat", "--domain", "closed.example", "--http", "--json"});
+  EXPECT_EQ(closed.exitStatus, 1);
+  EXPECT_NE(closed.out.find(R"("domain":"Operator not found","code":500,"status":2)"),
+            std::string::npos)
+      << closed.out;
+  EXPECT_NE(closed.err.find("kqvisitor-chat soap"), std::string::npos) << closed.err;
+
+  // The visitor leaves an offline message instead; the service keeps it.
+  const auto offline = sandbox.chat(
+      {"soap", "offline", "Name=Ann", "Email=ann@example.com", "Message=Call me back?"});
+  EXPECT_EQ(offline.exitStatus, 0) << offline.out << offline.err;
+  const auto kept = sandbox.query("SELECT fields FROM offline_messages");
+  ASSERT_EQ(kept.size(), 1U) << sandbox.process->output();
+  EXPECT_NE(kept[0].find(R"("Email":"ann@example.com")"), std::string::npos) << kept[0];
+  EXPECT_NE(kept[0].find("Call me back?"), std::string::npos) << kept[0];
+}
+
+TEST(KQVisitorSandboxTest, AnUploadedFileIsServedBackByItsLink) {
+  Sandbox sandbox;
+  ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
+  std::string bytes(300000, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    bytes[i] = static_cast<char>(i * 7 % 251);
+  }
+  test::writeFile(sandbox.folder.file("photo.bin"), bytes);
+  const auto uploaded = sandbox.chat({"upload", sandbox.folder.file("photo.bin")});
+  ASSERT_EQ(uploaded.exitStatus, 0) << uploaded.out << uploaded.err;
+  const auto answer = test::jsonLines(uploaded.out).back();
+  ASSERT_TRUE(answer.contains("link")) << uploaded.out;
+  const std::string link = answer["link"];
+  const auto path = link.substr(link.find('/', link.find("//") + 2));
+  httplib::Client client(link.substr(0, link.size() - path.size()));
+  const auto download = client.Get(path);
+  ASSERT_TRUE(download) << link;
+  EXPECT_EQ(download->status, 200);
+  EXPECT_TRUE(download->body == bytes) << "the same bytes come back";
+}
+
+TEST(KQVisitorSandboxTest, AFixtureWithAMistakeOrATakenPortIsRefusedSayingWhatToDo) {
+  const Sandbox broken(R"({"websites": [{"id": "12", "domain": "a.example",
+                                          "operators": [{"id": "x1", "name": "Omar"}]}]})");
+  EXPECT_FALSE(broken.ready);
+  EXPECT_EQ(broken.process->stop(), 1);
+  EXPECT_NE(
+      broken.process->output().find("websites[0].operators[0].id: must be a string of digits"),
+      std::string::npos)
+      << broken.process->output();
+
+  const Sandbox first;
+  ASSERT_TRUE(first.ready) << first.process->output();
+  const auto settings = Json::parse(test::readFile(first.folder.file("config.json")));
+  const std::string origin = settings["jsonServiceProductionOrigin"];
+  test::TemporaryDirectory other;
+  test::BackgroundChild second(
+      {KQ_SANDBOX, "--data", other.path(), "--port", origin.substr(origin.rfind(':') + 1)});
+  EXPECT_FALSE(second.waitForOutput(" ready\n"));
+  EXPECT_EQ(second.stop(), 1);
+  EXPECT_NE(second.output().find("the port is taken"), std::string::npos) << second.output();
+}
+
+}  // namespace
+}  // namespace kq

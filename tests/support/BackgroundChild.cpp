@@ -1,0 +1,82 @@
+#include "tests/support/BackgroundChild.h"
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/MainQueue.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+
+#include <stdexcept>
+
+namespace kq::test {
+
+BackgroundChild::BackgroundChild(const std::vector<std::string>& arguments,
+                                 const std::vector<std::string>& environment) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    throw std::runtime_error("BackgroundChild: cannot make a pipe");
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+  const int spawned = spawnChild(pid_, arguments, environment, actions);
+  posix_spawn_file_actions_destroy(&actions);
+  close(ends[1]);
+  if (spawned != 0) {
+    close(ends[0]);
+    throw std::runtime_error("BackgroundChild: cannot run " + arguments.front());
+  }
+  reader_ = std::thread([this, fd = ends[0]] {
+    char buffer[4096];
+    ssize_t count = 0;
+    while ((count = read(fd, buffer, sizeof buffer)) > 0) {
+      std::scoped_lock lock(mutex_);
+      output_.append(buffer, static_cast<std::size_t>(count));
+      changed_.notify_all();
+    }
+    close(fd);
+    std::scoped_lock lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+  });
+}
+
+BackgroundChild::~BackgroundChild() {
+  stop();
+}
+
+std::string BackgroundChild::output() const {
+  std::scoped_lock lock(mutex_);
+  return output_;
+}
+
+bool BackgroundChild::waitForOutput(const std::string& text) const {
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, kPatience,
+                    [&] { return ended_ || output_.find(text) != std::string::npos; });
+  return output_.find(text) != std::string::npos;
+}
+
+int BackgroundChild::stop() {
+  if (stopped_) {
+    return status_;
+  }
+  stopped_ = true;
+  kill(pid_, SIGTERM);
+  {
+    std::unique_lock lock(mutex_);
+    if (!changed_.wait_for(lock, kPatience, [&] { return ended_; })) {
+      kill(pid_, SIGKILL);
+    }
+  }
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  reader_.join();
+  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return status_;
+}
+
+}  // namespace kq::test

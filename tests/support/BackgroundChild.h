@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kq::test {
+
+/// A program running beside the test (a server), its stdout and stderr read together on a
+/// thread of its own. Destruction ends it with SIGTERM (SIGKILL after kPatience) and waits.
+class BackgroundChild {
+ public:
+  /// Starts `arguments` (the program first) with this process's environment plus
+  /// `environment`. Throws std::runtime_error when it cannot be started.
+  explicit BackgroundChild(const std::vector<std::string>& arguments,
+                           const std::vector<std::string>& environment = {});
+  ~BackgroundChild();
+  BackgroundChild(const BackgroundChild&) = delete;
+  BackgroundChild& operator=(const BackgroundChild&) = delete;
+
+  /// Everything it has written so far.
+  [[nodiscard]] std::string output() const;
+  /// Waits (up to kPatience) until its output holds `text`; false when it ends or the time
+  /// runs out first.
+  bool waitForOutput(const std::string& text) const;
+  /// Ends it with SIGTERM and returns its exit status (-1 when it did not exit normally).
+  int stop();
+
+ private:
+  pid_t pid_ = 0;
+  int status_ = -1;
+  bool stopped_ = false;
+  std::thread reader_;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::string output_;  // guarded by mutex_
+  bool ended_ = false;  // guarded by mutex_: its output has closed
+};
+
+}  // namespace kq::test
