@@ -22,7 +22,7 @@ using kq::KQVisitorRoom;
 
 constexpr std::string_view kUsage =
     "chat --domain DOMAIN [--domain-ar DOMAIN] [--language LANG] [--name N] [--email E] "
-    "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS]";
+    "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS] [--verbose]";
 
 struct Options {
   std::optional<std::string> domain;
@@ -34,6 +34,7 @@ struct Options {
   std::optional<std::string> message;
   bool http = false;
   bool json = false;
+  bool verbose = false;
   double linger = 5;
 };
 
@@ -45,12 +46,14 @@ std::optional<std::string> parse(const std::vector<std::string>& arguments, Opti
       {"--phone", &Options::phone},   {"--message", &Options::message},
   };
   auto problem = parseOptions(
-      arguments, {"--http", "--json"},
+      arguments, {"--http", "--json", "--verbose"},
       [&](const std::string& name, const std::string& value) -> std::optional<std::string> {
         if (const auto text = texts.find(name); text != texts.end()) {
           options.*(text->second) = value;
-        } else if (name == "--http" || name == "--json") {
-          (name == "--http" ? options.http : options.json) = true;
+        } else if (name == "--http" || name == "--json" || name == "--verbose") {
+          (name == "--http"   ? options.http
+           : name == "--json" ? options.json
+                              : options.verbose) = true;
         } else if (name == "--language") {
           options.language = value;
         } else if (name == "--linger") {
@@ -335,8 +338,11 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
           {kq::KQRoomUpdateRejoining, "The chat server refused a message: joining again..."},
       };
       const auto text = kTexts.find(status);
-      print({{"event", "room"}, {"status", status}},
-            text == kTexts.end() ? "Room status " + std::to_string(status) : text->second);
+      if (options_.json || status != lastRoomStatus_) {  // a person needs each change once
+        print({{"event", "room"}, {"status", status}},
+              text == kTexts.end() ? "Room status " + std::to_string(status) : text->second);
+      }
+      lastRoomStatus_ = status;
     }
     showNewMessages();
     if (status == kq::KQRoomUpdateJoined) {
@@ -382,7 +388,9 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
              {"type", message->messageType()},
              {"sender", name ? Json(*name) : Json()},
              {"text", text}},
-            (own ? std::string("You") : name.value_or("Operator")) + ": " + text);
+            own    ? "You: " + text
+            : name ? *name + ": " + text
+                   : "* " + text);  // the room's own note, such as the end of the chat
     }
   }
 
@@ -457,6 +465,7 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   bool finishing_ = false;
   bool failed_ = false;
   bool greetingShown_ = false;
+  std::int64_t lastRoomStatus_ = -1;
   bool authenticated_ = false;
 };
 
@@ -476,7 +485,8 @@ int runChat(const std::vector<std::string>& arguments) {
         << "  --http            carry the chat over HTTP polling instead of XMPP\n"
         << "  --json            print one JSON object a line (events panel, started, message,\n"
         << "                    room, error, unsent)\n"
-        << "  --linger SECONDS  after the end of input, wait this long for replies (default 5)\n\n"
+        << "  --linger SECONDS  after the end of input, wait this long for replies (default 5)\n"
+        << "  --verbose         show the library's diagnostics on stderr\n\n"
         << "Leaves the chat at the end of lingering, when the operator ends the chat, or on\n"
         << "Ctrl-C. Exits 0 after a chat, 1 when the chat could not be prepared or started or\n"
         << "lines could not be sent (each failure says what to do), 2 for bad arguments.\n"
@@ -487,6 +497,9 @@ int runChat(const std::vector<std::string>& arguments) {
   Options options;
   if (const auto problem = parse(arguments, options)) {
     return usageError(kUsage, *problem);
+  }
+  if (!options.verbose) {
+    kq::setLogSink([](std::string_view /*line*/) {});  // the conversation alone
   }
   auto session = std::make_shared<ChatSession>(options);
   runMainQueueWithTerminal(

@@ -1,9 +1,14 @@
 // kqvisitor-sandbox: the chat service on one machine, for trying and testing the visitor's side.
 
+#include "OperatorAgent.h"
 #include "OperatorScript.h"
+#include "ProsodyProcess.h"
 #include "SandboxFixture.h"
 #include "SandboxServer.h"
 #include "SandboxStore.h"
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/Log.h>
 
 #include <nlohmann/json.hpp>
 
@@ -19,6 +24,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -26,13 +32,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kUsage =
-    "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--poll-interval "
-    "SECONDS]";
+    "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--xmpp-port PORT] "
+    "[--poll-interval SECONDS]";
 
 struct Options {
   std::optional<std::string> data;
   std::optional<std::string> fixture;
   int port = 0;
+  int xmppPort = 0;
   double pollInterval = 2.0;
 };
 
@@ -41,13 +48,15 @@ void printHelp() {
       << kUsage << "\n\n"
       << "Runs a local stand-in for the chat service that the visitor library talks to: the\n"
       << "JSON chat service (production and beta paths), the SOAP management service and the\n"
-      << "file upload service on 127.0.0.1, with its data in SQLite. Operators answer from the\n"
-      << "fixture's script.\n\n"
+      << "file upload service on 127.0.0.1, with its data in SQLite, and an XMPP server\n"
+      << "(Prosody) where each online operator of the fixture is logged in. Operators answer\n"
+      << "from the fixture's script, in XMPP rooms and over HTTP polling alike.\n\n"
       << "  --data DIR             keep the database and settings in DIR (made when missing);\n"
       << "                         without it a temporary folder is used and removed at the end\n"
       << "  --fixture FILE         seed a new database from FILE (JSON: websites, operators,\n"
       << "                         replies, endAfter); without it a built-in shop.example\n"
-      << "  --port PORT            listen on PORT (default: a free port)\n"
+      << "  --port PORT            serve HTTP on PORT (default: a free port)\n"
+      << "  --xmpp-port PORT       run the XMPP server on PORT (default: a free port)\n"
       << "  --poll-interval SECS   the library's HTTP poll interval written to the settings\n\n"
       << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
       << "then one line per request and chat event. Stops on Ctrl-C or SIGTERM.\n";
@@ -65,12 +74,12 @@ std::optional<std::string> parse(const std::vector<std::string>& arguments, Opti
       options.data = value;
     } else if (name == "--fixture") {
       options.fixture = value;
-    } else if (name == "--port") {
+    } else if (name == "--port" || name == "--xmpp-port") {
       const long port = std::strtol(value.c_str(), &end, 10);
       if (value.empty() || *end != '\0' || port < 0 || port > 65535) {
-        return "--port takes a port from 0 to 65535, not \"" + value + "\"";
+        return name + " takes a port from 0 to 65535, not \"" + value + "\"";
       }
-      options.port = static_cast<int>(port);
+      (name == "--port" ? options.port : options.xmppPort) = static_cast<int>(port);
     } else if (name == "--poll-interval") {
       options.pollInterval = std::strtod(value.c_str(), &end);
       if (value.empty() || *end != '\0' || !(options.pollInterval > 0) ||
@@ -148,13 +157,15 @@ kqsandbox::SandboxFixture loadFixture(const Options& options) {
 }
 
 // The settings that point the library at this sandbox.
-void writeSettings(const fs::path& file, const std::string& origin, const fs::path& folder,
-                   const Options& options) {
+void writeSettings(const fs::path& file, const std::string& origin, int xmppPort,
+                   const fs::path& folder, const Options& options) {
   const nlohmann::ordered_json settings = {
       {"jsonServiceProductionOrigin", origin},
       {"jsonServiceBetaOrigin", origin},
       {"soapServiceOrigin", origin},
       {"uploadServiceOrigin", origin},
+      {"xmppHost", "127.0.0.1"},
+      {"xmppPort", xmppPort},
       {"reachabilityHost", "127.0.0.1"},
       {"httpPollInterval", options.pollInterval},
       {"userDefaultsPath", (folder / "visitor-defaults.json").string()},
@@ -206,17 +217,63 @@ int main(int argc, char** argv) {
     const auto fixture = loadFixture(options);
     kqsandbox::SandboxStore store((folder / "sandbox.sqlite").string(), fixture);
     const auto [replies, endAfter] = store.script();
-    kqsandbox::SandboxServer server(store, {replies, endAfter}, std::nullopt, logLine);
+    const kqsandbox::OperatorScript script{replies, endAfter};
+    // The library's own diagnostics (the operators' XMPP) go to a file, not the terminal.
+    std::ofstream libraryLog(folder / "library.log", std::ios::app);
+    kq::setLogSink([&libraryLog](std::string_view line) {
+      std::scoped_lock lock(outputMutex);
+      libraryLog << line << std::endl;
+    });
+
+    kqsandbox::ProsodyProcess::Options xmpp;
+    xmpp.folder = folder / "prosody";
+    xmpp.port = options.xmppPort;
+    std::vector<kqsandbox::SandboxOperator> online;
+    for (const auto& website : fixture.websites) {
+      for (const auto& person : website.operators) {
+        if (const auto stored = store.operatorById(person.id)) {
+          xmpp.accounts[stored->id] = stored->password;
+          if (stored->online) {
+            online.push_back(*stored);
+          }
+        }
+      }
+    }
+    kqsandbox::ProsodyProcess prosody(xmpp, logLine);
+    logLine("XMPP server (Prosody) on 127.0.0.1:" + std::to_string(prosody.port()));
+
+    kqsandbox::SandboxServer server(store, script, std::nullopt, logLine);
     server.start(options.port);
     const fs::path settings = folder / "config.json";
-    writeSettings(settings, server.origin(), folder, options);
+    writeSettings(settings, server.origin(), prosody.port(), folder, options);
     logLine("chat service on " + server.origin() + ", data in " + folder.string());
     logLine("settings for the library: export KQVISITOR_CONFIG=" + settings.string());
-    logLine("ready");
-    int received = 0;
-    sigwait(&signals, &received);
-    logLine(std::string("stopping (") + (received == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+
+    const auto& main = kq::DispatchQueue::main();
+    std::vector<std::shared_ptr<kqsandbox::OperatorAgent>> agents;
+    for (const auto& person : online) {
+      agents.push_back(std::make_shared<kqsandbox::OperatorAgent>(person, store, script, logLine));
+    }
+    main->async([&agents, port = prosody.port()] {
+      for (const auto& agent : agents) {
+        agent->start(port);
+      }
+      logLine("ready");
+    });
+    std::thread([main, signals] {
+      int received = 0;
+      sigwait(&signals, &received);
+      main->async([main, received] {
+        logLine(std::string("stopping (") + (received == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+        main->stop();
+      });
+    }).detach();
+    main->run();
+    for (const auto& agent : agents) {
+      agent->stop();
+    }
     server.stop();
+    kq::setLogSink(nullptr);
   } catch (const std::exception& error) {
     status = fail(error.what());
   }

@@ -121,6 +121,32 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
       << "the visitor who leaves tells the service";
 }
 
+TEST(KQVisitorSandboxTest, AVisitorChatsOverXMPPWithTheOperatorAgentUntilItEndsTheChat) {
+  Sandbox sandbox;
+  ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
+  ASSERT_TRUE(sandbox.process->waitForOutput("operator Omar (42) is online"))
+      << sandbox.process->output();
+  const auto result = sandbox.chat({"chat", "--domain", "shop.example", "--json", "--linger", "20"},
+                                   "Where is my order?\nThanks\nBye\n");
+  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err << sandbox.process->output();
+  const auto said = conversation(result.out);
+  std::vector<std::string> operatorLines;
+  std::copy_if(said.begin(), said.end(), std::back_inserter(operatorLines),
+               [](const std::string& line) { return line.starts_with("Omar: "); });
+  EXPECT_EQ(operatorLines,
+            (std::vector<std::string>{
+                "Omar: Hello, I am Omar. How can I help?", "Omar: Let me look that up for you.",
+                "Omar: It ships today. Anything else?", "Omar: Thank you for chatting with us!"}))
+      << result.out;
+  EXPECT_EQ(std::vector(said.end() - 2, said.end()),
+            (std::vector<std::string>{"ended", "-: Left the conversation"}));
+  // The operator kept the conversation on the service's side.
+  EXPECT_EQ(sandbox.query("SELECT sender, text FROM messages ORDER BY id LIMIT 2"),
+            (std::vector<std::string>{"visitor|Where is my order?",
+                                      "operator|Let me look that up for you."}));
+  EXPECT_EQ(sandbox.query("SELECT ended FROM chats"), std::vector<std::string>{"1"});
+}
+
 TEST(KQVisitorSandboxTest, BlockedWebsitesAndMissingOperatorsAreToldToTheVisitor) {
   Sandbox sandbox;
   ASSERT_TRUE(sandbox.ready) << sandbox.process->output();

@@ -1,7 +1,7 @@
--- Authentication for the test XMPP server: visitors log in with SASL ANONYMOUS (the server
--- picks their node), operators with SASL PLAIN against the accounts listed in the option
--- "kq_accounts" ({ ["42"] = "secret" }). A host has one authentication provider, so this one
--- offers both mechanisms.
+-- Authentication for the XMPP server of the sandbox and of the tests: visitors log in with SASL
+-- ANONYMOUS (the server picks their node), operators with SASL PLAIN against the accounts listed
+-- in the option "kq_accounts" ({ ["42"] = "secret" }). A host has one authentication provider,
+-- so this one offers both mechanisms.
 
 local new_sasl = require "util.sasl".new;
 

@@ -1,0 +1,172 @@
+#include "OperatorAgent.h"
+
+#include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/XMPP/XMPPNamespaces.h>
+#include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPPresence.h>
+#include <KQVisitorCore/XMPP/XMPPReconnect.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
+
+namespace kqsandbox {
+
+using kq::xmpp::XMPPStream;
+
+OperatorAgent::OperatorAgent(SandboxOperator person, SandboxStore& store, OperatorScript script,
+                             Log log)
+    : person_(std::move(person)),
+      store_(store),
+      script_(std::move(script)),
+      log_(std::move(log)),
+      stream_(XMPPStream::create()),
+      reconnect_(std::make_shared<kq::xmpp::XMPPReconnect>(kq::DispatchQueue::main())) {}
+
+OperatorAgent::~OperatorAgent() = default;
+
+void OperatorAgent::start(int port) {
+  stream_->setHostName("127.0.0.1");
+  stream_->setHostPort(static_cast<std::uint16_t>(port));
+  stream_->setMyJID(kq::xmpp::XMPPJID::jidWithString(person_.id + "@localhost/agent"));
+  // Loopback to our own server: the operator's side needs no TLS.
+  stream_->setStartTLSPolicy(kq::xmpp::XMPPStreamStartTLSPolicy::None);
+  stream_->addDelegate(shared_from_this(), kq::DispatchQueue::main());
+  reconnect_->activate(stream_);
+  if (!stream_->connectWithTimeout(kq::xmpp::XMPPStreamTimeoutNone)) {
+    log_("operator " + person_.name + " cannot connect to the XMPP server");
+  }
+}
+
+void OperatorAgent::stop() {
+  stopping_ = true;
+  for (auto& [jid, chat] : chats_) {
+    chat.room->leaveRoom();
+    chat.room->deactivate();
+  }
+  chats_.clear();
+  reconnect_->deactivate();
+  stream_->disconnect();
+}
+
+bool OperatorAgent::say(const std::string& chatId, const std::string& text) {
+  for (auto& [jid, chat] : chats_) {
+    if (chat.id == chatId && chat.joined) {
+      kq::sendKQVisitorMessage(chat.room, text, person_.id, chat.websiteId, person_.id,
+                               person_.name, chat.id);
+      store_.addMessage(chat.id, "operator", text);
+      log_("chat " + chat.id + ": " + person_.name + ": " + text);
+      return true;
+    }
+  }
+  return false;
+}
+
+void OperatorAgent::xmppStreamDidConnect(XMPPStream& sender) {
+  sender.authenticate(std::make_shared<kq::xmpp::XMPPPlainAuthentication>(person_.password));
+}
+
+void OperatorAgent::xmppStreamDidAuthenticate(XMPPStream& sender) {
+  sender.sendElement(kq::xmpp::XMPPPresence());  // available: invitations reach us
+  log_("operator " + person_.name + " (" + person_.id + ") is online on the XMPP server");
+  for (auto& [jid, chat] : chats_) {
+    join(chat, true);  // back into the rooms after a lost connection
+  }
+}
+
+void OperatorAgent::xmppStreamDidNotAuthenticate(XMPPStream& /*sender*/,
+                                                 const kq::xmpp::XMPPElement& /*error*/) {
+  log_("operator " + person_.name + " was refused by the XMPP server: check its password");
+}
+
+void OperatorAgent::xmppStreamDidDisconnect(XMPPStream& /*sender*/,
+                                            const std::optional<kq::KQError>& error) {
+  for (auto& [jid, chat] : chats_) {
+    chat.joined = false;
+  }
+  if (!stopping_) {
+    log_("operator " + person_.name + " lost the XMPP server" +
+         (error ? " (" + error->description() + ")" : std::string()) + "; trying again");
+  }
+}
+
+void OperatorAgent::xmppStreamDidReceiveMessage(XMPPStream& /*sender*/,
+                                                const kq::xmpp::XMPPMessage& message) {
+  const auto x = message.elementForName("x", kq::xmpp::kXMPPMUCUserNamespace);
+  const auto roomJID = message.from();
+  if (!x || !x->elementForName("invite") || !roomJID) {
+    return;
+  }
+  const std::string key = roomJID->bare();
+  auto [entry, isNew] = chats_.try_emplace(key);
+  Chat& chat = entry->second;
+  if (isNew) {
+    chat.id = kq::chatId(message).value_or("");
+    chat.websiteId = kq::websiteId(message).value_or("");
+    chat.room = std::make_shared<kq::xmpp::XMPPRoom>(
+        kq::xmpp::XMPPRoomMemoryStorage::sharedInstance(), *kq::xmpp::XMPPJID::jidWithString(key),
+        kq::DispatchQueue::main());
+    chat.room->activate(stream_);
+    chat.room->addDelegate(shared_from_this(), kq::DispatchQueue::main());
+    log_("operator " + person_.name + " invited to chat " + chat.id + " by visitor " +
+         kq::visitorName(message).value_or("?"));
+  }
+  if (!chat.joined) {
+    join(chat, !isNew);
+  }
+}
+
+void OperatorAgent::join(Chat& chat, bool again) {
+  // Joining again, the room's history would bring back lines already answered.
+  std::optional<kq::xmpp::XMPPElement> history;
+  if (again) {
+    history.emplace("history");
+    history->addAttributeWithName("maxstanzas", "0");
+  }
+  chat.room->joinRoomUsingNickname(person_.name, history);
+}
+
+OperatorAgent::Chat* OperatorAgent::chatOfRoom(const kq::xmpp::XMPPRoom& room) {
+  const auto found = chats_.find(room.roomJID().bare());
+  return found == chats_.end() ? nullptr : &found->second;
+}
+
+void OperatorAgent::xmppRoomDidJoin(kq::xmpp::XMPPRoom& sender) {
+  if (Chat* chat = chatOfRoom(sender)) {
+    chat->joined = true;
+    log_("operator " + person_.name + " joined the room of chat " + chat->id);
+  }
+}
+
+void OperatorAgent::xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& sender,
+                                              const kq::xmpp::XMPPMessage& message,
+                                              const kq::xmpp::XMPPJID& /*occupantJID*/) {
+  Chat* chat = chatOfRoom(sender);
+  // Only the visitor's chat packets: ours come back from the room too.
+  if (chat == nullptr || kq::managerId(message) != "0" || kq::isErrorMessage(message) ||
+      kq::ignoreMessage(message)) {
+    return;
+  }
+  const std::string text = kq::kqChatMessage(message);
+  if (text == OperatorScript::kEndText) {
+    store_.endChat(chat->id);
+    log_("chat " + chat->id + " ended by the visitor");
+    return;
+  }
+  store_.addMessage(chat->id, "visitor", text);
+  log_("chat " + chat->id + ": visitor: " + text);
+  const auto chatId = chat->id;
+  for (const auto& answer : script_.answersTo(store_.messageCount(chatId, "visitor"))) {
+    if (answer == OperatorScript::kEndText) {
+      kq::sendKQVisitorMessage(chat->room, answer, person_.id, chat->websiteId, person_.id,
+                               person_.name, chat->id);
+      store_.endChat(chatId);
+      log_("chat " + chatId + " ended by the operator");
+    } else {
+      say(chatId, answer);
+    }
+  }
+}
+
+}  // namespace kqsandbox

@@ -1,0 +1,245 @@
+#include "ProsodyProcess.h"
+
+#include "ProsodyAuthModule.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace kqsandbox {
+
+namespace {
+
+namespace fs = std::filesystem;
+constexpr auto kStartPatience = std::chrono::seconds(30);
+
+// The Prosody program: the first "prosody" on PATH, then the Debian place.
+std::string findProsody() {
+  const char* path = std::getenv("PATH");
+  std::istringstream folders(path != nullptr ? path : "");
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    const auto candidate = fs::path(folder) / "prosody";
+    if (!folder.empty() && ::access(candidate.c_str(), X_OK) == 0) {
+      return candidate.string();
+    }
+  }
+  return ::access("/usr/bin/prosody", X_OK) == 0 ? "/usr/bin/prosody" : std::string();
+}
+
+// A loopback port nothing listens on now.
+int freePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    port = ntohs(address.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+// A Lua string literal.
+std::string lua(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      quoted += '\\';
+    }
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+}  // namespace
+
+ProsodyProcess::ProsodyProcess(Options options, Log log)
+    : options_(std::move(options)), log_(std::move(log)), program_(findProsody()) {
+  if (program_.empty()) {
+    throw std::runtime_error(
+        "Prosody, the XMPP server, is not installed: install it with 'apt-get install prosody' "
+        "(scripts/install-deps does).");
+  }
+  if (options_.port == 0) {
+    options_.port = freePort();
+  }
+  fs::create_directories(options_.folder / "data");
+  fs::create_directories(options_.folder / "plugins");
+  writeConfiguration();
+  supervisor_ = std::thread([this] { supervise(); });
+  std::unique_lock lock(mutex_);
+  changed_.wait_for(lock, kStartPatience, [this] { return ready_ || failed_; });
+  if (!ready_) {
+    const std::string output = startLog_;
+    const bool portTaken = output.find("Failed to open server port") != std::string::npos;
+    lock.unlock();
+    stop();
+    throw std::runtime_error(
+        portTaken ? "cannot start Prosody: the XMPP port " + std::to_string(options_.port) +
+                        " is taken. Stop what uses it, or choose another with --xmpp-port."
+                  : "Prosody did not start; its output:\n" + output);
+  }
+}
+
+ProsodyProcess::~ProsodyProcess() {
+  stop();
+}
+
+void ProsodyProcess::stop() {
+  {
+    std::scoped_lock lock(mutex_);
+    stopping_ = true;
+    if (pid_ > 0) {
+      ::kill(pid_, SIGTERM);
+    }
+  }
+  if (supervisor_.joinable()) {
+    supervisor_.join();
+  }
+}
+
+void ProsodyProcess::writeConfiguration() const {
+  const auto& folder = options_.folder;
+  std::ofstream(folder / "plugins" / "mod_auth_kq_visitor.lua") << kProsodyAuthModule;
+  std::ostringstream accounts;
+  for (const auto& [name, password] : options_.accounts) {
+    accounts << "  [" << lua(name) << "] = " << lua(password) << ";\n";
+  }
+  std::ofstream config(folder / "prosody.cfg.lua");
+  config << "-- Written by kqvisitor-sandbox at each start.\n"
+         << "run_as_root = true\n"
+         << "pidfile = " << lua((folder / "prosody.pid").string()) << "\n"
+         << "data_path = " << lua((folder / "data").string()) << "\n"
+         << "plugin_paths = { " << lua((folder / "plugins").string()) << " }\n"
+         << "log = { { levels = { min = \"info\" }, to = \"console\" } }\n"
+         << "modules_enabled = { \"roster\", \"saslauth\", \"tls\", \"disco\", \"ping\", "
+            "\"presence\", \"message\", \"iq\" }\n"
+         << "modules_disabled = { \"s2s\" }\n"
+         << "c2s_ports = { " << options_.port << " }\n"
+         << "c2s_interfaces = { \"127.0.0.1\" }\n"
+         << "s2s_ports = { }\n"
+         << "c2s_require_encryption = false\n"
+         << "allow_unencrypted_plain_auth = true\n"
+         << "authentication = \"kq_visitor\"\n"
+         << "storage = \"memory\"\n"
+         << "kq_accounts = {\n"
+         << accounts.str() << "}\n";
+  if (options_.tls) {
+    config << "ssl = { certificate = " << lua(options_.tls->first)
+           << "; key = " << lua(options_.tls->second) << "; }\n";
+  } else {
+    config << "modules_disabled = { \"s2s\", \"tls\" }\n";
+  }
+  config << "\nVirtualHost \"localhost\"\n\nComponent \"conference.localhost\" \"muc\"\n"
+         << "  restrict_room_creation = false\n";
+  if (!config) {
+    throw std::runtime_error("cannot write the XMPP server's configuration in " + folder.string());
+  }
+}
+
+int ProsodyProcess::launch() {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0) {
+    return -1;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+  std::string config = (options_.folder / "prosody.cfg.lua").string();
+  std::string program = program_;
+  std::string foreground = "-F";
+  std::string configFlag = "--config";
+  char* argv[] = {program.data(), foreground.data(), configFlag.data(), config.data(), nullptr};
+  // The sandbox blocks SIGINT and SIGTERM to take them on a thread; the server must not
+  // inherit that, or it would never stop.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  std::scoped_lock lock(mutex_);
+  pid_t pid = -1;
+  const int spawned =
+      stopping_ ? -1 : posix_spawn(&pid, program.c_str(), &actions, &attributes, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  ::close(ends[1]);
+  if (spawned != 0) {
+    ::close(ends[0]);
+    return -1;
+  }
+  pid_ = pid;
+  ready_ = false;
+  startLog_.clear();
+  return ends[0];
+}
+
+void ProsodyProcess::supervise() {
+  std::ofstream log(options_.folder / "prosody.log", std::ios::app);
+  while (true) {
+    const int output = launch();
+    if (output < 0) {
+      std::scoped_lock lock(mutex_);
+      startLog_ += "cannot run " + program_;
+      failed_ = true;
+      changed_.notify_all();
+      return;
+    }
+    char chunk[4096];
+    ssize_t length = 0;
+    while ((length = ::read(output, chunk, sizeof chunk)) > 0) {
+      log.write(chunk, length);
+      log.flush();
+      std::scoped_lock lock(mutex_);
+      if (!ready_) {
+        startLog_.append(chunk, static_cast<std::size_t>(length));
+        if (startLog_.find("Failed to open server port") != std::string::npos) {
+          failed_ = true;
+        } else if (startLog_.find("Activated service 'c2s'") != std::string::npos) {
+          ready_ = true;
+        }
+        changed_.notify_all();
+      }
+    }
+    ::close(output);
+    pid_t pid = -1;
+    bool wasReady = false;
+    {
+      std::scoped_lock lock(mutex_);
+      pid = pid_;
+      wasReady = ready_;
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    {
+      std::scoped_lock lock(mutex_);
+      pid_ = -1;
+      if (stopping_ || !wasReady) {
+        failed_ = failed_ || !wasReady;
+        changed_.notify_all();
+        return;
+      }
+    }
+    log_("the XMPP server stopped on its own; starting it again");
+  }
+}
+
+}  // namespace kqsandbox
