@@ -352,6 +352,12 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     }
   }
 
+  // "[HH:mm:ss] " of a message's time, for the text output.
+  static std::string timeOf(const kq::KQVisitorMessage& message) {
+    const auto stamp = message.timeStamp();
+    return stamp ? "[" + kq::DatePlus::stringFromDate(*stamp, "HH:mm:ss") + "] " : std::string();
+  }
+
   // Prints the room's messages not printed yet. The greeting comes back as a new first record
   // each time the room is joined: it is printed once.
   void showNewMessages() {
@@ -388,9 +394,9 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
              {"type", message->messageType()},
              {"sender", name ? Json(*name) : Json()},
              {"text", text}},
-            own    ? "You: " + text
-            : name ? *name + ": " + text
-                   : "* " + text);  // the room's own note, such as the end of the chat
+            timeOf(*message) + (own    ? "You: " + text
+                                : name ? *name + ": " + text
+                                       : "* " + text));  // the room's own note
     }
   }
 
