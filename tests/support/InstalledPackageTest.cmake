@@ -1,5 +1,6 @@
-# Installs the build into a staging prefix, then builds and runs examples/hello against it, once
-# through find_package(KQVisitorCore) and once through pkg-config.
+# Installs the build into a staging prefix, runs the installed programs, then builds and runs
+# examples/hello against it, once through find_package(KQVisitorCore) and once through
+# pkg-config.
 set(stage ${BINARY_DIR}/stage)
 set(work ${BINARY_DIR}/installed-package-test)
 file(REMOVE_RECURSE ${stage} ${work})
@@ -13,6 +14,18 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${stage})
+
+# The installed programs run from the prefix, finding the installed library on their own.
+unset(ENV{LD_LIBRARY_PATH})
+foreach(program kqvisitor-chat kqvisitor-sandbox)
+  if(EXISTS ${stage}/bin/${program})
+    run(${stage}/bin/${program} --help)
+    if(NOT output MATCHES "usage: ")
+      message(FATAL_ERROR "unexpected help of the installed ${program}: ${output}")
+    endif()
+  endif()
+endforeach()
+
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples/hello -B ${work}/cmake -G ${GENERATOR}
     -DCMAKE_PREFIX_PATH=${stage} -DCMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${work}/cmake)
