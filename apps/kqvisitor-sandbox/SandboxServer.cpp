@@ -327,6 +327,9 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
     httplib::Params parameters;
     httplib::detail::parse_query_text(request.target.substr(query + 1), parameters);
     impl->json(operation[1], parameters, response);
+    // The server library stopped reading this request at its first line: the rest of it must
+    // not be taken for the next request on the connection.
+    response.set_header("Connection", "close");
   });
 }
 

@@ -3,6 +3,7 @@
 #include "OperatorAgent.h"
 #include "OperatorScript.h"
 #include "ProsodyProcess.h"
+#include "SandboxCertificates.h"
 #include "SandboxFixture.h"
 #include "SandboxServer.h"
 #include "SandboxStore.h"
@@ -33,7 +34,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kUsage =
     "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--xmpp-port PORT] "
-    "[--poll-interval SECONDS]";
+    "[--poll-interval SECONDS] [--plain]";
 
 struct Options {
   std::optional<std::string> data;
@@ -41,6 +42,7 @@ struct Options {
   int port = 0;
   int xmppPort = 0;
   double pollInterval = 2.0;
+  bool plain = false;
 };
 
 void printHelp() {
@@ -57,7 +59,10 @@ void printHelp() {
       << "                         replies, endAfter); without it a built-in shop.example\n"
       << "  --port PORT            serve HTTP on PORT (default: a free port)\n"
       << "  --xmpp-port PORT       run the XMPP server on PORT (default: a free port)\n"
-      << "  --poll-interval SECS   the library's HTTP poll interval written to the settings\n\n"
+      << "  --poll-interval SECS   the library's HTTP poll interval written to the settings\n"
+      << "  --plain                serve plain HTTP and XMPP without TLS; by default both use\n"
+      << "                         a certificate the sandbox makes (its authority: "
+         "DIR/tls/ca.pem)\n\n"
       << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
       << "then one line per request and chat event. Stops on Ctrl-C or SIGTERM.\n";
 }
@@ -65,6 +70,10 @@ void printHelp() {
 std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::string& name = arguments[i];
+    if (name == "--plain") {
+      options.plain = true;
+      continue;
+    }
     if (i + 1 >= arguments.size()) {
       return "\"" + name + "\" needs a value";
     }
@@ -158,8 +167,8 @@ kqsandbox::SandboxFixture loadFixture(const Options& options) {
 
 // The settings that point the library at this sandbox.
 void writeSettings(const fs::path& file, const std::string& origin, int xmppPort,
-                   const fs::path& folder, const Options& options) {
-  const nlohmann::ordered_json settings = {
+                   const std::string& caFile, const fs::path& folder, const Options& options) {
+  nlohmann::ordered_json settings = {
       {"jsonServiceProductionOrigin", origin},
       {"jsonServiceBetaOrigin", origin},
       {"soapServiceOrigin", origin},
@@ -170,6 +179,9 @@ void writeSettings(const fs::path& file, const std::string& origin, int xmppPort
       {"httpPollInterval", options.pollInterval},
       {"userDefaultsPath", (folder / "visitor-defaults.json").string()},
   };
+  if (!caFile.empty()) {
+    settings["caFile"] = caFile;
+  }
   std::ofstream out(file);
   out << settings.dump(2) << "\n";
   if (!out) {
@@ -225,9 +237,16 @@ int main(int argc, char** argv) {
       libraryLog << line << std::endl;
     });
 
+    std::optional<kqsandbox::SandboxCertificates> certificates;
+    if (!options.plain) {
+      certificates = kqsandbox::SandboxCertificates::inFolder(folder / "tls");
+    }
     kqsandbox::ProsodyProcess::Options xmpp;
     xmpp.folder = folder / "prosody";
     xmpp.port = options.xmppPort;
+    if (certificates) {
+      xmpp.tls = std::pair(certificates->certFile, certificates->keyFile);
+    }
     std::vector<kqsandbox::SandboxOperator> online;
     for (const auto& website : fixture.websites) {
       for (const auto& person : website.operators) {
@@ -242,10 +261,15 @@ int main(int argc, char** argv) {
     kqsandbox::ProsodyProcess prosody(xmpp, logLine);
     logLine("XMPP server (Prosody) on 127.0.0.1:" + std::to_string(prosody.port()));
 
-    kqsandbox::SandboxServer server(store, script, std::nullopt, logLine);
+    std::optional<kqsandbox::SandboxServer::TLS> https;
+    if (certificates) {
+      https = kqsandbox::SandboxServer::TLS{certificates->certFile, certificates->keyFile};
+    }
+    kqsandbox::SandboxServer server(store, script, https, logLine);
     server.start(options.port);
     const fs::path settings = folder / "config.json";
-    writeSettings(settings, server.origin(), prosody.port(), folder, options);
+    writeSettings(settings, server.origin(), prosody.port(),
+                  certificates ? certificates->caFile : std::string(), folder, options);
     logLine("chat service on " + server.origin() + ", data in " + folder.string());
     logLine("settings for the library: export KQVISITOR_CONFIG=" + settings.string());
 

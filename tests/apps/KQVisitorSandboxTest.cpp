@@ -189,7 +189,9 @@ TEST(KQVisitorSandboxTest, AnUploadedFileIsServedBackByItsLink) {
   ASSERT_TRUE(answer.contains("link")) << uploaded.out;
   const std::string link = answer["link"];
   const auto path = link.substr(link.find('/', link.find("//") + 2));
+  ASSERT_TRUE(link.starts_with("https://")) << link;
   httplib::Client client(link.substr(0, link.size() - path.size()));
+  client.set_ca_cert_path(sandbox.folder.file("tls/ca.pem"));
   const auto download = client.Get(path);
   ASSERT_TRUE(download) << link;
   EXPECT_EQ(download->status, 200);
