@@ -126,7 +126,6 @@ namespace {
 // The XMPP domain under which the service knows its users and rooms; never resolved.
 constexpr std::string_view kXMPPDomain = "localhost";
 constexpr std::string_view kResource = "TellioiPhone";
-constexpr std::chrono::duration<double> kReconnectTimerInterval{5.0};
 
 // Reports a programming error as the platform's assertion handler would, then throws.
 [[noreturn]] void assertionFailure(const char* method, const void* object, const char* file,
@@ -157,7 +156,8 @@ void KQVisitorXMPPClient::setupStream() {
 
   const auto& reconnect = built.reconnect = std::make_shared<xmpp::XMPPReconnect>();
   reconnect->setAutoReconnect(true);
-  reconnect->setReconnectTimerInterval(kReconnectTimerInterval);
+  reconnect->setReconnectTimerInterval(
+      std::chrono::duration<double>(KQVisitorConfig::shared().xmppReconnectInterval));
 
   built.rosterStorage = std::make_shared<xmpp::XMPPRosterMemoryStorage>();
   const auto& roster = built.roster = std::make_shared<xmpp::XMPPRoster>(built.rosterStorage);

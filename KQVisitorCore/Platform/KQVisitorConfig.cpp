@@ -33,15 +33,27 @@ constexpr StringSetting kStringSettings[] = {
     {"userDefaultsPath", &KQVisitorConfig::userDefaultsPath},
 };
 constexpr std::string_view kPortKey = "xmppPort";
-constexpr std::string_view kPollKey = "httpPollInterval";
-constexpr double kLongestPollInterval = 3600;
+// Intervals in seconds, above 0 and at most an hour.
+struct IntervalSetting {
+  std::string_view name;
+  double KQVisitorConfig::*member;
+};
+constexpr IntervalSetting kIntervalSettings[] = {
+    {"httpPollInterval", &KQVisitorConfig::httpPollInterval},
+    {"xmppReconnectInterval", &KQVisitorConfig::xmppReconnectInterval},
+};
+constexpr double kLongestInterval = 3600;
 
 std::string knownKeys() {
   std::string keys;
   for (const auto& setting : kStringSettings) {
     keys.append(setting.name).append(", ");
   }
-  return keys.append(kPortKey).append(", ").append(kPollKey);
+  keys.append(kPortKey);
+  for (const auto& setting : kIntervalSettings) {
+    keys.append(", ").append(setting.name);
+  }
+  return keys;
 }
 
 bool hasSpace(std::string_view text) {
@@ -143,9 +155,12 @@ void KQVisitorConfig::validate() const {
   if (xmppPort < 1 || xmppPort > 65535) {
     fail(kPortKey, "must be an integer from 1 to 65535 (got " + std::to_string(xmppPort) + ")");
   }
-  if (!(httpPollInterval > 0 && httpPollInterval <= kLongestPollInterval)) {
-    fail(kPollKey, "must be a number of seconds above 0 and at most 3600 (got " +
-                       std::to_string(httpPollInterval) + ")");
+  for (const auto& [key, member] : kIntervalSettings) {
+    const double seconds = this->*member;
+    if (!(seconds > 0 && seconds <= kLongestInterval)) {
+      fail(key, "must be a number of seconds above 0 and at most 3600 (got " +
+                    std::to_string(seconds) + ")");
+    }
   }
   if (reachabilityHost.empty() || hasSpace(reachabilityHost)) {
     fail("reachabilityHost", "must be a host name or address (got \"" + reachabilityHost + "\")");
@@ -175,11 +190,14 @@ KQVisitorConfig KQVisitorConfig::fromJSON(std::string_view text, const KQVisitor
       config.xmppPort = port < 1 || port > 65535 ? 0 : static_cast<int>(port);
       continue;
     }
-    if (key == kPollKey) {
+    const auto* interval =
+        std::find_if(std::begin(kIntervalSettings), std::end(kIntervalSettings),
+                     [&](const IntervalSetting& known) { return known.name == key; });
+    if (interval != std::end(kIntervalSettings)) {
       if (!value.is_number()) {
         throw Error(key, "\"" + key + "\" must be a number of seconds, not " + value.dump());
       }
-      config.httpPollInterval = value.get<double>();
+      config.*(interval->member) = value.get<double>();
       continue;
     }
     const auto* setting =

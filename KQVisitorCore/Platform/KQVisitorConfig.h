@@ -55,6 +55,9 @@ struct KQ_EXPORT KQVisitorConfig {
   /// Seconds between two polls of a chat carried over HTTP (more than 0, at most 3600). Tests
   /// and local sandboxes shorten it; the chat service expects the default.
   double httpPollInterval = 2.0;
+  /// Seconds between two attempts to reach the XMPP server again after a lost connection (more
+  /// than 0, at most 3600), read when the client is made. Tests shorten it.
+  double xmppReconnectInterval = 5.0;
   /// The user-defaults file; empty for $XDG_CONFIG_HOME/KQVisitorCore/UserDefaults.json
   /// (or ~/.config/... when XDG_CONFIG_HOME is not set).
   std::string userDefaultsPath;

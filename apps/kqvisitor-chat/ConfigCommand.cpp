@@ -33,6 +33,7 @@ int runConfig(const std::vector<std::string>& arguments) {
       {"caFile", config.caFile},
       {"reachabilityHost", config.reachabilityHost},
       {"httpPollInterval", config.httpPollInterval},
+      {"xmppReconnectInterval", config.xmppReconnectInterval},
       {"userDefaultsPath", config.resolvedUserDefaultsPath()},
   };
   std::cout << json.dump(2) << "\n";

@@ -132,6 +132,11 @@ OperatorAgent::Chat* OperatorAgent::chatOfRoom(const kq::xmpp::XMPPRoom& room) {
   return found == chats_.end() ? nullptr : &found->second;
 }
 
+void OperatorAgent::xmppRoomDidCreate(kq::xmpp::XMPPRoom& sender) {
+  // Back in a room the server lost (it restarted): opened again with the server's defaults.
+  sender.configureRoomUsingOptions(std::nullopt);
+}
+
 void OperatorAgent::xmppRoomDidJoin(kq::xmpp::XMPPRoom& sender) {
   if (Chat* chat = chatOfRoom(sender)) {
     chat->joined = true;

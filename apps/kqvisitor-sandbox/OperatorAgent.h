@@ -51,6 +51,7 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
                                const std::optional<kq::KQError>& error) override;
   void xmppStreamDidReceiveMessage(kq::xmpp::XMPPStream& sender,
                                    const kq::xmpp::XMPPMessage& message) override;
+  void xmppRoomDidCreate(kq::xmpp::XMPPRoom& sender) override;
   void xmppRoomDidJoin(kq::xmpp::XMPPRoom& sender) override;
   void xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& sender, const kq::xmpp::XMPPMessage& message,
                                  const kq::xmpp::XMPPJID& occupantJID) override;

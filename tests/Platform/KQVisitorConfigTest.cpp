@@ -55,6 +55,7 @@ TEST(KQVisitorConfigTest, UnusableSettingsAreRejectedNamingTheKey) {
   EXPECT_EQ(rejectedKey(R"({"httpPollInterval": 0})"), "httpPollInterval");
   EXPECT_EQ(rejectedKey(R"({"httpPollInterval": "2"})"), "httpPollInterval");
   EXPECT_EQ(rejectedKey(R"({"httpPollInterval": 86400})"), "httpPollInterval");
+  EXPECT_EQ(rejectedKey(R"({"xmppReconnectInterval": -5})"), "xmppReconnectInterval");
   EXPECT_EQ(rejectedKey(R"({"caFile": null})"), "caFile");
   EXPECT_EQ(rejectedKey(R"({"caFile": "/nonexistent/ca.pem"})"), "caFile");
   EXPECT_EQ(rejectedKey(R"({"soapServiceOrigin": "https://host/ManagementService"})"),

@@ -13,18 +13,28 @@
 namespace kq::test {
 
 BackgroundChild::BackgroundChild(const std::vector<std::string>& arguments,
-                                 const std::vector<std::string>& environment) {
+                                 const std::vector<std::string>& environment, bool withInput) {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
+  int input[2] = {-1, -1};
+  if (pipe2(ends, O_CLOEXEC) != 0 || (withInput && pipe2(input, O_CLOEXEC) != 0)) {
     throw std::runtime_error("BackgroundChild: cannot make a pipe");
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
+  if (withInput) {
+    posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
   const int spawned = spawnChild(pid_, arguments, environment, actions);
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
+  if (withInput) {
+    close(input[0]);
+    input_ = input[1];
+  }
   if (spawned != 0) {
     close(ends[0]);
     throw std::runtime_error("BackgroundChild: cannot run " + arguments.front());
@@ -60,7 +70,32 @@ bool BackgroundChild::waitForOutput(const std::string& text) const {
   return output_.find(text) != std::string::npos;
 }
 
+void BackgroundChild::send(const std::string& text) {
+  if (input_ >= 0 && write(input_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    throw std::runtime_error("BackgroundChild: cannot write its input");
+  }
+}
+
+int BackgroundChild::finishInput() {
+  if (input_ >= 0) {
+    close(input_);
+    input_ = -1;
+  }
+  std::unique_lock lock(mutex_);
+  if (changed_.wait_for(lock, kPatience, [&] { return ended_; })) {
+    lock.unlock();
+    return stop();  // already ending: SIGTERM changes nothing
+  }
+  lock.unlock();
+  stop();
+  return -1;
+}
+
 int BackgroundChild::stop() {
+  if (input_ >= 0) {
+    close(input_);
+    input_ = -1;
+  }
   if (stopped_) {
     return status_;
   }

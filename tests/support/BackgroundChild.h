@@ -16,8 +16,11 @@ class BackgroundChild {
  public:
   /// Starts `arguments` (the program first) with this process's environment plus
   /// `environment`. Throws std::runtime_error when it cannot be started.
+  /// `withInput`: its standard input is a pipe that send() writes to (otherwise it reads
+  /// nothing).
   explicit BackgroundChild(const std::vector<std::string>& arguments,
-                           const std::vector<std::string>& environment = {});
+                           const std::vector<std::string>& environment = {},
+                           bool withInput = false);
   ~BackgroundChild();
   BackgroundChild(const BackgroundChild&) = delete;
   BackgroundChild& operator=(const BackgroundChild&) = delete;
@@ -29,9 +32,15 @@ class BackgroundChild {
   bool waitForOutput(const std::string& text) const;
   /// Ends it with SIGTERM and returns its exit status (-1 when it did not exit normally).
   int stop();
+  /// Writes `text` to its standard input (made withInput).
+  void send(const std::string& text);
+  /// Ends its standard input, then waits (up to kPatience) for it to exit; its exit status, or
+  /// -1 when it did not exit normally or in time (it is then stopped).
+  int finishInput();
 
  private:
   pid_t pid_ = 0;
+  int input_ = -1;  // the writing end of its standard input
   int status_ = -1;
   bool stopped_ = false;
   std::thread reader_;
