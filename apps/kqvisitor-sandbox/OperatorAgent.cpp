@@ -33,6 +33,9 @@ void OperatorAgent::start(int port) {
   // Loopback to our own server: the operator's side needs no TLS.
   stream_->setStartTLSPolicy(kq::xmpp::XMPPStreamStartTLSPolicy::None);
   stream_->addDelegate(shared_from_this(), kq::DispatchQueue::main());
+  // Back soon after the server: a sandbox restarts it in a moment.
+  reconnect_->setReconnectDelay(std::chrono::duration<double>(0.2));
+  reconnect_->setReconnectTimerInterval(std::chrono::duration<double>(1.0));
   reconnect_->activate(stream_);
   if (!stream_->connectWithTimeout(kq::xmpp::XMPPStreamTimeoutNone)) {
     log_("operator " + person_.name + " cannot connect to the XMPP server");

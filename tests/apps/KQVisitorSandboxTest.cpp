@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
 
 namespace kq {
@@ -145,6 +146,45 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverXMPPWithTheOperatorAgentUntilItEndsT
             (std::vector<std::string>{"visitor|Where is my order?",
                                       "operator|Let me look that up for you."}));
   EXPECT_EQ(sandbox.query("SELECT ended FROM chats"), std::vector<std::string>{"1"});
+}
+
+TEST(KQVisitorSandboxTest, AConversationGoesOnAfterTheXMPPServerRestarts) {
+  Sandbox sandbox;
+  ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
+  ASSERT_TRUE(sandbox.process->waitForOutput("operator Omar (42) is online"));
+  // The visitor tries the server again every 0.2 s instead of every 5 s.
+  auto settings = Json::parse(test::readFile(sandbox.folder.file("config.json")));
+  settings["xmppReconnectInterval"] = 0.2;
+  test::writeFile(sandbox.folder.file("visitor.json"), settings.dump());
+  test::BackgroundChild visitor(
+      {KQ_CHAT_TOOL, "chat", "--domain", "shop.example", "--json", "--linger", "20"},
+      {"KQVISITOR_CONFIG=" + sandbox.folder.file("visitor.json")}, true);
+  const std::string joining = R"({"event":"room","status":4})";
+  ASSERT_TRUE(visitor.waitForOutput(R"("event":"started")")) << visitor.output();
+  const int joinsBefore = visitor.occurrences(joining);
+  visitor.send("Where is my order?\n");
+  ASSERT_TRUE(sandbox.process->waitForOutput("chat 1: Omar: Let me look that up for you."))
+      << sandbox.process->output();
+
+  // The server goes down hard; the sandbox starts it again, the operator and the visitor come
+  // back into the room.
+  const auto pid = std::stoi(test::readFile(sandbox.folder.file("prosody/prosody.pid")));
+  ASSERT_EQ(::kill(pid, SIGKILL), 0);
+  ASSERT_TRUE(sandbox.process->waitForOutput("starting it again")) << sandbox.process->output();
+  ASSERT_TRUE(sandbox.process->waitForOutput("operator Omar joined the room of chat 1", 2))
+      << sandbox.process->output();
+  ASSERT_TRUE(visitor.waitForOutput(joining, joinsBefore + 1)) << visitor.output();
+
+  visitor.send("Thanks\nBye\n");
+  ASSERT_TRUE(sandbox.process->waitForOutput("chat 1 ended by the operator"))
+      << sandbox.process->output();
+  EXPECT_EQ(visitor.finishInput(), 0) << visitor.output();
+  const auto said = conversation(visitor.output());
+  EXPECT_NE(std::find(said.begin(), said.end(), "Omar: Thank you for chatting with us!"),
+            said.end())
+      << visitor.output();
+  EXPECT_EQ(sandbox.query("SELECT text FROM messages WHERE sender = 'visitor'"),
+            (std::vector<std::string>{"Where is my order?", "Thanks", "Bye"}));
 }
 
 TEST(KQVisitorSandboxTest, BlockedWebsitesAndMissingOperatorsAreToldToTheVisitor) {

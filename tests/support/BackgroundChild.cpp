@@ -63,11 +63,24 @@ std::string BackgroundChild::output() const {
   return output_;
 }
 
-bool BackgroundChild::waitForOutput(const std::string& text) const {
+int BackgroundChild::countLocked(const std::string& text) const {
+  int count = 0;
+  for (auto at = output_.find(text); at != std::string::npos;
+       at = output_.find(text, at + text.size())) {
+    ++count;
+  }
+  return count;
+}
+
+int BackgroundChild::occurrences(const std::string& text) const {
+  std::scoped_lock lock(mutex_);
+  return countLocked(text);
+}
+
+bool BackgroundChild::waitForOutput(const std::string& text, int times) const {
   std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, kPatience,
-                    [&] { return ended_ || output_.find(text) != std::string::npos; });
-  return output_.find(text) != std::string::npos;
+  changed_.wait_for(lock, kPatience, [&] { return ended_ || countLocked(text) >= times; });
+  return countLocked(text) >= times;
 }
 
 void BackgroundChild::send(const std::string& text) {

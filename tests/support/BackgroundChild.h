@@ -27,9 +27,11 @@ class BackgroundChild {
 
   /// Everything it has written so far.
   [[nodiscard]] std::string output() const;
-  /// Waits (up to kPatience) until its output holds `text`; false when it ends or the time
-  /// runs out first.
-  bool waitForOutput(const std::string& text) const;
+  /// How many times its output holds `text` so far.
+  [[nodiscard]] int occurrences(const std::string& text) const;
+  /// Waits (up to kPatience) until its output holds `text` `times` times; false when it ends
+  /// or the time runs out first.
+  bool waitForOutput(const std::string& text, int times = 1) const;
   /// Ends it with SIGTERM and returns its exit status (-1 when it did not exit normally).
   int stop();
   /// Writes `text` to its standard input (made withInput).
@@ -43,6 +45,7 @@ class BackgroundChild {
   int input_ = -1;  // the writing end of its standard input
   int status_ = -1;
   bool stopped_ = false;
+  [[nodiscard]] int countLocked(const std::string& text) const;
   std::thread reader_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
