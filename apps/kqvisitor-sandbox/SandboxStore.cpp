@@ -290,6 +290,19 @@ std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
                      query.number(4) != 0};
 }
 
+std::optional<SandboxChat> SandboxStore::latestOpenChat() {
+  std::string id;
+  {
+    std::scoped_lock lock(mutex_);
+    Statement query(db_, "SELECT id FROM chats WHERE ended = 0 ORDER BY id DESC LIMIT 1");
+    if (!query.step()) {
+      return std::nullopt;
+    }
+    id = query.text(0);
+  }
+  return chat(id);
+}
+
 void SandboxStore::endChat(const std::string& chatId) {
   std::scoped_lock lock(mutex_);
   Statement(db_, "UPDATE chats SET ended = 1 WHERE id = ?").bind(1, chatId).step();

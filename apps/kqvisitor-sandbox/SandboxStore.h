@@ -57,6 +57,8 @@ class SandboxStore {
                        const std::string& operatorId, const std::string& visitorName,
                        const std::string& openingText, const std::string& survey);
   [[nodiscard]] std::optional<SandboxChat> chat(const std::string& chatId);
+  /// The chat opened last that has not ended.
+  [[nodiscard]] std::optional<SandboxChat> latestOpenChat();
   void endChat(const std::string& chatId);
   /// Adds a message ("visitor" or "operator") to a chat; returns its id (increasing).
   std::int64_t addMessage(const std::string& chatId, const std::string& sender,

@@ -34,7 +34,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kUsage =
     "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--xmpp-port PORT] "
-    "[--poll-interval SECONDS] [--plain]";
+    "[--poll-interval SECONDS] [--plain] [--operator-console]";
 
 struct Options {
   std::optional<std::string> data;
@@ -43,6 +43,7 @@ struct Options {
   int xmppPort = 0;
   double pollInterval = 2.0;
   bool plain = false;
+  bool operatorConsole = false;
 };
 
 void printHelp() {
@@ -70,8 +71,8 @@ void printHelp() {
 std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const std::string& name = arguments[i];
-    if (name == "--plain") {
-      options.plain = true;
+    if (name == "--plain" || name == "--operator-console") {
+      (name == "--plain" ? options.plain : options.operatorConsole) = true;
       continue;
     }
     if (i + 1 >= arguments.size()) {
@@ -189,6 +190,31 @@ void writeSettings(const fs::path& file, const std::string& origin, int xmppPort
   }
 }
 
+// A line of the operator console: said in the chat opened last, by its operator.
+void operatorSays(const std::vector<std::shared_ptr<kqsandbox::OperatorAgent>>& agents,
+                  kqsandbox::SandboxStore& store, const std::string& line) {
+  const auto chat = store.latestOpenChat();
+  if (!chat) {
+    logLine("console: no chat is open; wait for a visitor");
+    return;
+  }
+  const bool ending = line == "/end";
+  const std::string text = ending ? kqsandbox::OperatorScript::kEndText : line;
+  bool said = false;
+  for (const auto& agent : agents) {
+    said = said || agent->say(chat->id, text);
+  }
+  if (!said) {  // no room: the visitor polls over HTTP
+    store.addMessage(chat->id, "operator", text);
+    const auto person = store.operatorById(chat->operatorId);
+    logLine("chat " + chat->id + ": " + (person ? person->name : "operator") + ": " + text);
+  }
+  if (ending) {
+    store.endChat(chat->id);
+    logLine("chat " + chat->id + " ended by the operator");
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -228,7 +254,11 @@ int main(int argc, char** argv) {
   try {
     const auto fixture = loadFixture(options);
     kqsandbox::SandboxStore store((folder / "sandbox.sqlite").string(), fixture);
-    const auto [replies, endAfter] = store.script();
+    auto [replies, endAfter] = store.script();
+    if (options.operatorConsole) {
+      replies.clear();  // a person answers
+      endAfter = 0;
+    }
     const kqsandbox::OperatorScript script{replies, endAfter};
     // The library's own diagnostics (the operators' XMPP) go to a file, not the terminal.
     std::ofstream libraryLog(folder / "library.log", std::ios::app);
@@ -284,6 +314,13 @@ int main(int argc, char** argv) {
       }
       logLine("ready");
     });
+    if (options.operatorConsole) {
+      std::thread([main, &agents, &store] {
+        for (std::string line; std::getline(std::cin, line);) {
+          main->async([&agents, &store, line] { operatorSays(agents, store, line); });
+        }
+      }).detach();
+    }
     std::thread([main, signals] {
       int received = 0;
       sigwait(&signals, &received);
