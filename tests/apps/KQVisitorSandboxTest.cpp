@@ -248,11 +248,18 @@ TEST(KQVisitorSandboxTest, AFixtureWithAMistakeOrATakenPortIsRefusedSayingWhatTo
       std::string::npos)
       << broken.process->output();
 
+  // A data folder that cannot be made (under a file).
+  test::TemporaryDirectory other;
+  test::writeFile(other.file("file"), "");
+  const auto nowhere = test::runChild({KQ_SANDBOX, "--data", other.file("file/data")});
+  EXPECT_EQ(nowhere.exitStatus, 1);
+  EXPECT_NE(nowhere.err.find("cannot make the data folder"), std::string::npos) << nowhere.err;
+  EXPECT_NE(nowhere.err.find("Choose another with --data"), std::string::npos) << nowhere.err;
+
   const Sandbox first;
   ASSERT_TRUE(first.ready) << first.process->output();
   const auto settings = Json::parse(test::readFile(first.folder.file("config.json")));
   const std::string origin = settings["jsonServiceProductionOrigin"];
-  test::TemporaryDirectory other;
   test::BackgroundChild second(
       {KQ_SANDBOX, "--data", other.path(), "--port", origin.substr(origin.rfind(':') + 1)});
   EXPECT_FALSE(second.waitForOutput(" ready\n"));
