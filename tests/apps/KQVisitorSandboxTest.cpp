@@ -85,6 +85,19 @@ std::vector<std::string> conversation(const std::string& out) {
   return lines;
 }
 
+// What Omar said, in order.
+std::vector<std::string> omarsLines(const std::vector<std::string>& said) {
+  std::vector<std::string> lines;
+  std::copy_if(said.begin(), said.end(), std::back_inserter(lines),
+               [](const std::string& line) { return line.starts_with("Omar: "); });
+  return lines;
+}
+
+// The greeting and the built-in script's answers to three lines.
+const std::vector<std::string> kScriptedAnswers = {
+    "Omar: Hello, I am Omar. How can I help?", "Omar: Let me look that up for you.",
+    "Omar: It ships today. Anything else?", "Omar: Thank you for chatting with us!"};
+
 TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
   Sandbox sandbox;
   ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
@@ -95,14 +108,7 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
   const auto said = conversation(first.out);
   // The operator answers each line in turn; the visitor's own lines come back as they are
   // stored, so only the operator's order and the end are fixed.
-  std::vector<std::string> operatorLines;
-  std::copy_if(said.begin(), said.end(), std::back_inserter(operatorLines),
-               [](const std::string& line) { return line.starts_with("Omar: "); });
-  EXPECT_EQ(operatorLines,
-            (std::vector<std::string>{
-                "Omar: Hello, I am Omar. How can I help?", "Omar: Let me look that up for you.",
-                "Omar: It ships today. Anything else?", "Omar: Thank you for chatting with us!"}))
-      << first.out;
+  EXPECT_EQ(omarsLines(said), kScriptedAnswers) << first.out;
   EXPECT_EQ(said.back(), "ended");
   EXPECT_EQ(
       sandbox.query("SELECT sender, text FROM messages WHERE sender = 'visitor'"),
@@ -131,14 +137,7 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverXMPPWithTheOperatorAgentUntilItEndsT
                                    "Where is my order?\nThanks\nBye\n");
   ASSERT_EQ(result.exitStatus, 0) << result.out << result.err << sandbox.process->output();
   const auto said = conversation(result.out);
-  std::vector<std::string> operatorLines;
-  std::copy_if(said.begin(), said.end(), std::back_inserter(operatorLines),
-               [](const std::string& line) { return line.starts_with("Omar: "); });
-  EXPECT_EQ(operatorLines,
-            (std::vector<std::string>{
-                "Omar: Hello, I am Omar. How can I help?", "Omar: Let me look that up for you.",
-                "Omar: It ships today. Anything else?", "Omar: Thank you for chatting with us!"}))
-      << result.out;
+  EXPECT_EQ(omarsLines(said), kScriptedAnswers) << result.out;
   EXPECT_EQ(std::vector(said.end() - 2, said.end()),
             (std::vector<std::string>{"ended", "-: Left the conversation"}));
   // The operator kept the conversation on the service's side.
