@@ -24,6 +24,8 @@ constexpr std::string_view kUsage =
     "chat --domain DOMAIN [--domain-ar DOMAIN] [--language LANG] [--name N] [--email E] "
     "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS] [--verbose]";
 
+constexpr kq::Clock::Duration kLeavingPatience = std::chrono::seconds(10);
+
 struct Options {
   std::optional<std::string> domain;
   std::optional<std::string> domainArabic;
@@ -153,6 +155,9 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       return;
     }
     finishing_ = true;
+    // Leaving takes a service's answer or the server's goodbye: neither is waited for forever.
+    kq::DispatchQueue::main()->asyncAfter(kLeavingPatience,
+                                          [self = shared_from_this()] { self->stop(); });
     for (const auto& line : pending_) {
       print({{"event", "unsent"}, {"text", line}}, "Not sent: " + line);
       ++unsent_;
