@@ -5,7 +5,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -158,29 +158,33 @@ int ProsodyProcess::launch() {
   if (::pipe2(ends, O_CLOEXEC) != 0) {
     return -1;
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
   std::string config = (options_.folder / "prosody.cfg.lua").string();
   std::string program = program_;
   std::string foreground = "-F";
   std::string configFlag = "--config";
   char* argv[] = {program.data(), foreground.data(), configFlag.data(), config.data(), nullptr};
-  // The sandbox blocks SIGINT and SIGTERM to take them on a thread; the server must not
-  // inherit that, or it would never stop.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
   std::scoped_lock lock(mutex_);
   pid_t pid = -1;
-  const int spawned =
-      stopping_ ? -1 : posix_spawn(&pid, program.c_str(), &actions, &attributes, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
+  if (!stopping_) {
+    const pid_t parent = ::getpid();
+    pid = ::fork();
+    if (pid == 0) {
+      // Only async-signal-safe calls until exec. The server goes when the sandbox goes, however
+      // it ends; and it must not inherit the sandbox's blocked SIGINT and SIGTERM.
+      ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+      if (::getppid() != parent) {
+        ::_exit(127);
+      }
+      ::dup2(ends[1], STDOUT_FILENO);
+      ::dup2(ends[1], STDERR_FILENO);
+      sigset_t none;
+      sigemptyset(&none);
+      ::sigprocmask(SIG_SETMASK, &none, nullptr);
+      ::execve(program.c_str(), argv, environ);
+      ::_exit(127);
+    }
+  }
+  const int spawned = pid > 0 ? 0 : -1;
   ::close(ends[1]);
   if (spawned != 0) {
     ::close(ends[0]);

@@ -65,7 +65,7 @@ void printHelp() {
       << "                         a certificate the sandbox makes (its authority: "
          "DIR/tls/ca.pem)\n\n"
       << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
-      << "then one line per request and chat event. Stops on Ctrl-C or SIGTERM.\n";
+      << "then one line per request and chat event. Stops on Ctrl-C, SIGTERM or SIGHUP.\n";
 }
 
 std::optional<std::string> parse(const std::vector<std::string>& arguments, Options& options) {
@@ -235,6 +235,7 @@ int main(int argc, char** argv) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);  // its terminal closing (a tmux pane) stops it cleanly too
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   fs::path folder;
@@ -325,7 +326,7 @@ int main(int argc, char** argv) {
       int received = 0;
       sigwait(&signals, &received);
       main->async([main, received] {
-        logLine(std::string("stopping (") + (received == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+        logLine(std::string("stopping (SIG") + sigabbrev_np(received) + ")");
         main->stop();
       });
     }).detach();
