@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace kq {
 
@@ -71,6 +72,7 @@ struct KQVisitorRoom::State {
   std::optional<std::string> isRoomExist;
   bool isDelayed = false;
   std::shared_ptr<Timer> refreshTimer;
+  bool pollInFlight = false;  // a poll has been sent and not answered yet
 };
 
 KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
@@ -507,9 +509,15 @@ void KQVisitorRoom::joinHTTPRoom() {
 }
 
 void KQVisitorRoom::recieveHTTPMessage() {
+  const bool busy =
+      state_->with([](State& state) { return std::exchange(state.pollInFlight, true); });
+  if (busy) {
+    return;  // the answer under way would be handed out twice
+  }
   sitesManager()->getHTTPMessage(
       [self = shared_from_this()](const std::optional<KQError>& error,
                                   const std::shared_ptr<KQVisitorMessage>& message) {
+        self->state_->set(&State::pollInFlight, false);
         self->refreshCompletion(error, message);
       });
 }

@@ -216,7 +216,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// (KQVisitorConfig::httpPollInterval, read at each call). A timer started before
   /// is let go of but keeps running.
   void joinHTTPRoom();
-  /// Fetches the next operator message through the sites manager.
+  /// Fetches the next operator message through the sites manager. While an earlier fetch has
+  /// not been answered, nothing is sent: two polls from the same cursor would hand the same
+  /// message out twice (a slow service, or a short httpPollInterval).
   void recieveHTTPMessage();
   /// Sends `text` through the sites manager.
   void sendHTTPMessage(const std::string& text);

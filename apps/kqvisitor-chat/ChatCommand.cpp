@@ -25,6 +25,9 @@ constexpr std::string_view kUsage =
     "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS] [--verbose]";
 
 constexpr kq::Clock::Duration kLeavingPatience = std::chrono::seconds(10);
+constexpr kq::Clock::Duration kResendDelay = std::chrono::seconds(1);
+constexpr int kMostSends = 3;
+constexpr kq::Clock::Duration kEchoPatience = std::chrono::seconds(30);
 
 struct Options {
   std::optional<std::string> domain;
@@ -139,13 +142,18 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
 
   // A line typed by the visitor: sent once the chat has started, in the order typed.
   void send(const std::string& line) {
-    pending_.push_back(line);
+    pending_.push_back({line});
     sendPending();
   }
 
   // Standard input has ended: leave once the replies have had --linger seconds to come.
   void inputEnded() {
     inputEnded_ = true;
+    // Lines the room never gives back are not waited for beyond this (they are reported).
+    kq::DispatchQueue::main()->asyncAfter(std::chrono::duration_cast<kq::Clock::Duration>(
+                                              std::chrono::duration<double>(options_.linger)) +
+                                              kEchoPatience,
+                                          [self = shared_from_this()] { self->finish(); });
     lingerIfDone();
   }
 
@@ -158,10 +166,14 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     // Leaving takes a service's answer or the server's goodbye: neither is waited for forever.
     kq::DispatchQueue::main()->asyncAfter(kLeavingPatience,
                                           [self = shared_from_this()] { self->stop(); });
-    for (const auto& line : pending_) {
-      print({{"event", "unsent"}, {"text", line}}, "Not sent: " + line);
-      ++unsent_;
+    // Lines not sent, and lines sent that the room never gave back, did not reach the chat.
+    for (const auto* lines : {&unconfirmed_, &pending_}) {
+      for (const auto& line : *lines) {
+        print({{"event", "unsent"}, {"text", line.text}}, "Not sent: " + line.text);
+        ++unsent_;
+      }
     }
+    unconfirmed_.clear();
     pending_.clear();
     auto& client = kq::KQVisitorXMPPClient::instance();
     const auto manager = client.sitesManager();
@@ -350,6 +362,12 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       lastRoomStatus_ = status;
     }
     showNewMessages();
+    if (status == kq::KQRoomUpdateOwnMessage && !unconfirmed_.empty()) {
+      unconfirmed_.pop_front();  // one of ours, back from the room
+      lingerIfDone();
+    } else if (status == kq::KQRoomUpdateRejoining) {
+      resendRefused();
+    }
     if (status == kq::KQRoomUpdateJoined) {
       sendPending();  // lines that waited for a rejoin
     } else if (status == kq::KQRoomUpdateDestroyed) {
@@ -411,10 +429,13 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   void sendPending() {
     const auto room = room_.lock();
     while (started_ && !finishing_ && room && !pending_.empty() && inFlight_ == 0) {
-      const std::string line = pending_.front();
+      Line line = pending_.front();
       if (options_.http) {
-        sendOverHTTP(line);
-      } else if (!room->sendMessage(line)) {
+        sendOverHTTP(line.text);
+      } else if (room->sendMessage(line.text)) {
+        ++line.sends;
+        unconfirmed_.push_back(line);  // until the room gives it back
+      } else {
         if (room->isRoomDestroyed()) {
           finish();  // reports what is left as unsent
         }
@@ -423,6 +444,23 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       pending_.pop_front();
     }
     lingerIfDone();
+  }
+
+  // The room refused a line (the visitor was not in it, after a server restart, say) and is
+  // being joined again: the lines it has not given back go again, a moment later, in order; a
+  // line refused kMostSends times is given up (and reported unsent at the end).
+  void resendRefused() {
+    for (auto line = unconfirmed_.rbegin(); line != unconfirmed_.rend(); ++line) {
+      if (line->sends < kMostSends) {
+        pending_.push_front(*line);
+      } else {
+        print({{"event", "unsent"}, {"text", line->text}}, "Not sent: " + line->text);
+        ++unsent_;
+      }
+    }
+    unconfirmed_.clear();
+    kq::DispatchQueue::main()->asyncAfter(kResendDelay,
+                                          [self = shared_from_this()] { self->sendPending(); });
   }
 
   // Over HTTP the line goes through the sites manager, whose answer tells whether it arrived.
@@ -443,8 +481,8 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   }
 
   void lingerIfDone() {
-    if (!inputEnded_ || !started_ || !pending_.empty() || inFlight_ > 0 || lingering_ ||
-        finishing_) {
+    if (!inputEnded_ || !started_ || !pending_.empty() || !unconfirmed_.empty() || inFlight_ > 0 ||
+        lingering_ || finishing_) {
       return;
     }
     lingering_ = true;
@@ -465,7 +503,12 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   Options options_;
   std::weak_ptr<KQVisitorRoom> room_;
   KQVisitorRoom::RoomUpdatesCallbackRef updates_;
-  std::deque<std::string> pending_;  // typed, not yet handed to the room
+  struct Line {
+    std::string text;
+    int sends = 0;
+  };
+  std::deque<Line> pending_;      // typed, not yet handed to the room
+  std::deque<Line> unconfirmed_;  // over XMPP: sent, not yet given back by the room
   std::set<const kq::KQVisitorMessage*> shown_;
   std::vector<std::shared_ptr<kq::KQVisitorMessage>> kept_;
   int inFlight_ = 0;  // HTTP sends not answered yet

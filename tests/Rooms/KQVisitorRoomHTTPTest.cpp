@@ -128,6 +128,44 @@ TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingSt
   })) << "leaving closes the chat on the server";
 }
 
+TEST_F(KQVisitorRoomHTTPTest, ATickWhileAPollIsUnansweredSendsNoSecondPoll) {
+  test::ManualClockScope clock;
+  // (Like every test here, run in a process of its own, as CTest does: a timer the first test
+  // has to leave running would poll for this room too.)
+  room->setRoomId("8");
+  const auto ours = [this] {
+    auto all = polls();
+    std::erase_if(all, [](const auto& poll) {
+      return poll.target.find("parChatId=8&") == std::string::npos;
+    });
+    return all;
+  };
+  // Each refresh wakes the wait; only this room's messages count.
+  const auto waitForMessages = [this](std::size_t count) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, test::kPatience,
+                            [&] { return room->messages().size() >= count; });
+  };
+  server.holdResponses();
+  server.setDefaultResponse({200, R"(["Hi","15"])", "application/json; charset=utf-8", {}});
+  room->joinHTTPRoom();
+  clock->advance(2s);
+  test::drainMainQueue();
+  ASSERT_TRUE(server.waitForRequests(1));
+  clock->advance(2s);  // the first poll is still unanswered
+  test::drainMainQueue();
+  server.release();
+  ASSERT_TRUE(waitForMessages(1));
+  EXPECT_EQ(ours().size(), 1U);
+  EXPECT_EQ(room->messages().size(), 1U) << "the message is not handed out twice";
+  clock->advance(2s);  // answered: the next tick polls again, from the new cursor
+  test::drainMainQueue();
+  ASSERT_TRUE(waitForMessages(2));
+  ASSERT_EQ(ours().size(), 2U);
+  EXPECT_NE(ours()[1].target.find("parMessageId=15"), std::string::npos);
+  room->leaveHTTPRoom();
+}
+
 TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
   const auto run = [](const std::function<void(KQVisitorSitesManager::MessageCallback)>& call) {
     std::promise<std::pair<std::optional<KQError>, std::shared_ptr<KQVisitorMessage>>> done;
