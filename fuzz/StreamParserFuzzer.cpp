@@ -1,6 +1,8 @@
 // Feeds arbitrary bytes to the stream parser, once whole and once cut into pieces: the parser
 // must not crash, must report the same elements and the same outcome however the input is cut,
-// and every element it reports must be written back as XML that reads the same.
+// and every element it reports must be written back as XML that reads the same. An input with
+// several faults (a document type declaration holding invalid UTF-8) may be refused for either
+// of them, depending on which one the parser reaches first: only whether it was refused counts.
 
 #include "fuzz/FuzzCheck.h"
 
@@ -21,7 +23,7 @@ struct Outcome {
   std::string root;                   // the stream header's attributes
   std::vector<std::string> elements;  // each element as written back
   bool ended = false;
-  long error = 0;
+  bool failed = false;
 };
 
 Outcome parse(const char* data, std::size_t size, std::size_t piece) {
@@ -35,7 +37,7 @@ Outcome parse(const char* data, std::size_t size, std::size_t piece) {
        },
        [&](const XMPPElement& element) { outcome.elements.push_back(element.XMLString()); },
        [&] { outcome.ended = true; },
-       [&](const kq::KQError& error) { outcome.error = error.code; }});
+       [&](const kq::KQError& /*error*/) { outcome.failed = true; }});
   for (std::size_t offset = 0; offset < size; offset += piece) {
     parser.parseData(data + offset, std::min(piece, size - offset));
   }
@@ -69,12 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   kq::fuzz::expectEqual("the stream header depends on how the input was cut", whole.root,
                         pieces.root);
   if (whole.elements != pieces.elements || whole.ended != pieces.ended ||
-      whole.error != pieces.error) {
+      whole.failed != pieces.failed) {
     kq::fuzz::fail("the elements or the outcome depend on how the input was cut",
                    std::to_string(whole.elements.size()) + " elements, ended " +
-                       std::to_string(whole.ended) + ", error " + std::to_string(whole.error),
+                       std::to_string(whole.ended) + ", failed " + std::to_string(whole.failed),
                    std::to_string(pieces.elements.size()) + " elements, ended " +
-                       std::to_string(pieces.ended) + ", error " + std::to_string(pieces.error));
+                       std::to_string(pieces.ended) + ", failed " + std::to_string(pieces.failed));
   }
   for (const auto& written : whole.elements) {
     expectReadsTheSame(written);
