@@ -16,14 +16,12 @@ constexpr std::string_view kNoBody = "Other Than Body Packet";
 
 // The fields of the first invitation reason, or nullopt when the stanza has no reason.
 std::optional<std::vector<std::string>> reasonFields(const xmpp::XMPPMessage& message) {
-  xmpp::XMPPMessage query = message;
-  registerNamespaces(query);
-  const auto reasons = query.nodesForXPath("//xmlns1:reason");
-  if (reasons.empty()) {
+  const auto reason = message.firstElementInDocumentForName("reason", xmpp::kXMPPMUCUserNamespace);
+  if (!reason) {
     return std::nullopt;
   }
   std::vector<std::string> fields;
-  const std::string text = reasons.front().stringValue();
+  const std::string text = reason->stringValue();
   std::size_t start = 0;
   while (true) {
     const std::size_t bar = text.find('|', start);
@@ -91,10 +89,8 @@ std::optional<std::string> greeting(const xmpp::XMPPMessage& message) {
 }
 
 std::string kqChatMessage(const xmpp::XMPPMessage& message) {
-  xmpp::XMPPMessage query = message;
-  registerNamespaces(query);
-  const auto bodies = query.nodesForXPath("//xmlns:body");
-  return bodies.empty() ? std::string(kNoBody) : bodies.front().stringValue();
+  const auto body = message.firstElementInDocumentForName("body", xmpp::kXMPPClientNamespace);
+  return body ? body->stringValue() : std::string(kNoBody);
 }
 
 std::optional<std::string> kqChatSender(const xmpp::XMPPMessage& message) {
@@ -148,9 +144,7 @@ void addComposingState(xmpp::XMPPMessage& message) {
 }
 
 bool isErrorMessage(const xmpp::XMPPMessage& message) {
-  xmpp::XMPPMessage query = message;
-  registerNamespaces(query);
-  return !query.nodesForXPath("//xmlns:error").empty();
+  return message.firstElementInDocumentForName("error", xmpp::kXMPPClientNamespace).has_value();
 }
 
 bool isIgnoredChatText(std::string_view text) {

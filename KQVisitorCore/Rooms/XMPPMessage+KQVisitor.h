@@ -16,9 +16,10 @@
 // stanza. A field that is absent reads nullopt, also where a reason has too few fields.
 namespace kq {
 
-/// Binds the prefixes the readers' XPath queries use on `message` (this handle only): "xmlns"
-/// to "jabber:client" and "xmlns1" to the multi-user-chat user namespace. Every reader that
-/// queries by XPath does this on its own copy of the handle first.
+/// Binds the prefixes of the chat packet's XPath queries on `message` (this handle only):
+/// "xmlns" to "jabber:client" and "xmlns1" to the multi-user-chat user namespace. The readers
+/// below find what "//xmlns:body", "//xmlns1:reason" and "//xmlns:error" find, by walking the
+/// stanza instead of evaluating the queries, and need no binding.
 KQ_EXPORT void registerNamespaces(xmpp::XMPPMessage& message);
 
 /// With an invitation reason: its field 0. Otherwise the "chat_id" attribute.

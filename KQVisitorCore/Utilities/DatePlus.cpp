@@ -1,5 +1,6 @@
 #include <KQVisitorCore/Utilities/DatePlus.h>
 
+#include <unicode/calendar.h>
 #include <unicode/locid.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
@@ -91,7 +92,69 @@ class Formatter {
   std::shared_ptr<icu::SimpleDateFormat> formatter_;  // shared with the cache
 };
 
+// The value of `count` decimal digits at `text`, or -1 when one is not a digit.
+int digits(std::string_view text, std::size_t at, std::size_t count) {
+  int value = 0;
+  for (std::size_t i = at; i < at + count; ++i) {
+    if (text[i] < '0' || text[i] > '9') {
+      return -1;
+    }
+    value = value * 10 + (text[i] - '0');
+  }
+  return value;
+}
+
+// A local time stamp written out in full as "yyyy-MM-dd HH:mm:ss" (every chat packet's is),
+// read without ICU's pattern parser: the fields go straight into a strict calendar of the
+// device's zone, which is what the parser does with them. The parse-format-parse round trip
+// gives such a text's first parse back (a wall time in a daylight-saving gap or overlap comes
+// back as the same instant), so one reading is the whole answer. nullopt for any other shape,
+// and for fields the calendar refuses: the general path decides those.
+std::optional<Date> fullLocalTimeStamp(std::string_view text) {
+  if (text.size() != 19 || text[4] != '-' || text[7] != '-' || text[10] != ' ' || text[13] != ':' ||
+      text[16] != ':') {
+    return std::nullopt;
+  }
+  const int year = digits(text, 0, 4);
+  const int month = digits(text, 5, 2);
+  const int day = digits(text, 8, 2);
+  const int hour = digits(text, 11, 2);
+  const int minute = digits(text, 14, 2);
+  const int second = digits(text, 17, 2);
+  if (year < 0 || month < 0 || day < 0 || hour < 0 || minute < 0 || second < 0) {
+    return std::nullopt;
+  }
+  // Built once per thread, like the formatters, and left with nothing of a reading behind.
+  thread_local const std::unique_ptr<icu::Calendar> calendar = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Calendar> made(icu::Calendar::createInstance(
+        icu::TimeZone::createDefault(), icu::Locale("en_US_POSIX"), status));
+    if (U_FAILURE(status)) {
+      made.reset();
+    } else {
+      made->setLenient(false);
+    }
+    return made;
+  }();
+  if (calendar == nullptr) {
+    return std::nullopt;
+  }
+  calendar->clear();
+  calendar->set(year, month - 1, day, hour, minute, second);
+  UErrorCode status = U_ZERO_ERROR;
+  const UDate millis = calendar->getTime(status);
+  if (U_FAILURE(status)) {
+    return std::nullopt;
+  }
+  return Date(Date::TimePoint(std::chrono::microseconds(std::llround(millis * 1000.0))));
+}
+
 std::optional<Date> roundTrip(std::string_view text, std::string_view format, Zone zone) {
+  if (zone == Zone::Local && format == kRoundTripFormat) {
+    if (auto date = fullLocalTimeStamp(text)) {
+      return date;
+    }
+  }
   const auto parsed = Formatter(format, zone).parse(text);
   if (!parsed) {
     return std::nullopt;

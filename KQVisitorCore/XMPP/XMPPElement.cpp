@@ -196,6 +196,17 @@ bool nameIs(const xmlNode* node, std::string_view name) {
          std::string_view(reinterpret_cast<const char*>(node->name)) == name;
 }
 
+// The node after `node` in document order, descending first; nullptr after the last.
+const xmlNode* nextInDocumentOrder(const xmlNode* node) {
+  if (node->children != nullptr) {
+    return node->children;
+  }
+  while (node != nullptr && node->next == nullptr) {
+    node = node->parent;
+  }
+  return node != nullptr ? node->next : nullptr;
+}
+
 bool namespaceIs(const xmlNode* node, std::string_view xmlns) {
   const std::string_view href =
       node->ns != nullptr && node->ns->href != nullptr
@@ -214,24 +225,60 @@ xmlDocPtr newDocument() {
 }
 
 // The attribute `name` of `node`: "prefix:local" names are looked up with their namespace.
+// `name` as a tree stores it: names are cleaned like all text put in (see xml()), so a name
+// is looked up cleaned too. Plain ASCII, the rule, is its own clean form.
+std::string_view storedName(std::string_view name, std::string& storage) {
+  const bool plain = std::all_of(name.begin(), name.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x20U && byte < 0x80U;
+  });
+  if (plain) {
+    return name;
+  }
+  xml(name, storage);
+  return storage;
+}
+
+// The attribute `localName` of `node` in namespace `href` (nullptr: in no namespace).
+xmlAttrPtr findProperty(xmlNodePtr node, std::string_view localName, const xmlChar* href) {
+  for (xmlAttrPtr attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
+    if (std::string_view(reinterpret_cast<const char*>(attribute->name)) != localName) {
+      continue;
+    }
+    if (href == nullptr ? attribute->ns == nullptr
+                        : attribute->ns != nullptr && xmlStrEqual(attribute->ns->href, href) != 0) {
+      return attribute;
+    }
+  }
+  return nullptr;
+}
+
 xmlAttrPtr findAttribute(xmlNodePtr node, std::string_view name) {
   std::string storage;
+  name = storedName(name, storage);
   const auto colon = name.find(':');
   if (colon == std::string_view::npos) {
-    return xmlHasNsProp(node, xml(name, storage), nullptr);
+    return findProperty(node, name, nullptr);
   }
-  const std::string_view prefix = name.substr(0, colon);
+  const std::string_view localName = name.substr(colon + 1);
+  const std::string prefix(name.substr(0, colon));
   if (prefix == "xml") {
     // xmlSearchNs would add the xml namespace to the document on first use: a write that
     // concurrent readers of the tree would race on.
-    return xmlHasNsProp(node, xml(name.substr(colon + 1), storage), XML_XML_NAMESPACE);
+    return findProperty(node, localName, XML_XML_NAMESPACE);
   }
-  std::string prefixStorage;
-  xmlNsPtr ns = xmlSearchNs(node->doc, node, xml(prefix, prefixStorage));
-  if (ns == nullptr) {
-    return xmlHasNsProp(node, xml(name, storage), nullptr);
+  xmlNsPtr ns = xmlSearchNs(node->doc, node, asXML(prefix.c_str()));
+  return ns == nullptr ? findProperty(node, name, nullptr)
+                       : findProperty(node, localName, ns->href);
+}
+
+// An attribute's value; read in place when it is one text node, as the parser makes it.
+std::string attributeValue(xmlAttrPtr attribute) {
+  const xmlNode* child = attribute->children;
+  if (child != nullptr && child->next == nullptr && child->type == XML_TEXT_NODE) {
+    return fromXML(child->content);
   }
-  return xmlHasNsProp(node, xml(name.substr(colon + 1), storage), ns->href);
+  return takeXML(xmlNodeGetContent(reinterpret_cast<xmlNodePtr>(attribute)));
 }
 
 }  // namespace
@@ -317,7 +364,7 @@ std::optional<std::string> XMPPElement::attributeStringValueForName(std::string_
   if (attribute == nullptr) {
     return std::nullopt;
   }
-  return takeXML(xmlNodeGetContent(reinterpret_cast<xmlNodePtr>(attribute)));
+  return attributeValue(attribute);
 }
 
 std::string XMPPElement::attributeStringValueForName(std::string_view name,
@@ -343,8 +390,7 @@ std::vector<std::pair<std::string, std::string>> XMPPElement::attributes() const
       name = fromXML(attribute->ns->prefix) + ":";
     }
     name += fromXML(attribute->name);
-    result.emplace_back(std::move(name),
-                        takeXML(xmlNodeGetContent(reinterpret_cast<xmlNodePtr>(attribute))));
+    result.emplace_back(std::move(name), attributeValue(attribute));
   }
   return result;
 }
@@ -428,6 +474,17 @@ std::optional<XMPPElement> XMPPElement::elementForName(std::string_view name,
   for (xmlNodePtr child = node_->children; child != nullptr; child = child->next) {
     if (nameIs(child, name) && namespaceIs(child, xmlns)) {
       return XMPPElement(document_, child);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<XMPPElement> XMPPElement::firstElementInDocumentForName(
+    std::string_view name, std::string_view xmlns) const {
+  const ::xmlNode* root = xmlDocGetRootElement(node_->doc);
+  for (const ::xmlNode* node = root; node != nullptr; node = nextInDocumentOrder(node)) {
+    if (nameIs(node, name) && namespaceIs(node, xmlns)) {
+      return XMPPElement(document_, const_cast<xmlNodePtr>(node));
     }
   }
   return std::nullopt;

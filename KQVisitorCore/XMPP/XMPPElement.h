@@ -109,6 +109,11 @@ class KQ_EXPORT XMPPElement {
   /// The first child element called `name` in namespace `xmlns`.
   [[nodiscard]] std::optional<XMPPElement> elementForName(std::string_view name,
                                                           std::string_view xmlns) const;
+  /// The first element called `name` in namespace `xmlns` anywhere in this node's tree (the
+  /// whole document, this node's ancestors included), in document order: what the XPath query
+  /// "//p:name" (p bound to `xmlns`) finds first, without the cost of evaluating one.
+  [[nodiscard]] std::optional<XMPPElement> firstElementInDocumentForName(
+      std::string_view name, std::string_view xmlns) const;
   /// Every child element called `name`.
   [[nodiscard]] std::vector<XMPPElement> elementsForName(std::string_view name) const;
   /// The parent element; nullopt at the top of the tree.

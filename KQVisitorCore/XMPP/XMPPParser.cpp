@@ -184,16 +184,27 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
   xmlSetNs(node, namespaceFor(node, prefix, uri));
   for (int i = 0; i < attributeCount && !failed; ++i) {
     const xmlChar** attribute = attributes + 5 * static_cast<std::ptrdiff_t>(i);
-    const std::string value = text(attribute[3], attribute[4]);
-    count(value.size() + static_cast<std::size_t>(xmlStrlen(attribute[0])));
+    const int length = static_cast<int>(attribute[4] - attribute[3]);
+    count(static_cast<std::size_t>(length) + static_cast<std::size_t>(xmlStrlen(attribute[0])));
     xmlNsPtr ns = namespaceFor(node, attribute[1], attribute[2]);
+    xmlAttrPtr property = nullptr;
     if (ns == nullptr && attribute[1] != nullptr) {
       // An undeclared prefix: keep the attribute under its qualified name.
       const std::string qualified = text(attribute[1]) + ":" + text(attribute[0]);
-      xmlNewProp(node, asXML(qualified.c_str()), asXML(value.c_str()));
+      property = xmlNewProp(node, asXML(qualified.c_str()), nullptr);
     } else {
-      xmlNewNsProp(node, ns, attribute[0], asXML(value.c_str()));
+      property = xmlNewNsProp(node, ns, attribute[0], nullptr);
     }
+    // The value goes straight from the parser's buffer into the attribute's text node.
+    xmlNodePtr value = xmlNewDocTextLen(doc, attribute[3], length);
+    if (property == nullptr || value == nullptr) {
+      xmlFreeNode(value);
+      fail(kErrorMalformed, "out of memory");
+      return;
+    }
+    value->parent = reinterpret_cast<xmlNodePtr>(property);
+    property->children = value;
+    property->last = value;
   }
 }
 

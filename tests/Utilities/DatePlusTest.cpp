@@ -5,8 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <string>
+#include <vector>
 
 namespace kq {
 namespace {
@@ -92,6 +95,38 @@ TEST_F(DatePlusTest, TheDefaultFormatIsSharedAndCopied) {
   ASSERT_TRUE(date);
   EXPECT_EQ(date->timeIntervalSince1970(), k2016March1);
   EXPECT_FALSE(DatePlus::dateFromString("2016-03-01"));
+}
+
+// A chat packet's time stamp ("yyyy-MM-dd HH:mm:ss" in full) is read by a shorter road than
+// other patterns. Quoting the pattern's dashes means the same pattern to ICU but takes the
+// general road, so the two must agree on every text: every quarter hour of the days around both
+// daylight-saving changes (a gap and an overlap where the zone has them), and the edges of the
+// calendar.
+TEST_F(DatePlusTest, FullTimeStampsReadAsThePatternWouldReadThem) {
+  const std::string format = "yyyy-MM-dd HH:mm:ss";
+  const std::string general = "yyyy'-'MM'-'dd HH:mm:ss";
+  std::vector<std::string> texts = {
+      "0000-01-01 00:00:00", "0001-01-01 00:00:00", "1582-10-10 12:00:00", "1970-01-01 00:00:00",
+      "2016-02-29 23:59:59", "2015-02-29 00:00:00", "2016-13-01 00:00:00", "2016-00-10 00:00:00",
+      "2016-03-01 24:00:00", "2016-03-01 23:60:00", "2016-03-01 23:59:60", "9999-12-31 23:59:59",
+      "2016-03-01T10:20:30", "2016-3-01 10:20:30",  "+016-03-01 10:20:30", "2016-03-01 10:20:3x",
+  };
+  char text[32];
+  for (const char* day : {"2016-03-12", "2016-03-13", "2016-03-14", "2016-11-05", "2016-11-06",
+                          "2016-11-07", "2016-03-27", "2016-10-30"}) {
+    for (int minutes = 0; minutes < 24 * 60; minutes += 15) {
+      std::snprintf(text, sizeof text, "%s %02d:%02d:07", day, minutes / 60, minutes % 60);
+      texts.emplace_back(text);
+    }
+  }
+  for (const auto& stamp : texts) {
+    const auto fast = DatePlus::dateWithLocalTimeZone(stamp, format);
+    const auto slow = DatePlus::dateWithLocalTimeZone(stamp, general);
+    ASSERT_EQ(fast.has_value(), slow.has_value()) << stamp;
+    if (fast) {
+      EXPECT_EQ(fast->timeIntervalSince1970(), slow->timeIntervalSince1970()) << stamp;
+    }
+  }
 }
 
 }  // namespace

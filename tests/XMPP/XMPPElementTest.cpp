@@ -96,6 +96,53 @@ TEST(XMPPElementTest, XPathUsesDeclaredPrefixesPerHandle) {
   EXPECT_EQ(query.XMLString(), element->XMLString());
 }
 
+// The direct walk stands in for "//p:name" queries on received stanzas: it must find the very
+// node the query finds first, in whatever tree and from whichever handle.
+TEST(XMPPElementTest, FirstElementInDocumentFindsWhatTheXPathQueryFindsFirst) {
+  const char* documents[] = {
+      "<message xmlns='jabber:client'><body>plain</body></message>",
+      "<message xmlns='jabber:client'><x xmlns='http://jabber.org/protocol/muc#user'>"
+      "<invite><reason>deep|first</reason></invite></x><reason>shallow</reason>"
+      "<body>B1</body><body>B2</body></message>",
+      // A body of another namespace comes first and must be passed over.
+      "<message xmlns='jabber:client'><html xmlns='http://jabber.org/protocol/xhtml-im'>"
+      "<body>formatted</body></html>text<body>plain</body></message>",
+      // Prefixed names, an error nested in text, and the root itself matching.
+      "<c:error xmlns:c='jabber:client'>t<c:body/><c:error><c:reason/></c:error></c:error>",
+      "<message xmlns='urn:other'><body>wrong namespace</body></message>",
+      "<message xmlns='jabber:client'/>",
+  };
+  const std::pair<std::string, std::string> queries[] = {
+      {"body", "jabber:client"},
+      {"error", "jabber:client"},
+      {"reason", "http://jabber.org/protocol/muc#user"},
+      {"reason", "jabber:client"},
+  };
+  for (const char* text : documents) {
+    const auto root = XMPPElement::elementWithXMLString(text);
+    ASSERT_TRUE(root) << text;
+    // Ask from the root and from the deepest last element: "//" searches the whole document.
+    std::vector<XMPPElement> handles{*root};
+    for (auto children = root->children(); !children.empty();
+         children = children.back().children()) {
+      handles.push_back(children.back());
+    }
+    for (const auto& handle : handles) {
+      for (const auto& [name, xmlns] : queries) {
+        XMPPElement query = handle;
+        query.declareXPathNamespace("p", xmlns);
+        const auto expected = query.nodesForXPath("//p:" + name);
+        const auto found = handle.firstElementInDocumentForName(name, xmlns);
+        SCOPED_TRACE(std::string(text) + " //" + name + " in " + xmlns);
+        ASSERT_EQ(found.has_value(), !expected.empty());
+        if (found) {
+          EXPECT_TRUE(found->isSameNode(expected.front()));
+        }
+      }
+    }
+  }
+}
+
 TEST(XMPPElementTest, StanzaHelpers) {
   XMPPMessage message(std::string("groupchat"),
                       XMPPJID::jidWithString("room@conference.localhost"));
