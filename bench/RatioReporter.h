@@ -24,12 +24,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") {
         continue;
       }
-      const std::string name = run.run_name.function_name + run.run_name.args;
+      const std::string& name = run.run_name.function_name;
       const auto slash = name.find('/');
       if (slash == std::string::npos) {
         continue;
       }
-      rows_[name.substr(0, slash)].emplace_back(name.substr(slash + 1), rate(run));
+      const std::string& args = run.run_name.args;
+      rows_[name.substr(0, slash) + (args.empty() ? "" : "/" + args)].emplace_back(
+          name.substr(slash + 1), rate(run));
     }
   }
 

@@ -1,14 +1,18 @@
-// Hot paths of the web service: decoding an answer, building a query, and one JSON request
-// over loopback, with and without keep-alive.
+// Hot paths of the web service: decoding an answer, building a query, and the JSON call over
+// loopback beside raw libcurl.
 
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 #include <KQVisitorCore/Platform/HTTPSession.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/PercentEscapes.h>
 
+#include "bench/RatioReporter.h"
+
 #include <benchmark/benchmark.h>
+#include <curl/curl.h>
 #include <httplib.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -56,26 +60,67 @@ void BM_UrlBuilderWithEscaping(benchmark::State& state) {
 }
 BENCHMARK(BM_UrlBuilderWithEscaping);
 
-// One GET through the whole frame (query, session thread, cleaning, parse) to a cpp-httplib
-// server on loopback. range(0): 1 keeps connections alive, 0 closes each after one request.
-void BM_JSONRoundTrip(benchmark::State& state) {
-  const bool keepAlive = state.range(0) == 1;
-  httplib::Server server;
-  server.set_tcp_nodelay(true);
-  server.set_keep_alive_max_count(keepAlive ? 1000000 : 1);
-  const std::string answer = typicalAnswer();
-  // Not a JSON content type: cpp-httplib would compress the answer with brotli at its highest
-  // quality (the client accepts br), and the benchmark would time that instead of the client.
-  server.Get(".*", [&](const httplib::Request&, httplib::Response& response) {
-    response.set_content(answer, "application/octet-stream");
-  });
-  const int port = server.bind_to_any_port("127.0.0.1");
-  std::thread listener([&] { server.listen_after_bind(); });
-  while (!server.is_running()) {
-    std::this_thread::yield();
+// --- The JSON call beside raw libcurl --------------------------------------------------------
+//
+// A GET with seven parameters answered by a string-encoded JSON object, against a cpp-httplib
+// server on loopback that answers JSON. Ours goes through
+// the whole frame (query building and escaping, the session thread, cleaning, parsing); the
+// reference is libcurl's multi interface with kept-alive connections, transfer only. Each
+// iteration is kCalls calls, `range(0)` of them in flight at a time.
+
+constexpr int kCalls = 64;
+
+const Json& visitorParameters() {
+  static const Json parameters = {{"V_I", "0"},
+                                  {"V_N", "Zoë Visitor"},
+                                  {"W_I", 17},
+                                  {"S_I", "a1b2c3"},
+                                  {"parD", "2026-11-15 00:05:52 +0000"},
+                                  {"parTZ", "Europe/Berlin"},
+                                  {"L_I", 1}};
+  return parameters;
+}
+
+class LoopbackService {
+ public:
+  LoopbackService() {
+    server_.set_tcp_nodelay(true);
+    server_.set_keep_alive_max_count(1000000);
+    // A thread per kept-alive connection, with room to spare: cpp-httplib's default pool (8 on
+    // this machine) would make a ninth connection wait for a free thread.
+    server_.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    // "application/json" exactly: the one JSON type cpp-httplib compresses when the client
+    // accepts it, as a service may.
+    server_.Get(".*", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content(R"({"InVsInResult":"{\"status\":1,\"V_I\":\"4711\"}"})",
+                           "application/json");
+    });
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    listener_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) {
+      std::this_thread::yield();
+    }
   }
+  ~LoopbackService() {
+    server_.stop();
+    listener_.join();
+  }
+  LoopbackService(const LoopbackService&) = delete;
+  LoopbackService& operator=(const LoopbackService&) = delete;
+
+  [[nodiscard]] std::string origin() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  httplib::Server server_;
+  int port_ = 0;
+  std::thread listener_;
+};
+
+void JSONCall_ours(benchmark::State& state) {
+  const auto inFlight = static_cast<std::size_t>(state.range(0));
+  LoopbackService loopback;
   kq::KQVisitorConfig config;
-  config.jsonServiceProductionOrigin = "http://127.0.0.1:" + std::to_string(port);
+  config.jsonServiceProductionOrigin = loopback.origin();
   kq::KQVisitorConfig::setShared(config);
   kq::KQVisitorWebService::Dependencies dependencies;
   dependencies.session = kq::HTTPSession::create({});
@@ -86,37 +131,131 @@ void BM_JSONRoundTrip(benchmark::State& state) {
   std::condition_variable done;
   std::size_t completed = 0;
   std::string failure;
-  std::size_t sent = 0;
-  const Json parameters = {{"parCI", "4711"}, {"parLMI", 1009}};
   const auto finish = [&](std::string problem) {
     {
       std::scoped_lock lock(mutex);
       ++completed;
-      failure = std::move(problem);
+      if (!problem.empty()) {
+        failure = std::move(problem);
+      }
     }
     done.notify_one();
   };
-  for (auto _ : state) {
+  const auto call = [&] {
     service.requestDataWithParameters(
-        parameters, "GET", "GetChatMessagesAlt",
+        visitorParameters(), "GET", "InVsIn",
         [&](std::nullptr_t, const Json& result) {
-          benchmark::DoNotOptimize(result.size());
-          finish({});
+          const bool answered =
+              result.contains("InVsInResult") && result["InVsInResult"].value("status", 0) == 1;
+          finish(answered ? std::string() : "an answer without status 1");
         },
         [&](std::nullptr_t, const kq::KQError& error) { finish(error.description()); });
-    ++sent;
+  };
+  std::size_t sent = 0;
+  const auto callMany = [&] {
+    const std::size_t target = sent + kCalls;
     std::unique_lock lock(mutex);
-    done.wait(lock, [&] { return completed == sent; });
+    while (completed < target) {
+      while (sent < target && sent - completed < inFlight) {
+        ++sent;
+        lock.unlock();
+        call();
+        lock.lock();
+      }
+      done.wait(lock, [&] { return completed == sent; });
+    }
+  };
+  callMany();  // opens the connections: the server's listen backlog (5) makes some wait 1 s
+  for (auto _ : state) {
+    callMany();
+    std::scoped_lock lock(mutex);
     if (!failure.empty()) {
       state.SkipWithError(failure.c_str());
       break;
     }
   }
-  server.stop();
-  listener.join();
+  state.SetItemsProcessed(state.iterations() * kCalls);
 }
-BENCHMARK(BM_JSONRoundTrip)->Arg(1)->Arg(0)->ArgName("keepAlive")->UseRealTime();
+BENCHMARK(JSONCall_ours)->Name("JSONCall/ours")->Arg(1)->Arg(8)->ArgName("inFlight")->UseRealTime();
+
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* user) {
+  static_cast<std::string*>(user)->append(data, size * count);
+  return size * count;
+}
+
+void JSONCall_libcurl(benchmark::State& state) {
+  const auto inFlight = static_cast<std::size_t>(state.range(0));
+  LoopbackService loopback;
+  const std::string url = kq::stringByAddingPercentEscapes(
+      loopback.origin() + "/VisitorServiceXMPPSSL/ChatService.svc/InVsIn" +
+      kq::KQVisitorWebService::urlBuilder(visitorParameters()));
+  CURLM* multi = curl_multi_init();
+  std::vector<CURL*> handles(inFlight);
+  std::vector<std::string> bodies(inFlight);
+  for (std::size_t i = 0; i < inFlight; ++i) {
+    handles[i] = curl_easy_init();
+    curl_easy_setopt(handles[i], CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handles[i], CURLOPT_TCP_NODELAY, 1L);
+    curl_easy_setopt(handles[i], CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(handles[i], CURLOPT_WRITEDATA, &bodies[i]);
+  }
+  bool failed = false;
+  const auto callMany = [&] {
+    std::size_t started = 0;
+    std::size_t finished = 0;
+    for (std::size_t i = 0; i < inFlight && started < kCalls; ++i, ++started) {
+      bodies[i].clear();
+      curl_multi_add_handle(multi, handles[i]);
+    }
+    while (finished < kCalls && !failed) {
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      const std::size_t before = finished;
+      int queued = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+        if (message->msg != CURLMSG_DONE) {
+          continue;
+        }
+        failed = failed || message->data.result != CURLE_OK;
+        ++finished;
+        CURL* easy = message->easy_handle;
+        curl_multi_remove_handle(multi, easy);
+        if (started < kCalls) {
+          ++started;
+          const auto slot = static_cast<std::size_t>(
+              std::find(handles.begin(), handles.end(), easy) - handles.begin());
+          bodies[slot].clear();
+          curl_multi_add_handle(multi, easy);
+        }
+      }
+      if (finished == before) {
+        curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+      }
+    }
+  };
+  callMany();  // opens the connections, as for ours
+  for (auto _ : state) {
+    callMany();
+    if (failed) {
+      state.SkipWithError("a libcurl transfer failed");
+      break;
+    }
+  }
+  for (CURL* easy : handles) {
+    curl_easy_cleanup(easy);
+  }
+  curl_multi_cleanup(multi);
+  state.SetItemsProcessed(state.iterations() * kCalls);
+}
+BENCHMARK(JSONCall_libcurl)
+    ->Name("JSONCall/libcurl-multi")
+    ->Arg(1)
+    ->Arg(8)
+    ->ArgName("inFlight")
+    ->UseRealTime();
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  return kq::bench::runWithRatios(argc, argv);
+}

@@ -284,6 +284,8 @@ struct HTTPSession::Impl {
   bool stopping = false;                            // guarded by mutex
   std::condition_variable workArrived;              // wakes the thread while no transfer runs
   bool finished = false;                            // guarded by mutex
+  bool polling =
+      false;  // guarded by mutex: the thread sleeps in curl_multi_poll, not on the condition
   OwnedThread thread;
 
   // Owned by the session's thread.
@@ -374,6 +376,7 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaximumRedirects);
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+  // Decode what arrives compressed; what is asked for is settled with the header fields below.
   curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
   curl_easy_setopt(easy, CURLOPT_USERAGENT, "KQVisitorCore/1.0");
   curl_easy_setopt(easy, CURLOPT_SHARE, share.get());
@@ -414,13 +417,20 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
   }
 
-  // "Expect:" with no value stops libcurl from waiting for "100 Continue" before large bodies.
-  curl_slist* list = curl_slist_append(nullptr, "Expect:");
+  // "Expect:" with no value stops libcurl from waiting for "100 Continue" before large bodies;
+  // "Accept-Encoding:" drops libcurl's own field, so that no compression is asked for (see the
+  // class comment) unless the request asks itself.
+  std::vector<std::string> lines{"Expect:"};
+  if (!request.valueForHTTPHeaderField("Accept-Encoding")) {
+    lines.emplace_back("Accept-Encoding:");
+  }
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
     // "Name;" is libcurl's way of sending a field with an empty value.
-    std::string line = name;
-    line.append(value.empty() ? ";" : ": ").append(value);
-    curl_slist* longer = list == nullptr ? nullptr : curl_slist_append(list, line.c_str());
+    lines.push_back(name + (value.empty() ? ";" : ": ") + value);
+  }
+  curl_slist* list = nullptr;
+  for (const auto& line : lines) {
+    curl_slist* longer = curl_slist_append(list, line.c_str());
     if (longer == nullptr) {
       curl_slist_free_all(list);
       return transportError(CURLE_OUT_OF_MEMORY, "Out of memory.", request.url);
@@ -496,10 +506,8 @@ void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
   curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url != nullptr ? url : transfer->request.url;
   response.allHeaderFields = std::move(transfer->responseHeaders);
-  auto completion = std::move(transfer->completion);
-  std::string body = std::move(transfer->body);
-  transfer.reset();
-  completion(std::move(body), std::move(response), std::nullopt);
+  // The caller hears first; the easy handle is cleaned up after, off the answer's path.
+  transfer->completion(std::move(transfer->body), std::move(response), std::nullopt);
 }
 
 void HTTPSession::Impl::finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error) {
@@ -560,8 +568,16 @@ int HTTPSession::Impl::expireIdleTransfers() {
 }
 
 void HTTPSession::Impl::wake() {
-  workArrived.notify_one();
-  if (unusable.empty()) {
+  // Only the way the thread sleeps needs waking: a wake-up of libcurl's poll costs a write and
+  // two reads on its socket pair, so a thread that waits on the condition is not sent one.
+  bool inPoll = false;
+  {
+    std::scoped_lock lock(mutex);
+    inPoll = polling;
+  }
+  if (!inPoll) {
+    workArrived.notify_one();
+  } else if (unusable.empty()) {
     curl_multi_wakeup(multi.get());
   }
 }
@@ -625,11 +641,16 @@ void HTTPSession::Impl::threadMain() {
         workArrived.wait(lock, hasWork);
         continue;
       }
+      polling = true;
     }
     // Sleeps until a socket is ready, libcurl's own next deadline, the nearest idle time-out,
     // or a wake-up from a thread that queued work or moved the clock.
-    if (const CURLMcode code = curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
-        code != CURLM_OK) {
+    const CURLMcode code = curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
+    {
+      std::scoped_lock lock(mutex);
+      polling = false;
+    }
+    if (code != CURLM_OK) {
       failActive("waiting for the network", code);
     }
   }

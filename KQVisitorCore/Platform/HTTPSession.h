@@ -22,6 +22,10 @@ namespace kq {
 /// TLS peers are always verified: against the system's certificate authorities plus those of
 /// Configuration::caFile, loaded once per session (on its first TLS connection) and kept.
 ///
+/// No compression is asked for unless a request sets "Accept-Encoding" itself: servers compress
+/// what a client accepts, and compressing a small JSON answer costs a server more than sending
+/// it. An answer that comes compressed all the same (gzip, deflate, brotli) arrives decoded.
+///
 /// Thread-safe: tasks may be started from any thread, also from inside a completion.
 ///
 /// A request fails with kErrorTimedOut once nothing has been sent or received for its

@@ -23,24 +23,23 @@ void XMPPRoomMemoryStorage::handlePresence(const XMPPPresence& presence, const X
   }
 }
 
-void XMPPRoomMemoryStorage::addMessage(const XMPPMessage& message, const XMPPJID& roomJID) {
-  XMPPMessage copy(message.copy());
+void XMPPRoomMemoryStorage::addMessage(XMPPMessage message, const XMPPJID& roomJID) {
   std::scoped_lock lock(mutex_);
   auto& messages = rooms_[roomJID.bare()].messages;
   if (messages.size() >= kMaxMessagesPerRoom) {
-    messages.erase(messages.begin());
+    messages.pop_front();
   }
-  messages.push_back(std::move(copy));
+  messages.push_back(std::move(message));
 }
 
 void XMPPRoomMemoryStorage::handleIncomingMessage(const XMPPMessage& message,
                                                   const XMPPJID& roomJID) {
-  addMessage(message, roomJID);
+  addMessage(message, roomJID);  // received stanzas are read-only: keep the stream's own
 }
 
 void XMPPRoomMemoryStorage::handleOutgoingMessage(const XMPPMessage& message,
                                                   const XMPPJID& roomJID) {
-  addMessage(message, roomJID);
+  addMessage(XMPPMessage(message.copy()), roomJID);  // its sender may still change it
 }
 
 void XMPPRoomMemoryStorage::clearRoom(const XMPPJID& roomJID) {

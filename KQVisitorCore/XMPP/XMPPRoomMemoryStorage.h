@@ -5,6 +5,7 @@
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,7 +15,9 @@
 namespace kq::xmpp {
 
 /// What the rooms have seen, kept in memory per room: the occupants' latest presence and the
-/// messages received and sent. Thread-safe.
+/// messages received and sent. A received message is kept as the stream delivered it (received
+/// stanzas are read-only, so it is shared, not copied); a sent one is copied, since its sender
+/// may change it afterwards. Thread-safe.
 class KQ_EXPORT XMPPRoomMemoryStorage {
  public:
   /// The most messages kept per room; the oldest go first.
@@ -42,9 +45,9 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
  private:
   struct Room {
     std::map<std::string, XMPPPresence> occupants;
-    std::vector<XMPPMessage> messages;
+    std::deque<XMPPMessage> messages;
   };
-  void addMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+  void addMessage(XMPPMessage message, const XMPPJID& roomJID);
 
   mutable std::mutex mutex_;
   std::map<std::string, Room> rooms_;  // guarded by mutex_

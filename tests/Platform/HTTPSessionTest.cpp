@@ -94,6 +94,45 @@ TEST_F(HTTPSessionTest, SendsTheRequestAsWrittenAndReportsTheAnswerOnItsOwnThrea
   EXPECT_FALSE(session->isCurrent());
 }
 
+// A server compresses what a client accepts (cpp-httplib compresses JSON whenever it may), and
+// compressing small answers costs it more than sending them: the session asks for none unless a
+// request does, and decodes a compressed answer whether it asked or not.
+TEST_F(HTTPSessionTest, AsksForNoCompressionAndDecodesWhatComesCompressed) {
+  std::string json = "[";
+  for (int i = 0; i < 200; ++i) {
+    json += R"({"M_I":")" + std::to_string(i) + R"(","M":"Hello, how can I help?"},)";
+  }
+  json.back() = ']';
+  server.setDefaultResponse({200, json, "application/json", {}});
+  const Outcome plain = run(session, HTTPRequest(server.origin() + "/poll"));
+  ASSERT_TRUE(plain.response);
+  EXPECT_FALSE(plain.response->valueForHTTPHeaderField("Content-Encoding"));
+  EXPECT_EQ(plain.data, json);
+
+  HTTPRequest asking(server.origin() + "/poll");
+  asking.setValue("gzip", "Accept-Encoding");
+  const Outcome compressed = run(session, asking);
+  ASSERT_TRUE(compressed.response);
+  EXPECT_EQ(compressed.response->valueForHTTPHeaderField("Content-Encoding"), "gzip");
+  EXPECT_EQ(compressed.data, json);
+
+  // gzip of {"status":1,"note":"sent compressed"}, sent without being asked for.
+  const std::string gzipped(
+      "\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xab\x56\x2a\x2e\x49\x2c\x29\x2d\x56\xb2\x32"
+      "\xd4\x51\xca\xcb\x2f\x49\x55\xb2\x52\x2a\x4e\xcd\x2b\x51\x48\xce\xcf\x2d\x28\x4a\x2d"
+      "\x2e\x4e\x4d\x51\xaa\x05\x00\x7a\x83\x74\xf8\x25\x00\x00\x00",
+      57);
+  server.setDefaultResponse(
+      {200, gzipped, "application/octet-stream", {{"Content-Encoding", "gzip"}}});
+  const Outcome unasked = run(session, HTTPRequest(server.origin() + "/poll"));
+  EXPECT_EQ(unasked.data, R"({"status":1,"note":"sent compressed"})");
+
+  ASSERT_TRUE(server.waitForRequests(3));
+  const auto requests = server.requests();
+  EXPECT_FALSE(requests[0].header("Accept-Encoding")) << *requests[0].header("Accept-Encoding");
+  EXPECT_EQ(requests[1].header("Accept-Encoding"), "gzip");
+}
+
 TEST_F(HTTPSessionTest, AnyMethodIsSentAsWrittenWithOrWithoutABody) {
   test::RawHTTPServer raw(test::rawResponse(200, "ok"));
   HTTPRequest lowerCase(raw.origin() + "/p?q=1");

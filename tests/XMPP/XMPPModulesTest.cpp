@@ -309,6 +309,36 @@ class XMPPRoomTest : public XMPPModulesTest {
   std::shared_ptr<test::RoomEvents> roomEvents = std::make_shared<test::RoomEvents>();
 };
 
+// A long conversation keeps its newest messages, oldest first; a sent message is kept as it was
+// sent, whatever its sender does with it afterwards.
+TEST(XMPPRoomMemoryStorageTest, KeepsTheNewestMessagesAndSentOnesAsSent) {
+  XMPPRoomMemoryStorage memory;
+  const auto roomJID = *XMPPJID::jidWithString("room42@conference.localhost");
+  const auto chatLine = [](const std::string& text) {
+    XMPPMessage message(std::string("groupchat"), std::nullopt);
+    message.addChildElement("body").setStringValue(text);
+    return message;
+  };
+  const std::size_t total = XMPPRoomMemoryStorage::kMaxMessagesPerRoom + 3;
+  for (std::size_t i = 0; i < total; ++i) {
+    memory.handleIncomingMessage(chatLine(std::to_string(i)), roomJID);
+  }
+  auto kept = memory.messages(roomJID);
+  ASSERT_EQ(kept.size(), XMPPRoomMemoryStorage::kMaxMessagesPerRoom);
+  EXPECT_EQ(kept.front().body(), "3");
+  EXPECT_EQ(kept.back().body(), std::to_string(total - 1));
+
+  XMPPMessage sent = chatLine("as sent");
+  memory.handleOutgoingMessage(sent, roomJID);
+  sent.elementForName("body")->setStringValue("changed later");
+  kept = memory.messages(roomJID);
+  EXPECT_EQ(kept.back().body(), "as sent");
+  EXPECT_EQ(kept.front().body(), "4");
+  // What a caller gets is its own: changing it changes nothing kept.
+  kept.back().elementForName("body")->setStringValue("edited copy");
+  EXPECT_EQ(memory.messages(roomJID).back().body(), "as sent");
+}
+
 TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
   EXPECT_TRUE(room->moduleQueue()->isCurrent());  // the main queue, pumped by this thread
   room->joinRoomUsingNickname("Visitor", std::nullopt);
