@@ -37,7 +37,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   void Finalize() override {
     ConsoleReporter::Finalize();
-    std::printf("\n%-28s %-22s %14s %14s %8s\n", "row (medians)", "reference", "ours", "reference",
+    std::printf("\n%-40s %-22s %14s %14s %8s\n", "row (medians)", "reference", "ours", "reference",
                 "ratio");
     for (const auto& [row, figures] : rows_) {
       double ours = 0;
@@ -48,7 +48,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       }
       for (const auto& [who, value] : figures) {
         if (who != "ours" && value > 0) {
-          std::printf("%-28s %-22s %14.0f %14.0f %7.2fx\n", row.c_str(), who.c_str(), ours, value,
+          std::printf("%-40s %-22s %14.0f %14.0f %7.2fx\n", row.c_str(), who.c_str(), ours, value,
                       ours / value);
         }
       }

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -44,14 +45,19 @@ void BM_ResultFromResponseData(benchmark::State& state) {
 BENCHMARK(BM_ResultFromResponseData);
 
 // The visitor registration's parameters, as a GET query with the whole-URL escaping.
+const Json& visitorParameters() {
+  static const Json parameters = {{"V_I", "0"},
+                                  {"V_N", "Zoë Visitor"},
+                                  {"W_I", 17},
+                                  {"S_I", "a1b2c3"},
+                                  {"parD", "2026-11-15 00:05:52 +0000"},
+                                  {"parTZ", "Europe/Berlin"},
+                                  {"L_I", 1}};
+  return parameters;
+}
+
 void BM_UrlBuilderWithEscaping(benchmark::State& state) {
-  const Json parameters = {{"V_I", "0"},
-                           {"V_N", "Zoë Visitor"},
-                           {"W_I", 17},
-                           {"S_I", "a1b2c3"},
-                           {"parD", "2026-11-15 00:05:52 +0000"},
-                           {"parTZ", "Europe/Berlin"},
-                           {"L_I", 1}};
+  const Json& parameters = visitorParameters();
   const std::string base = "https://chat.kqvisitor.example/VisitorServiceXMPPSSL/ChatService.svc/";
   for (auto _ : state) {
     benchmark::DoNotOptimize(kq::stringByAddingPercentEscapes(
@@ -69,17 +75,6 @@ BENCHMARK(BM_UrlBuilderWithEscaping);
 // iteration is kCalls calls, `range(0)` of them in flight at a time.
 
 constexpr int kCalls = 64;
-
-const Json& visitorParameters() {
-  static const Json parameters = {{"V_I", "0"},
-                                  {"V_N", "Zoë Visitor"},
-                                  {"W_I", 17},
-                                  {"S_I", "a1b2c3"},
-                                  {"parD", "2026-11-15 00:05:52 +0000"},
-                                  {"parTZ", "Europe/Berlin"},
-                                  {"L_I", 1}};
-  return parameters;
-}
 
 class LoopbackService {
  public:
@@ -116,7 +111,12 @@ class LoopbackService {
   std::thread listener_;
 };
 
-void JSONCall_ours(benchmark::State& state) {
+// How the next call is made once one has ended: by the completion itself, on the session's
+// thread (as the reference's loop does it), or by another thread that waits to hear of it,
+// which costs two thread switches per call.
+enum class NextCall { FromTheCompletion, FromAWaitingThread };
+
+void runOurJSONCalls(benchmark::State& state, NextCall next) {
   const auto inFlight = static_cast<std::size_t>(state.range(0));
   LoopbackService loopback;
   kq::KQVisitorConfig config;
@@ -128,20 +128,32 @@ void JSONCall_ours(benchmark::State& state) {
   kq::KQVisitorWebService service(dependencies);
 
   std::mutex mutex;
-  std::condition_variable done;
-  std::size_t completed = 0;
-  std::string failure;
+  std::condition_variable changed;
+  std::size_t sent = 0;       // guarded by mutex
+  std::size_t completed = 0;  // guarded by mutex
+  std::size_t target = 0;     // guarded by mutex
+  std::string failure;        // guarded by mutex
+  std::function<void()> call;
+  // Counts a call that ended; true when the caller should make the next one.
   const auto finish = [&](std::string problem) {
+    bool again = false;
     {
       std::scoped_lock lock(mutex);
       ++completed;
       if (!problem.empty()) {
         failure = std::move(problem);
       }
+      if (next == NextCall::FromTheCompletion && sent < target) {
+        ++sent;
+        again = true;
+      }
     }
-    done.notify_one();
+    changed.notify_one();
+    if (again) {
+      call();
+    }
   };
-  const auto call = [&] {
+  call = [&] {
     service.requestDataWithParameters(
         visitorParameters(), "GET", "InVsIn",
         [&](std::nullptr_t, const Json& result) {
@@ -151,10 +163,9 @@ void JSONCall_ours(benchmark::State& state) {
         },
         [&](std::nullptr_t, const kq::KQError& error) { finish(error.description()); });
   };
-  std::size_t sent = 0;
   const auto callMany = [&] {
-    const std::size_t target = sent + kCalls;
     std::unique_lock lock(mutex);
+    target = sent + kCalls;
     while (completed < target) {
       while (sent < target && sent - completed < inFlight) {
         ++sent;
@@ -162,7 +173,10 @@ void JSONCall_ours(benchmark::State& state) {
         call();
         lock.lock();
       }
-      done.wait(lock, [&] { return completed == sent; });
+      changed.wait(lock, [&] {
+        return completed == target || (next == NextCall::FromAWaitingThread && sent < target &&
+                                       sent - completed < inFlight);
+      });
     }
   };
   callMany();  // opens the connections: the server's listen backlog (5) makes some wait 1 s
@@ -176,7 +190,21 @@ void JSONCall_ours(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * kCalls);
 }
+
+void JSONCall_ours(benchmark::State& state) {
+  runOurJSONCalls(state, NextCall::FromTheCompletion);
+}
 BENCHMARK(JSONCall_ours)->Name("JSONCall/ours")->Arg(1)->Arg(8)->ArgName("inFlight")->UseRealTime();
+
+void JSONCallFromAWaitingThread_ours(benchmark::State& state) {
+  runOurJSONCalls(state, NextCall::FromAWaitingThread);
+}
+BENCHMARK(JSONCallFromAWaitingThread_ours)
+    ->Name("JSONCallFromAWaitingThread/ours")
+    ->Arg(1)
+    ->Arg(8)
+    ->ArgName("inFlight")
+    ->UseRealTime();
 
 std::size_t collect(char* data, std::size_t size, std::size_t count, void* user) {
   static_cast<std::string*>(user)->append(data, size * count);
@@ -249,6 +277,13 @@ void JSONCall_libcurl(benchmark::State& state) {
 }
 BENCHMARK(JSONCall_libcurl)
     ->Name("JSONCall/libcurl-multi")
+    ->Arg(1)
+    ->Arg(8)
+    ->ArgName("inFlight")
+    ->UseRealTime();
+// The same reference again, to set beside the waiting thread's figures in the same rounds.
+BENCHMARK(JSONCall_libcurl)
+    ->Name("JSONCallFromAWaitingThread/libcurl-multi")
     ->Arg(1)
     ->Arg(8)
     ->ArgName("inFlight")

@@ -1,11 +1,12 @@
-// The chat packet's costs: reading one from the stream, reading its fields, building and
-// writing one.
+// The chat packet's costs: reading each of its fields, building and writing one. Reading
+// packets from the stream is measured beside its references in ReceivePathBenchmark.cpp.
+
+#include "bench/ChatPackets.h"
 
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
 
 #include <benchmark/benchmark.h>
 
@@ -15,43 +16,11 @@ namespace {
 
 using kq::xmpp::XMPPElement;
 using kq::xmpp::XMPPMessage;
-using kq::xmpp::XMPPParser;
-
-constexpr const char* kHeader =
-    "<?xml version='1.0'?><stream:stream xmlns='jabber:client' "
-    "xmlns:stream='http://etherx.jabber.org/streams' id='b' from='localhost' version='1.0'>";
-
-constexpr const char* kPacket =
-    "<message xml:lang='en' to='visitor@localhost/TellioiPhone' "
-    "from='room1234@conference.localhost/Operator' type='groupchat' user_id='0' "
-    "custom_packet='true' website_id='981' manager_id='42' chat_id='1234' "
-    "visitor_name='Ann &amp; Bob' time_stamp='2026-11-15 00:05:52' id='a1b2c3'>"
-    "<body>Hello, how can I help you today?</body>"
-    "<occupant-id xmlns='urn:xmpp:occupant-id:0' id='x0x0'/></message>";
 
 XMPPMessage packet() {
-  return XMPPMessage(
-      *XMPPElement::elementWithXMLString(std::string(kPacket).insert(9, "xmlns='jabber:client' ")));
+  return XMPPMessage(*XMPPElement::elementWithXMLString(
+      std::string(kq::bench::kChatPacket).insert(9, "xmlns='jabber:client' ")));
 }
-
-void BM_ParseChatPacketFromStream(benchmark::State& state) {
-  std::size_t elements = 0;
-  XMPPParser parser(XMPPParser::Mode::Stream,
-                    {.didReadRoot = nullptr,
-                     .didReadElement = [&elements](const XMPPElement&) { ++elements; },
-                     .didEnd = nullptr,
-                     .didFail = nullptr});
-  parser.parseData(kHeader, std::char_traits<char>::length(kHeader));
-  const std::string input = kPacket;
-  for (auto _ : state) {
-    parser.parseData(input.data(), input.size());
-  }
-  if (elements != static_cast<std::size_t>(state.iterations())) {
-    state.SkipWithError("the parser lost stanzas");
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * input.size()));
-}
-BENCHMARK(BM_ParseChatPacketFromStream);
 
 void BM_ReadChatId(benchmark::State& state) {
   const XMPPMessage message = packet();
