@@ -284,8 +284,8 @@ struct HTTPSession::Impl {
   bool stopping = false;                            // guarded by mutex
   std::condition_variable workArrived;              // wakes the thread while no transfer runs
   bool finished = false;                            // guarded by mutex
-  bool polling =
-      false;  // guarded by mutex: the thread sleeps in curl_multi_poll, not on the condition
+  // Guarded by mutex: the thread sleeps in curl_multi_poll, not on workArrived.
+  bool polling = false;
   OwnedThread thread;
 
   // Owned by the session's thread.

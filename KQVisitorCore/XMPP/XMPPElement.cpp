@@ -224,7 +224,6 @@ xmlDocPtr newDocument() {
   return doc;
 }
 
-// The attribute `name` of `node`: "prefix:local" names are looked up with their namespace.
 // `name` as a tree stores it: names are cleaned like all text put in (see xml()), so a name
 // is looked up cleaned too. Plain ASCII, the rule, is its own clean form.
 std::string_view storedName(std::string_view name, std::string& storage) {
@@ -253,6 +252,7 @@ xmlAttrPtr findProperty(xmlNodePtr node, std::string_view localName, const xmlCh
   return nullptr;
 }
 
+// The attribute `name` of `node`: "prefix:local" names are looked up with their namespace.
 xmlAttrPtr findAttribute(xmlNodePtr node, std::string_view name) {
   std::string storage;
   name = storedName(name, storage);
