@@ -3,14 +3,10 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/JSONLines.h"
 #include "tests/support/ProsodyServer.h"
+#include "tests/support/RecordingHTTPServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <nlohmann/json.hpp>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -28,19 +24,6 @@ std::vector<Json> named(const std::vector<Json>& all, const std::string& name) {
     }
   }
   return found;
-}
-
-// A loopback port on which nothing listens: bound once to learn a free one, then released.
-int portWithNoListener() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  EXPECT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  ::close(fd);
-  return ntohs(address.sin_port);
 }
 
 class KQVisitorChatXMPPCommandTest : public ::testing::Test {
@@ -100,7 +83,7 @@ TEST_F(KQVisitorChatXMPPCommandTest, ChatsInTheRoomFromStandardInputAndLeavesOnc
 }
 
 TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFailTheRun) {
-  writeConfig(portWithNoListener(), "");
+  writeConfig(test::unusedPort(), "");
   const auto result = chat({"--chat-id", "31", "--nick", "Ann", "--json"}, "Hello\n");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
   const auto all = test::jsonLines(result.out);
@@ -112,7 +95,7 @@ TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFai
 }
 
 TEST_F(KQVisitorChatXMPPCommandTest, NeverLoggingInFailsTheRunAndSaysWhatToCheck) {
-  writeConfig(portWithNoListener(), "");
+  writeConfig(test::unusedPort(), "");
   const auto result = chat({"--json"}, "");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
   EXPECT_TRUE(named(test::jsonLines(result.out), "login").empty()) << result.out;
