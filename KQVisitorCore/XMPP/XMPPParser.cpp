@@ -6,6 +6,7 @@
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
+#include <unicode/utf8.h>
 
 #include <algorithm>
 #include <exception>
@@ -25,6 +26,18 @@ std::string text(const xmlChar* value) {
 
 std::string text(const xmlChar* begin, const xmlChar* end) {
   return std::string(reinterpret_cast<const char*>(begin), static_cast<std::size_t>(end - begin));
+}
+
+// Whether `value` is well-formed UTF-8: no overlong forms, no surrogates, nothing past U+10FFFF.
+bool isWellFormedUTF8(const xmlChar* value, int length) {
+  for (int i = 0; i < length;) {
+    UChar32 c = 0;
+    U8_NEXT(value, i, length, c);
+    if (c < 0) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
@@ -60,6 +73,7 @@ struct XMPPParser::Impl {
   static void onEndElement(void* context, const xmlChar* localname, const xmlChar* prefix,
                            const xmlChar* uri);
   static void onCharacters(void* context, const xmlChar* value, int length);
+  static void onCData(void* context, const xmlChar* value, int length);
   static void onInternalSubset(void* context, const xmlChar* name, const xmlChar* externalId,
                                const xmlChar* systemId);
   static void onEntityDecl(void* context, const xmlChar* name, int type, const xmlChar* publicId,
@@ -88,7 +102,7 @@ void XMPPParser::Impl::start() {
   sax.endElementNs = onEndElement;
   sax.characters = onCharacters;
   sax.ignorableWhitespace = onCharacters;
-  sax.cdataBlock = onCharacters;
+  sax.cdataBlock = onCData;
   sax.internalSubset = onInternalSubset;
   sax.externalSubset = onInternalSubset;
   sax.entityDecl = onEntityDecl;
@@ -275,6 +289,20 @@ void XMPPParser::Impl::onEndElement(void* context, const xmlChar* /*localname*/,
 void XMPPParser::Impl::onCharacters(void* context, const xmlChar* value, int length) {
   auto* impl = static_cast<Impl*>(context);
   if (impl->failed || impl->stopped) {
+    return;
+  }
+  impl->addText(value, length);
+}
+
+// libxml2's push parser lets overlong UTF-8 forms through in CDATA sections, which would then be
+// written out as text no XML reader accepts: such a section is refused as other bad UTF-8 is.
+void XMPPParser::Impl::onCData(void* context, const xmlChar* value, int length) {
+  auto* impl = static_cast<Impl*>(context);
+  if (impl->failed || impl->stopped) {
+    return;
+  }
+  if (!isWellFormedUTF8(value, length)) {
+    impl->fail(kErrorMalformed, "Input is not proper UTF-8 in a CDATA section");
     return;
   }
   impl->addText(value, length);

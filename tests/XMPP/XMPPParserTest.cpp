@@ -34,7 +34,7 @@ TEST(XMPPParserTest, StanzasFedByteByByteComeOutWhole) {
       "<stream:features><mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>"
       "<mechanism>ANONYMOUS</mechanism></mechanisms></stream:features>  "
       "<message from='room@conference.localhost/op' user_id='7 &amp; 8'><body>caf\xC3\xA9 "
-      "&lt;3</body></message>\n</stream:stream>";
+      "&lt;3<![CDATA[ \xF0\x9F\x98\x80<]]></body></message>\n</stream:stream>";
   Collected collected;
   XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
   for (const char c : input) {
@@ -51,7 +51,8 @@ TEST(XMPPParserTest, StanzasFedByteByByteComeOutWhole) {
             "</mechanisms></stream:features>");
   EXPECT_EQ(collected.elements[1],
             "<message xmlns=\"jabber:client\" from=\"room@conference.localhost/op\" "
-            "user_id=\"7 &amp; 8\"><body>caf\xC3\xA9 &lt;3</body></message>");
+            "user_id=\"7 &amp; 8\"><body>caf\xC3\xA9 &lt;3 \xF0\x9F\x98\x80&lt;</body>"
+            "</message>");
   EXPECT_TRUE(collected.ended);
 }
 
@@ -67,6 +68,15 @@ TEST(XMPPParserTest, BadStreamsFailOnceAndReportNothingAfterwards) {
        XMPPParser::kErrorDeclarationRefused},
       {std::string(kHeader) + "<message>&lol;</message>", XMPPParser::kErrorMalformed},
       {"<html><body/></html>", XMPPParser::kErrorNotAStream},
+      // Overlong and surrogate forms of UTF-8, which libxml2 alone lets through in CDATA.
+      {std::string(kHeader) + "<message><body><![CDATA[<\xC1\xA9>]]></body></message>",
+       XMPPParser::kErrorMalformed},
+      {std::string(kHeader) + "<message><body><![CDATA[\xE0\x81\xA9]]></body></message>",
+       XMPPParser::kErrorMalformed},
+      {std::string(kHeader) + "<message><body><![CDATA[\xF0\x80\x81\xA9]]></body></message>",
+       XMPPParser::kErrorMalformed},
+      {std::string(kHeader) + "<message><body><![CDATA[\xED\xA0\x80]]></body></message>",
+       XMPPParser::kErrorMalformed},
   };
   for (const auto& testCase : cases) {
     Collected collected;
