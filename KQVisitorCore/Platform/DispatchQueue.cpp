@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <deque>
 #include <future>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -24,6 +25,8 @@ struct DispatchQueue::Impl {
 
   // Moves every timed task whose deadline has passed to the end of `ready`, earliest first.
   void promoteDue(TimePoint now);
+  // Adds `task` to the ready tasks and wakes the queue's thread.
+  void submit(Task task);
   // Runs the tasks ready at the start of the pass; returns how many ran. Expects `lock` held.
   std::size_t runPass(std::unique_lock<std::mutex>& lock);
   void threadMain();
@@ -59,6 +62,16 @@ class CurrentQueueScope {
   const DispatchQueue::Impl* previous_;
 };
 
+// The tasks a thread's open batch holds back, per queue in the order the queues were first
+// given one.
+struct HeldTasks {
+  int depth = 0;
+  std::vector<std::pair<std::shared_ptr<DispatchQueue::Impl>, std::vector<DispatchQueue::Task>>>
+      queues;
+};
+
+thread_local HeldTasks heldTasks;
+
 std::mutex& registryMutex() {
   static auto* mutex = new std::mutex;  // never destroyed: queues may outlive static teardown
   return *mutex;
@@ -80,6 +93,17 @@ DispatchQueue::Impl::~Impl() {
   std::scoped_lock lock(registryMutex());
   auto& queues = registry();
   queues.erase(std::remove(queues.begin(), queues.end(), this), queues.end());
+}
+
+void DispatchQueue::Impl::submit(Task task) {
+  {
+    std::scoped_lock lock(mutex);
+    if (stopping) {
+      return;
+    }
+    ready.push_back(std::move(task));
+  }
+  wake.notify_one();
 }
 
 void DispatchQueue::Impl::promoteDue(TimePoint now) {
@@ -160,14 +184,43 @@ const std::string& DispatchQueue::label() const {
 }
 
 void DispatchQueue::async(Task task) {
-  {
-    std::scoped_lock lock(impl_->mutex);
-    if (impl_->stopping) {
-      return;
+  if (heldTasks.depth > 0) {
+    auto& queues = heldTasks.queues;
+    auto held = std::find_if(queues.begin(), queues.end(),
+                             [this](const auto& entry) { return entry.first == impl_; });
+    if (held == queues.end()) {
+      held = queues.emplace(queues.end(), impl_, std::vector<Task>());
     }
-    impl_->ready.push_back(std::move(task));
+    held->second.push_back(std::move(task));
+    return;
   }
-  impl_->wake.notify_one();
+  impl_->submit(std::move(task));
+}
+
+DispatchQueue::Batch::Batch() {
+  ++heldTasks.depth;
+}
+
+DispatchQueue::Batch::~Batch() {
+  if (--heldTasks.depth == 0) {
+    flush();
+  }
+}
+
+void DispatchQueue::Batch::flush() {
+  // Taken out first: a queue that is going away drops its tasks, whose destruction may submit.
+  auto queues = std::move(heldTasks.queues);
+  heldTasks.queues.clear();
+  for (auto& [impl, tasks] : queues) {
+    {
+      std::scoped_lock lock(impl->mutex);
+      if (impl->stopping) {
+        continue;
+      }
+      std::move(tasks.begin(), tasks.end(), std::back_inserter(impl->ready));
+    }
+    impl->wake.notify_one();
+  }
 }
 
 void DispatchQueue::asyncAfter(Duration delay, Task task) {
@@ -175,6 +228,7 @@ void DispatchQueue::asyncAfter(Duration delay, Task task) {
 }
 
 DispatchQueue::TaskId DispatchQueue::scheduleAt(TimePoint deadline, Task task) {
+  Batch::flush();
   TaskId id = 0;
   {
     std::scoped_lock lock(impl_->mutex);
@@ -197,9 +251,10 @@ void DispatchQueue::sync(const Task& task) {
     task();
     return;
   }
+  Batch::flush();
   std::promise<void> done;
   auto finished = done.get_future();
-  async([&task, &done] {
+  impl_->submit([&task, &done] {
     try {
       task();
       done.set_value();

@@ -72,6 +72,24 @@ class KQ_EXPORT DispatchQueue final : public TimerQueue {
   /// Wakes every queue to re-read the clock; clocks call it when their time changes.
   static void wakeAll();
 
+  /// While a Batch lives, what its thread submits with async() is held back; when it ends,
+  /// each queue receives its held tasks at once, in the order they were given, and its thread
+  /// is woken once for all of them. A thread that hands out many tasks in one go (the XMPP
+  /// stream delivering the stanzas of one read to several delegates) then wakes a waiting
+  /// queue once instead of once per task. Any other submission from the batch's thread
+  /// (asyncAfter, scheduleAt, sync) first submits what is held, so that the thread's tasks keep
+  /// their order on every queue. Batches nest: the outermost one submits.
+  class KQ_EXPORT Batch {
+   public:
+    Batch();
+    ~Batch();
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+
+    /// Submits what the calling thread's batch holds now.
+    static void flush();
+  };
+
   /// The queue's state, private to DispatchQueue.cpp.
   struct Impl;
 

@@ -5,12 +5,19 @@
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
+#include <deque>
 #include <mutex>
 #include <optional>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -25,12 +32,25 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   void runDue();
   // Asks the queue's thread to rearm (from any thread).
   void postRearm();
+  // Adds `task` to the tasks waiting to run, and has the queue's thread run them if it was not
+  // asked to already (from any thread).
+  void submit(Task task);
+  // Runs the tasks waiting now, in order. On the queue's thread.
+  void runSubmitted();
+  // Waits for the wake-up descriptor to be written, then runs what was submitted. On the
+  // queue's thread.
+  void awaitWakeUp();
 
   const std::string label;
   // A queue of its own.
   std::unique_ptr<asio::io_context> context;
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
   std::optional<asio::steady_timer> wakeUp;  // on the queue's thread
+  // Other threads wake the queue's thread through this descriptor, written after their task is
+  // queued and outside every lock: posting to the event loop from another thread interrupts it
+  // while holding the loop's own lock, and the woken thread would go straight back to sleep on
+  // that lock (two wake-ups per task instead of one).
+  std::optional<asio::posix::stream_descriptor> wakeUpDescriptor;
   OwnedThread thread;
   std::atomic<std::thread::id> threadId{};
   std::uint64_t timeObserver = 0;
@@ -38,16 +58,74 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   std::shared_ptr<DispatchQueue> target;
 
   std::mutex mutex;
-  TimedTasks timed;      // guarded by mutex
-  bool stopped = false;  // guarded by mutex
+  TimedTasks timed;            // guarded by mutex
+  std::deque<Task> submitted;  // guarded by mutex
+  bool runScheduled = false;   // guarded by mutex: runSubmitted() will run
+  bool stopped = false;        // guarded by mutex
 };
 
 void XMPPQueue::Impl::postRearm() {
-  asio::post(*context, [weak = weak_from_this()] {
+  submit([weak = weak_from_this()] {
     if (const auto impl = weak.lock()) {
       impl->rearm();
     }
   });
+}
+
+void XMPPQueue::Impl::submit(Task task) {
+  {
+    std::scoped_lock lock(mutex);
+    if (stopped) {
+      return;
+    }
+    submitted.push_back(std::move(task));
+    if (runScheduled) {
+      return;
+    }
+    runScheduled = true;
+  }
+  if (threadId.load() == std::this_thread::get_id()) {
+    asio::post(*context, [weak = weak_from_this()] {
+      if (const auto impl = weak.lock()) {
+        impl->runSubmitted();
+      }
+    });
+  } else {
+    eventfd_write(wakeUpDescriptor->native_handle(), 1);
+  }
+}
+
+void XMPPQueue::Impl::runSubmitted() {
+  std::deque<Task> tasks;
+  {
+    std::scoped_lock lock(mutex);
+    tasks.swap(submitted);
+    runScheduled = false;
+  }
+  for (auto& task : tasks) {
+    {
+      std::scoped_lock lock(mutex);
+      if (stopped) {
+        return;  // a task released the queue: what is left is dropped, as it is on a stop
+      }
+    }
+    task();
+    task = nullptr;  // what it captured goes now, as it would after a task of its own
+  }
+}
+
+void XMPPQueue::Impl::awaitWakeUp() {
+  wakeUpDescriptor->async_wait(asio::posix::stream_descriptor::wait_read,
+                               [weak = weak_from_this()](const asio::error_code& error) {
+                                 const auto impl = weak.lock();
+                                 if (error || !impl) {
+                                   return;
+                                 }
+                                 eventfd_t count = 0;
+                                 eventfd_read(impl->wakeUpDescriptor->native_handle(), &count);
+                                 impl->awaitWakeUp();
+                                 impl->runSubmitted();
+                               });
 }
 
 void XMPPQueue::Impl::rearm() {
@@ -102,16 +180,18 @@ XMPPQueue::~XMPPQueue() {
   }
   Clock::removeTimeObserver(impl_->timeObserver);
   TimedTasks dropped;
+  std::deque<Task> droppedSubmitted;
   {
     std::scoped_lock lock(impl_->mutex);
     impl_->stopped = true;
     dropped = impl_->timed.takeAll();
+    droppedSubmitted.swap(impl_->submitted);
   }
   impl_->work.reset();
   impl_->context->stop();
   // On the queue's own thread, the thread keeps Impl alive through its own reference.
   impl_->thread.release();
-  // `dropped` is destroyed here, outside the lock.
+  // `dropped` and `droppedSubmitted` are destroyed here, outside the lock.
 }
 
 std::shared_ptr<XMPPQueue> XMPPQueue::create(std::string label) {
@@ -119,6 +199,12 @@ std::shared_ptr<XMPPQueue> XMPPQueue::create(std::string label) {
   impl->context = std::make_unique<asio::io_context>(1);
   impl->work.emplace(asio::make_work_guard(*impl->context));
   impl->wakeUp.emplace(*impl->context);
+  const int descriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (descriptor < 0) {
+    throw std::system_error(errno, std::generic_category(), "XMPPQueue: eventfd");
+  }
+  impl->wakeUpDescriptor.emplace(*impl->context, descriptor);
+  impl->awaitWakeUp();
   impl->timeObserver = Clock::addTimeObserver([weak = std::weak_ptr<Impl>(impl)] {
     if (const auto alive = weak.lock()) {
       alive->postRearm();
@@ -145,7 +231,7 @@ void XMPPQueue::async(Task task) {
   if (impl_->target) {
     impl_->target->async(std::move(task));
   } else {
-    asio::post(*impl_->context, std::move(task));
+    impl_->submit(std::move(task));
   }
 }
 

@@ -11,6 +11,8 @@
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <uuid/uuid.h>
@@ -215,6 +217,7 @@ struct XMPPStream::Impl {
   void onRead(const std::shared_ptr<Connection>& current, std::size_t length);
   void write(std::string text);
   void writeNext();
+  static void ackQuicklyWhileNegotiating(Connection& current);
   void sendNow(XMPPElement element);
 
   // Negotiation.
@@ -472,11 +475,32 @@ void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
   }
 }
 
+// Until the resource is bound, every packet from the server is acknowledged at once. The server's
+// replies are small writes that its Nagle algorithm holds back until the previous one is
+// acknowledged; a delayed acknowledgement from us (up to 40 ms, typically after the TLS 1.3
+// session tickets) would stall the login each time. Quick-ack mode lasts until the next data we
+// send, so it is asked for again after each read and each write; setting it also sends an
+// acknowledgement that is being held.
+void XMPPStream::Impl::ackQuicklyWhileNegotiating(Connection& current) {
+#ifdef TCP_QUICKACK
+  if (current.phase != Phase::Authenticated && current.socket.is_open()) {
+    const int on = 1;
+    setsockopt(current.socket.native_handle(), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+  }
+#endif
+}
+
 void XMPPStream::Impl::onRead(const std::shared_ptr<Connection>& current, std::size_t length) {
+  ackQuicklyWhileNegotiating(*current);
   if (current->keepAliveTimer) {
     current->lastReceived = Clock::shared()->now();
   }
-  current->parser->parseData(current->readBuffer.data(), length);
+  {
+    // What one read brings (often several stanzas, each for several delegates) reaches each
+    // delegate queue in one go, before the next read is started.
+    const DispatchQueue::Batch batch;
+    current->parser->parseData(current->readBuffer.data(), length);
+  }
   if (connection != current) {
     return;  // closed while parsing
   }
@@ -525,6 +549,7 @@ void XMPPStream::Impl::writeNext() {
       impl.close(std::nullopt);
       return;
     }
+    ackQuicklyWhileNegotiating(*current);
     impl.writeNext();
   };
   const std::string& front = current->writeQueue.front();

@@ -57,6 +57,12 @@ inline constexpr std::chrono::duration<double> XMPPStreamTimeoutNone{-1.0};
 /// Each connection starts from a clean state: nothing of an earlier connection (its parser, its
 /// write queue, its IQs waiting for an answer) reaches a later one.
 ///
+/// Until the resource is bound, the socket acknowledges each packet from the server at once
+/// (TCP_QUICKACK on Linux): a server whose small writes wait for our acknowledgement (Nagle)
+/// would otherwise stall the login by the delayed-acknowledgement time, about 40 ms, after the
+/// TLS handshake. What one read from the socket brings is handed to each delegate queue in one
+/// go (DispatchQueue::Batch), so a queue waiting for events is woken once per read.
+///
 /// The stream stays alive while a connection is open (its I/O holds it); disconnect() and the
 /// did-disconnect event let it go. When its last reference goes away on the stream's own
 /// thread, the stream is destroyed there and its thread is joined when the process exits.

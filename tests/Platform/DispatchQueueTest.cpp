@@ -161,6 +161,50 @@ TEST(DispatchQueueTest, SyncRunsOnTheQueueAndInlineOnItsOwnThread) {
   EXPECT_TRUE(nestedRan);
 }
 
+TEST(DispatchQueueTest, ABatchHoldsTasksBackAndSubmitsThemInOrderWhenItEnds) {
+  auto serial = DispatchQueue::create("kq.test.batch");
+  std::vector<std::string> mainOrder;
+  std::vector<std::string> serialOrder;  // written on `serial` only, read after a sync with it
+  {
+    const DispatchQueue::Batch batch;
+    DispatchQueue::main()->async([&] { mainOrder.push_back("m1"); });
+    serial->async([&] { serialOrder.push_back("s1"); });
+    {
+      const DispatchQueue::Batch nested;
+      DispatchQueue::main()->async([&] { mainOrder.push_back("m2"); });
+    }
+    // Held, even by the nested batch's end: nothing has reached the main queue yet.
+    test::drainMainQueue();
+    EXPECT_TRUE(mainOrder.empty());
+
+    // A delayed task submits what is held first, so that it cannot overtake it.
+    DispatchQueue::main()->asyncAfter(DispatchQueue::Duration::zero(),
+                                      [&] { mainOrder.push_back("m3"); });
+    test::drainMainQueue();
+    EXPECT_EQ(mainOrder, (std::vector<std::string>{"m1", "m2", "m3"}));
+
+    // So does sync(), which would otherwise wait for a task that is held back forever.
+    serial->async([&] { serialOrder.push_back("s2"); });
+    serial->sync([&] { serialOrder.push_back("sync"); });
+    EXPECT_EQ(serialOrder, (std::vector<std::string>{"s1", "s2", "sync"}));
+
+    DispatchQueue::main()->async([&] { mainOrder.push_back("m4"); });
+    test::drainMainQueue();
+    EXPECT_EQ(mainOrder.size(), 3U);
+  }
+  test::drainMainQueue();
+  EXPECT_EQ(mainOrder, (std::vector<std::string>{"m1", "m2", "m3", "m4"}));
+}
+
+TEST(DispatchQueueTest, ABatchIsTheCallingThreadsOwn) {
+  // Another thread's submissions are not held by this thread's batch.
+  const DispatchQueue::Batch batch;
+  bool ran = false;
+  std::thread([&] { DispatchQueue::main()->async([&] { ran = true; }); }).join();
+  test::drainMainQueue();
+  EXPECT_TRUE(ran);
+}
+
 TEST(DispatchQueueTest, DestroyingAQueueDropsPendingTasksAndReleasesWhatTheyHold) {
   // The running task holds the last reference to its queue and drops it: the queue is destroyed
   // on its own thread while further tasks wait behind that task.

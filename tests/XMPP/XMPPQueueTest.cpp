@@ -7,14 +7,96 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+#include <future>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace kq::xmpp {
 namespace {
 
 using namespace std::chrono_literals;
+
+TEST(XMPPQueueTest, TasksFromEveryThreadRunInTheOrderEachThreadGaveThem) {
+  auto queue = XMPPQueue::create("kq.test.xmpp.order");
+  constexpr int kPerThread = 2000;
+  std::mutex mutex;
+  std::vector<std::vector<int>> seen(3);
+  bool allOnQueue = true;
+  auto record = [&](int thread, int index) {
+    std::scoped_lock lock(mutex);
+    seen[static_cast<std::size_t>(thread)].push_back(index);
+    allOnQueue = allOnQueue && queue->isCurrent();
+  };
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 2; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kPerThread; ++i) {
+        queue->async([&, thread, i] { record(thread, i); });
+      }
+    });
+  }
+  // The queue's own thread submits too, from inside its tasks: each runs after the ones queued
+  // before it.
+  std::promise<void> chainDone;
+  std::function<void(int)> chain = [&](int i) {
+    record(2, i);
+    if (i + 1 < kPerThread) {
+      queue->async([&, i] { chain(i + 1); });
+    } else {
+      chainDone.set_value();
+    }
+  };
+  queue->async([&] { chain(0); });
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  // One queue for everybody: a task given after the threads ended runs after all of theirs.
+  std::promise<void> threadsDone;
+  queue->async([&] { threadsDone.set_value(); });
+  ASSERT_EQ(threadsDone.get_future().wait_for(test::kPatience), std::future_status::ready);
+  ASSERT_EQ(chainDone.get_future().wait_for(test::kPatience), std::future_status::ready);
+  std::scoped_lock lock(mutex);
+  for (const auto& indices : seen) {
+    ASSERT_EQ(indices.size(), static_cast<std::size_t>(kPerThread));
+    EXPECT_TRUE(std::is_sorted(indices.begin(), indices.end()));
+  }
+  EXPECT_TRUE(allOnQueue);
+}
+
+TEST(XMPPQueueTest, ATaskThatReleasesTheQueueDropsTheTasksBehindIt) {
+  // Tells when what a task captured is released.
+  struct Capture {
+    explicit Capture(std::promise<void>& onRelease) : released(&onRelease) {}
+    Capture(Capture&& other) noexcept : released(std::exchange(other.released, nullptr)) {}
+    Capture(const Capture& other) = delete;
+    Capture& operator=(const Capture&) = delete;
+    Capture& operator=(Capture&&) = delete;
+    ~Capture() {
+      if (released != nullptr) {
+        released->set_value();
+      }
+    }
+    std::promise<void>* released;
+  };
+  auto queue = XMPPQueue::create("kq.test.xmpp.release");
+  XMPPQueue* raw = queue.get();
+  std::promise<void> go;
+  std::promise<void> released;
+  auto capture = std::make_shared<Capture>(released);
+  raw->async([queue = std::move(queue), goFuture = go.get_future().share()]() mutable {
+    goFuture.wait();
+    queue.reset();
+  });
+  raw->async([capture] { ADD_FAILURE() << "a task behind the release ran"; });
+  capture.reset();
+  go.set_value();
+  EXPECT_EQ(released.get_future().wait_for(test::kPatience), std::future_status::ready)
+      << "the dropped task's captures are released";
+}
 
 TEST(XMPPQueueTest, TimersTickOnTheQueuesOwnThreadInDeadlineOrder) {
   test::ManualClockScope clock;
