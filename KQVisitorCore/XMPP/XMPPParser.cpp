@@ -196,6 +196,9 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
              namespaces[2 * static_cast<std::ptrdiff_t>(i)]);
   }
   xmlSetNs(node, namespaceFor(node, prefix, uri));
+  // Attributes are made unattached and linked here, in document order: attaching each through
+  // libxml2 walks the whole property list every time.
+  xmlAttrPtr lastProperty = nullptr;
   for (int i = 0; i < attributeCount && !failed; ++i) {
     const xmlChar** attribute = attributes + 5 * static_cast<std::ptrdiff_t>(i);
     const int length = static_cast<int>(attribute[4] - attribute[3]);
@@ -205,17 +208,27 @@ void XMPPParser::Impl::startElement(const xmlChar* localname, const xmlChar* pre
     if (ns == nullptr && attribute[1] != nullptr) {
       // An undeclared prefix: keep the attribute under its qualified name.
       const std::string qualified = text(attribute[1]) + ":" + text(attribute[0]);
-      property = xmlNewProp(node, asXML(qualified.c_str()), nullptr);
+      property = xmlNewNsProp(nullptr, nullptr, asXML(qualified.c_str()), nullptr);
     } else {
-      property = xmlNewNsProp(node, ns, attribute[0], nullptr);
+      property = xmlNewNsProp(nullptr, ns, attribute[0], nullptr);
     }
     // The value goes straight from the parser's buffer into the attribute's text node.
     xmlNodePtr value = xmlNewDocTextLen(doc, attribute[3], length);
     if (property == nullptr || value == nullptr) {
+      xmlFreeProp(property);
       xmlFreeNode(value);
       fail(kErrorMalformed, "out of memory");
       return;
     }
+    property->parent = node;
+    property->doc = doc;
+    if (lastProperty == nullptr) {
+      node->properties = property;
+    } else {
+      lastProperty->next = property;
+      property->prev = lastProperty;
+    }
+    lastProperty = property;
     value->parent = reinterpret_cast<xmlNodePtr>(property);
     property->children = value;
     property->last = value;
