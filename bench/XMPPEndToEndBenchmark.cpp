@@ -18,12 +18,12 @@
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 
+#include "tests/support/MainQueue.h"
 #include "tests/support/ProsodyServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -46,10 +46,6 @@ constexpr double kStallSeconds = 0.030;
 
 // Started by main() before the benchmarks run, stopped after them.
 std::unique_ptr<ProsodyServer> prosody;
-
-ProsodyServer& server() {
-  return *prosody;
-}
 
 // What the whole process (every thread) has used so far.
 struct ProcessUsage {
@@ -78,13 +74,27 @@ void countPerTrip(benchmark::State& state, const ProcessUsage& before) {
 
 // Pumps the main queue until `done` answers true; throws after 10 s.
 void pumpUntil(const std::function<bool()>& done) {
-  const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (Clock::now() > deadline) {
-      throw std::runtime_error("the server did not answer within 10 s");
-    }
-    DispatchQueue::main()->pump(std::chrono::milliseconds(100));
+  if (!kq::test::runMainQueueUntil(done, std::chrono::seconds(10))) {
+    throw std::runtime_error("the server did not answer within 10 s");
   }
+}
+
+// Times `login` once per iteration (after one warm-up login), with `logout` between them out of
+// the timing; counts the stalled logins.
+template <class Login, class Logout>
+void timeLogins(benchmark::State& state, Login login, Logout logout) {
+  login();
+  logout();
+  int stalls = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    login();
+    const std::chrono::duration<double> took = Clock::now() - start;
+    state.SetIterationTime(took.count());
+    stalls += took.count() > kStallSeconds ? 1 : 0;
+    logout();
+  }
+  state.counters["stalls"] = stalls;
 }
 
 // --- Ours -----------------------------------------------------------------------------------
@@ -159,18 +169,8 @@ struct OurVisitor {
 
 void Login_ours(benchmark::State& state) {
   OurVisitor visitor;
-  visitor.login();  // warm
-  visitor.logout();
-  int stalls = 0;
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    visitor.login();
-    const std::chrono::duration<double> took = Clock::now() - start;
-    state.SetIterationTime(took.count());
-    stalls += took.count() > kStallSeconds ? 1 : 0;
-    visitor.logout();
-  }
-  state.counters["stalls"] = stalls;
+  timeLogins(
+      state, [&] { visitor.login(); }, [&] { visitor.logout(); });
 }
 BENCHMARK(Login_ours)->Name("Login/ours")->UseManualTime()->Unit(benchmark::kMillisecond);
 
@@ -336,7 +336,7 @@ SSL_CTX* rawContext() {
   static SSL_CTX* const context = [] {
     SSL_CTX* made = SSL_CTX_new(TLS_client_method());
     SSL_CTX_set_verify(made, SSL_VERIFY_PEER, nullptr);
-    SSL_CTX_load_verify_locations(made, server().caFile().c_str(), nullptr);
+    SSL_CTX_load_verify_locations(made, prosody->caFile().c_str(), nullptr);
     SSL_CTX_set_session_cache_mode(made, SSL_SESS_CACHE_OFF);
     return made;
   }();
@@ -345,18 +345,8 @@ SSL_CTX* rawContext() {
 
 void runRawLogins(benchmark::State& state, bool quickAck) {
   RawClient client(rawContext(), quickAck);
-  client.login(server().port());  // warm
-  client.close();
-  int stalls = 0;
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    client.login(server().port());
-    const std::chrono::duration<double> took = Clock::now() - start;
-    state.SetIterationTime(took.count());
-    stalls += took.count() > kStallSeconds ? 1 : 0;
-    client.close();
-  }
-  state.counters["stalls"] = stalls;
+  timeLogins(
+      state, [&] { client.login(prosody->port()); }, [&] { client.close(); });
 }
 
 void Login_openssl(benchmark::State& state) {
@@ -364,7 +354,7 @@ void Login_openssl(benchmark::State& state) {
 }
 BENCHMARK(Login_openssl)->Name("Login/openssl")->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// The same with TCP_QUICKACK set before the handshake and after each read.
+// The same with TCP_QUICKACK set before the handshake and after each read and write.
 void Login_opensslQuickAck(benchmark::State& state) {
   runRawLogins(state, true);
 }
@@ -375,7 +365,7 @@ BENCHMARK(Login_opensslQuickAck)
 
 void RoundTrip_openssl(benchmark::State& state) {
   RawClient client(rawContext(), false);
-  client.login(server().port());
+  client.login(prosody->port());
   client.joinRoom("raw@conference.localhost");
   int trip = 0;
   const ProcessUsage usage = ProcessUsage::now();

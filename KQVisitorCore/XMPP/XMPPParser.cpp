@@ -310,15 +310,12 @@ void XMPPParser::Impl::onCharacters(void* context, const xmlChar* value, int len
 // libxml2's push parser lets overlong UTF-8 forms through in CDATA sections, which would then be
 // written out as text no XML reader accepts: such a section is refused as other bad UTF-8 is.
 void XMPPParser::Impl::onCData(void* context, const xmlChar* value, int length) {
-  auto* impl = static_cast<Impl*>(context);
-  if (impl->failed || impl->stopped) {
-    return;
-  }
   if (!isWellFormedUTF8(value, length)) {
-    impl->fail(kErrorMalformed, "Input is not proper UTF-8 in a CDATA section");
+    static_cast<Impl*>(context)->fail(kErrorMalformed,
+                                      "Input is not proper UTF-8 in a CDATA section");
     return;
   }
-  impl->addText(value, length);
+  onCharacters(context, value, length);
 }
 
 void XMPPParser::Impl::onInternalSubset(void* context, const xmlChar* /*name*/,
