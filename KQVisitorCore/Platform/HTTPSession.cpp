@@ -7,6 +7,7 @@
 #include <KQVisitorCore/Platform/Reachability.h>
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -59,6 +60,9 @@ void initializeCurlOnce() {
   // since completions may still run while the process exits.
   static std::once_flag once;
   std::call_once(once, [] {
+    // OpenSSL, set up here on libcurl's behalf, would otherwise free its state from an exit
+    // handler while a transfer may still run on the session's thread.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     if (const CURLcode code = curl_global_init(CURL_GLOBAL_DEFAULT); code != CURLE_OK) {
       log("HTTPSession: libcurl could not be initialised: ", curl_easy_strerror(code));
     }

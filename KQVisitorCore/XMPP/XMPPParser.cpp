@@ -6,9 +6,11 @@
 #include <libxml/parserInternals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
+#include <libxml/xmlmemory.h>
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 
@@ -343,9 +345,39 @@ void XMPPParser::Impl::onStructuredError(void* context, xmlErrorPtr error) {
   static_cast<Impl*>(context)->fail(kErrorMalformed, message);
 }
 
+namespace {
+
+// Pass-through allocation functions for libxml2; see XMPPParser::initialize().
+void* allocateForXML(std::size_t size) {
+  return std::malloc(size);
+}
+void* reallocateForXML(void* memory, std::size_t size) {
+  return std::realloc(memory, size);
+}
+void freeForXML(void* memory) {
+  std::free(memory);
+}
+
+}  // namespace
+
 void XMPPParser::initialize() {
   static std::once_flag once;
-  std::call_once(once, [] { xmlInitParser(); });
+  std::call_once(once, [] {
+    // libxml2 frees its process-wide state (the dictionaries' lock among it) from a library
+    // destructor as the process exits, while a stream's thread may still be freeing a parser
+    // (a connection closing as the host returns from main). It leaves that state alone when the
+    // process has installed its own allocation functions, so unless the host already has, we
+    // install pass-through ones and leave the memory to the process's exit.
+    xmlFreeFunc freeFunction = nullptr;
+    xmlMallocFunc mallocFunction = nullptr;
+    xmlReallocFunc reallocFunction = nullptr;
+    xmlStrdupFunc strdupFunction = nullptr;
+    if (xmlMemGet(&freeFunction, &mallocFunction, &reallocFunction, &strdupFunction) == 0 &&
+        freeFunction == &std::free) {
+      xmlMemSetup(freeForXML, allocateForXML, reallocateForXML, strdupFunction);
+    }
+    xmlInitParser();
+  });
 }
 
 XMPPParser::XMPPParser(Mode mode, Callbacks callbacks)

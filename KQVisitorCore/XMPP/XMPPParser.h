@@ -70,7 +70,9 @@ class KQ_EXPORT XMPPParser {
   [[nodiscard]] bool hasFailed() const;
 
   /// Prepares libxml2 for use from several threads; runs once, later calls do nothing. Every
-  /// parser and element calls it; a host need not.
+  /// parser and element calls it; a host need not. Unless the host has installed its own
+  /// allocation functions in libxml2, it installs pass-through ones, which keeps libxml2 from
+  /// freeing its process-wide state as the process exits while a stream may still use it.
   static void initialize();
 
   /// The parser's state; private to XMPPParser.cpp.

@@ -1000,9 +1000,10 @@ XMPPStream::~XMPPStream() = default;
 std::shared_ptr<XMPPStream> XMPPStream::create() {
   // OpenSSL sets itself up on first use, keeping some state on the thread that triggers it;
   // doing it here puts that on the creating thread (normally the main thread) rather than on a
-  // stream's thread.
+  // stream's thread. Without an exit handler: a stream's thread may still close its TLS session
+  // while the process exits.
   static std::once_flag once;
-  std::call_once(once, [] { OPENSSL_init_ssl(0, nullptr); });
+  std::call_once(once, [] { OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr); });
   XMPPParser::initialize();
   return std::shared_ptr<XMPPStream>(new XMPPStream);
 }
