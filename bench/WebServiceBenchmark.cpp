@@ -134,10 +134,11 @@ void runOurJSONCalls(benchmark::State& state, NextCall next) {
   std::size_t target = 0;     // guarded by mutex
   std::string failure;        // guarded by mutex
   std::function<void()> call;
-  // Counts a call that ended; true when the caller should make the next one.
+  // Counts a call that ended, and makes the next one when the completion is to. The waiting
+  // thread hears only when it has something to do: waking it for every call would charge ours
+  // a thread switch the reference's loop does not make.
   const auto finish = [&](std::string problem) {
     bool again = false;
-    bool wake = true;
     {
       std::scoped_lock lock(mutex);
       ++completed;
@@ -147,16 +148,12 @@ void runOurJSONCalls(benchmark::State& state, NextCall next) {
       if (next == NextCall::FromTheCompletion && sent < target) {
         ++sent;
         again = true;
-        // The waiting thread only needs to hear of the last call: waking it for every call
-        // would charge ours a thread switch the reference's loop does not make.
-        wake = false;
       }
-    }
-    if (wake) {
-      changed.notify_one();
     }
     if (again) {
       call();
+    } else {
+      changed.notify_one();
     }
   };
   call = [&] {
