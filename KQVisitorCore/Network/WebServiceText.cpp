@@ -4,24 +4,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace kq::detail {
 namespace {
-
-// `text` with every occurrence of the two-character `from` replaced by its second character,
-// scanning left to right without overlaps.
-std::string droppingFirstOfPair(std::string_view text, char first, char second) {
-  std::string result;
-  result.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == first && i + 1 < text.size() && text[i + 1] == second) {
-      result.push_back(second);
-      ++i;
-    } else {
-      result.push_back(text[i]);
-    }
-  }
-  return result;
-}
 
 // Length of the valid UTF-8 sequence at the start of `text`, 0 when it is not one.
 std::size_t validSequenceLength(std::string_view text) {
@@ -78,6 +64,14 @@ std::string decodeUTF8(std::string_view data) {
   std::string text;
   text.reserve(data.size());
   while (!data.empty()) {
+    // ASCII runs, most of an answer, are copied whole.
+    const auto ascii = std::find_if(data.begin(), data.end(),
+                                    [](char c) { return static_cast<unsigned char>(c) >= 0x80U; });
+    text.append(data.begin(), ascii);
+    data.remove_prefix(static_cast<std::size_t>(ascii - data.begin()));
+    if (data.empty()) {
+      break;
+    }
     const std::size_t length = validSequenceLength(data);
     if (length == 0) {
       text.append("\xEF\xBF\xBD");
@@ -91,16 +85,40 @@ std::string decodeUTF8(std::string_view data) {
 }
 
 std::string cleanedResponseText(std::string_view text) {
-  const std::string withoutBackslashes = removingCharacters(text, "\\");
-  const std::string openingFreed = droppingFirstOfPair(withoutBackslashes, '"', '{');
-  // "}\"" becomes "}": the pair's first character stays, so scan the reversed roles.
+  // The three steps in one pass: each character leaves the first step into the second, and what
+  // the second lets out goes into the third.
   std::string result;
-  result.reserve(openingFreed.size());
-  for (std::size_t i = 0; i < openingFreed.size(); ++i) {
-    result.push_back(openingFreed[i]);
-    if (openingFreed[i] == '}' && i + 1 < openingFreed.size() && openingFreed[i + 1] == '"') {
-      ++i;
+  result.reserve(text.size());
+  bool afterBrace = false;  // the third step's last character out was '}'
+  const auto third = [&](char c) {
+    if (c == '"' && afterBrace) {
+      afterBrace = false;  // "}\"" becomes "}"
+      return;
     }
+    afterBrace = c == '}';
+    result.push_back(c);
+  };
+  bool quoteHeld = false;  // the second step holds a '"' until it knows whether '{' follows
+  for (const char c : text) {
+    if (c == '\\') {
+      continue;
+    }
+    if (quoteHeld) {
+      quoteHeld = false;
+      if (c == '{') {
+        third('{');  // "\"{" becomes "{"
+        continue;
+      }
+      third('"');
+    }
+    if (c == '"') {
+      quoteHeld = true;
+    } else {
+      third(c);
+    }
+  }
+  if (quoteHeld) {
+    third('"');
   }
   return result;
 }

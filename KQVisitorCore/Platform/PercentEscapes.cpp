@@ -49,20 +49,21 @@ std::string stringByAddingPercentEscapes(std::string_view text) {
   const auto [hostStart, hostEnd] = bracketedHost(text);
   std::string escaped;
   escaped.reserve(text.size() + text.size() / 4);
+  std::size_t kept = 0;  // start of the run of bytes kept as they are, not yet copied
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
     const bool keep = (byte < 128 && kLegal[byte]) ||
                       (byte == '%' && i + 2 < text.size() && isHexDigit(text[i + 1]) &&
                        isHexDigit(text[i + 2])) ||
                       ((byte == '[' || byte == ']') && (i == hostStart || i == hostEnd));
-    if (keep) {
-      escaped.push_back(static_cast<char>(byte));
-    } else {
-      escaped.push_back('%');
-      escaped.push_back(kHex[byte >> 4U]);
-      escaped.push_back(kHex[byte & 0x0FU]);
+    if (!keep) {
+      escaped.append(text, kept, i - kept);
+      const char escape[3] = {'%', kHex[byte >> 4U], kHex[byte & 0x0FU]};
+      escaped.append(escape, sizeof escape);
+      kept = i + 1;
     }
   }
+  escaped.append(text, kept);
   return escaped;
 }
 

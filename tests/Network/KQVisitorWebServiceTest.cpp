@@ -1,4 +1,5 @@
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
+#include <KQVisitorCore/Network/WebServiceText.h>
 
 #include "tests/support/WebServiceFixture.h"
 
@@ -55,6 +56,57 @@ TEST(KQVisitorWebServiceResultTest, CleansTheServicesDoubleEncodingBeforeParsing
   const Json invalid = KQVisitorWebService::resultFromResponseData("bad \xff\xfe text");
   EXPECT_EQ(invalid["response"], "bad \xEF\xBF\xBD\xEF\xBF\xBD text");
   EXPECT_NO_THROW((void)invalid.dump());
+}
+
+// The cleaning written as its three steps, each a plain pass over the whole text: what the
+// one-pass cleaning must equal on every input.
+std::string cleanedInThreeSteps(const std::string& text) {
+  std::string first;
+  for (const char c : text) {
+    if (c != '\\') {
+      first.push_back(c);
+    }
+  }
+  std::string second;
+  for (std::size_t i = 0; i < first.size(); ++i) {
+    if (first[i] == '"' && i + 1 < first.size() && first[i + 1] == '{') {
+      continue;
+    }
+    second.push_back(first[i]);
+  }
+  std::string third;
+  for (std::size_t i = 0; i < second.size(); ++i) {
+    third.push_back(second[i]);
+    if (second[i] == '}' && i + 1 < second.size() && second[i + 1] == '"') {
+      ++i;
+    }
+  }
+  return third;
+}
+
+TEST(KQVisitorWebServiceResultTest, OnePassCleaningEqualsTheThreeStepsOnEveryShortText) {
+  // Every text of up to seven characters over the ones the steps act on, and one they do not.
+  constexpr std::string_view kAlphabet = "\\\"{}a";
+  std::vector<std::string> texts{""};
+  for (std::size_t length = 1; length <= 7; ++length) {
+    const std::size_t shorter = texts.size();
+    for (std::size_t i = 0; i < shorter; ++i) {
+      if (texts[i].size() == length - 1) {
+        for (const char c : kAlphabet) {
+          texts.push_back(texts[i] + c);
+        }
+      }
+    }
+  }
+  ASSERT_EQ(texts.size(), 97656U);  // 1 + 5 + ... + 5^7
+  std::size_t mismatches = 0;
+  for (const std::string& text : texts) {
+    if (detail::cleanedResponseText(text) != cleanedInThreeSteps(text) && ++mismatches <= 5) {
+      ADD_FAILURE() << "text: " << text << " cleaned: " << detail::cleanedResponseText(text)
+                    << " expected: " << cleanedInThreeSteps(text);
+    }
+  }
+  EXPECT_EQ(mismatches, 0U);
 }
 
 // --- The request frame, against a real server ------------------------------------------------
