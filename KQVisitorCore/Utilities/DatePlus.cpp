@@ -7,9 +7,11 @@
 #include <unicode/unistr.h>
 
 #include <cmath>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace kq {
 namespace {
@@ -212,7 +214,29 @@ std::string DatePlus::stringFromDate(const Date& date) {
 }
 
 std::string DatePlus::stringFromDate(const Date& date, std::string_view format) {
-  return Formatter(format, Zone::Local).format(date).value_or("");
+  // Every chat packet sent carries the current time, mostly in the same second as the last one.
+  // A pattern without fractions of a second ('S') or milliseconds in the day ('A') writes every
+  // instant of one second alike, so each thread keeps the last text it wrote.
+  if (format.find_first_of("SA") != std::string_view::npos) {
+    return Formatter(format, Zone::Local).format(date).value_or("");
+  }
+  struct LastWritten {
+    std::string format;
+    std::int64_t second = 0;
+    std::string text;
+  };
+  thread_local std::optional<LastWritten> last;
+  const std::int64_t micros = date.timePoint().time_since_epoch().count();
+  const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
+  if (last && last->second == second && last->format == format) {
+    return last->text;
+  }
+  std::optional<std::string> text = Formatter(format, Zone::Local).format(date);
+  if (!text) {
+    return "";
+  }
+  last = LastWritten{std::string(format), second, *text};
+  return std::move(*text);
 }
 
 }  // namespace kq

@@ -58,6 +58,38 @@ TEST_F(DatePlusTest, FormattingIsInTheDevicesZone) {
       << "offset " << offset;
 }
 
+TEST_F(DatePlusTest, ConsecutiveWritesEachShowTheirOwnSecond) {
+  // Instants close together, across second boundaries on both sides of the epoch, written one
+  // after the other with patterns with and without fractions: each text must be its instant's,
+  // whatever was written just before. The pattern with milliseconds is the reference for the
+  // whole seconds.
+  const double instants[] = {k2016March1 + 0.1,
+                             k2016March1 + 0.9,
+                             k2016March1 + 1.0,
+                             k2016March1 + 0.999,
+                             k2016March1 + 61.5,
+                             -1.5,
+                             -0.001,
+                             0.0,
+                             0.5,
+                             -0.001,
+                             k2016March1 + 1.0};
+  std::vector<std::string> wholes;
+  for (const double seconds : instants) {
+    wholes.push_back(DatePlus::stringFromDate(Date::dateWithTimeIntervalSince1970(seconds),
+                                              "yyyy-MM-dd HH:mm:ss"));
+  }
+  for (std::size_t i = 0; i < std::size(instants); ++i) {
+    const Date date = Date::dateWithTimeIntervalSince1970(instants[i]);
+    const std::string fraction = DatePlus::stringFromDate(date, "yyyy-MM-dd HH:mm:ss.SSS");
+    EXPECT_EQ(wholes[i], fraction.substr(0, wholes[i].size())) << "at " << instants[i];
+    // Another pattern right after a write of the same second.
+    EXPECT_EQ(DatePlus::stringFromDate(date, "yyyy-MM-dd HH:mm:ss"), wholes[i]);
+    EXPECT_EQ(DatePlus::stringFromDate(date, "HH:mm:ss"), wholes[i].substr(11))
+        << "at " << instants[i];
+  }
+}
+
 TEST_F(DatePlusTest, UtcRoundTripKeepsTheInstantAndDropsTheFraction) {
   const auto date =
       DatePlus::utctoLocalFromString("2016-03-01 10:20:30.789", "yyyy-MM-dd HH:mm:ss.SSS");
