@@ -344,6 +344,10 @@ XMPPElement XMPPElement::copy() const {
   return XMPPElement(std::move(document), node);
 }
 
+bool XMPPElement::isSoleHandleOnTree() const {
+  return document_.use_count() == 1 && xmlDocGetRootElement(document_->doc) == node_;
+}
+
 std::string XMPPElement::name() const {
   return fromXML(node_->name);
 }

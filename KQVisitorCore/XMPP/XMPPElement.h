@@ -143,6 +143,10 @@ class KQ_EXPORT XMPPElement {
   /// expression or no match.
   [[nodiscard]] std::vector<XMPPElement> nodesForXPath(std::string_view xpath) const;
 
+  /// Whether this handle stands at the root of its tree and no other handle shares the tree:
+  /// such a tree can be taken over instead of copied. For the library's own use.
+  [[nodiscard]] bool isSoleHandleOnTree() const;
+
   /// The underlying node, for the library's own use (stream parser, serialiser).
   [[nodiscard]] _xmlNode* xmlNode() const { return node_; }
 

@@ -1191,6 +1191,15 @@ void XMPPStream::sendElement(const XMPPElement& element) {
   impl_->queue->async([self, copy = element.copy()] { self->impl_->sendNow(copy); });
 }
 
+void XMPPStream::sendElement(XMPPElement&& element) {
+  if (!element.isSoleHandleOnTree()) {
+    sendElement(static_cast<const XMPPElement&>(element));
+    return;
+  }
+  auto self = shared_from_this();
+  impl_->queue->async([self, owned = std::move(element)] { self->impl_->sendNow(owned); });
+}
+
 void XMPPStream::sendIQ(const XMPPIQ& iq, std::chrono::duration<double> timeout,
                         std::function<void(const std::optional<XMPPIQ>&)> response) {
   XMPPIQ copy(iq.copy());

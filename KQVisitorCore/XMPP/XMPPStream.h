@@ -174,6 +174,8 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// otherwise did-fail-to-send-element reports it. Elements sent from one thread leave in the
   /// order they were sent; between threads there is no order.
   void sendElement(const XMPPElement& element);
+  /// The same; a temporary element that no other handle shares is sent as it is, not copied.
+  void sendElement(XMPPElement&& element);
 
   /// Sends the IQ `iq` (given an id when it has none) and calls `response` on the stream's queue
   /// with the matching result or error, or with nullopt when `timeout` passes first or the

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <regex>
 
 namespace kq::xmpp {
@@ -359,6 +360,29 @@ TEST_F(XMPPStreamTest, DisconnectWhileWritesArePendingReleasesTheirBuffersSafely
   ASSERT_TRUE(waitFor("didDisconnect"));
   connect();
   authenticate();
+}
+
+TEST_F(XMPPStreamTest, ATemporaryElementThatAnotherHandleSharesIsSentAsItWasHandedOver) {
+  connect();
+  authenticate();
+  // The stream's queue is held until the sender has changed the tree through its other handle.
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  stream->streamQueue()->async([released] { released.wait(); });
+  XMPPMessage message;
+  message.addBody("as handed over");
+  XMPPElement body = *message.elementForName("body");
+  stream->sendElement(std::move(message));
+  body.setStringValue("changed afterwards");
+  release.set_value();
+  const std::string sent = peer.receiveUntil("</message>");
+  EXPECT_NE(sent.find("as handed over"), std::string::npos) << sent;
+
+  // One nobody else holds goes as it is.
+  XMPPMessage alone;
+  alone.addBody("alone");
+  stream->sendElement(std::move(alone));
+  EXPECT_NE(peer.receiveUntil("</message>").find("<body>alone</body>"), std::string::npos);
 }
 
 class XMPPStreamDeadConnectionTest : public XMPPStreamTest {
