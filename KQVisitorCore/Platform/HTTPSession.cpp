@@ -31,9 +31,6 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kMaximumBodySize = std::size_t{256} * 1024 * 1024;
 constexpr long kMaximumRedirects = 16;
 constexpr long kConnectionCacheSize = 16;
-// Easy handles kept for reuse once their transfer ends: making and freeing one per request
-// costs about as much as the rest of the session's own work on a small call.
-constexpr std::size_t kIdleHandleLimit = 16;
 
 // --- Holders of the C handles ----------------------------------------------------------------
 
@@ -258,12 +255,11 @@ struct HTTPSession::Impl {
   Impl& operator=(const Impl&) = delete;
 
   ~Impl() {
-    // Handles must leave the multi handle, and let go of the share, before either is cleaned up.
+    // Handles must leave the multi handle before either is cleaned up.
     for (auto& [easy, transfer] : active) {
       curl_multi_remove_handle(multi.get(), easy);
     }
     active.clear();
-    idle.clear();
   }
 
   void threadMain();
@@ -271,8 +267,6 @@ struct HTTPSession::Impl {
   void failActive(const std::string& what, CURLMcode code);
   void startTransfers(std::vector<std::unique_ptr<Transfer>> transfers);
   std::optional<KQError> configure(Transfer& transfer);
-  EasyHandle takeHandle();
-  void recycle(EasyHandle easy);
   void finish(CURL* easy, CURLcode result);
   void finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error);
   void cancel(const std::vector<TaskIdentifier>& identifiers);
@@ -300,7 +294,6 @@ struct HTTPSession::Impl {
 
   // Owned by the session's thread.
   std::map<CURL*, std::unique_ptr<Transfer>> active;
-  std::vector<EasyHandle> idle;  // reset, ready for the next transfer
   TrustStore store;
   bool storeLoaded = false;
   std::string storeProblem;
@@ -362,24 +355,6 @@ CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, voi
   return CURLE_OK;
 }
 
-EasyHandle HTTPSession::Impl::takeHandle() {
-  if (idle.empty()) {
-    return EasyHandle(curl_easy_init());
-  }
-  EasyHandle easy = std::move(idle.back());
-  idle.pop_back();
-  return easy;
-}
-
-void HTTPSession::Impl::recycle(EasyHandle easy) {
-  if (easy && idle.size() < kIdleHandleLimit) {
-    // Every option goes back to its default; the connections, the cookies and the DNS and TLS
-    // session caches are the multi's and the share's, and stay.
-    curl_easy_reset(easy.get());
-    idle.push_back(std::move(easy));
-  }
-}
-
 std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   const HTTPRequest& request = transfer.request;
   if (auto reason = malformedRequestReason(request)) {
@@ -388,7 +363,7 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   if (!unusable.empty()) {
     return transportError(kErrorClientUnusable, unusable, request.url);
   }
-  transfer.easy = takeHandle();
+  transfer.easy.reset(curl_easy_init());
   if (!transfer.easy) {
     return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
                           request.url);
@@ -535,15 +510,13 @@ void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
   curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url != nullptr ? url : transfer->request.url;
   response.allHeaderFields = std::move(transfer->responseHeaders);
-  // The caller hears first; the easy handle is put back after, off the answer's path.
+  // The caller hears first; the easy handle is cleaned up after, off the answer's path.
   transfer->completion(std::move(transfer->body), std::move(response), std::nullopt);
-  recycle(std::move(transfer->easy));
 }
 
 void HTTPSession::Impl::finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error) {
   auto completion = std::move(transfer->completion);
-  recycle(std::move(transfer->easy));  // the easy handle goes back before the caller hears
-  transfer.reset();
+  transfer.reset();  // the easy handle goes before the caller hears of it
   completion(std::nullopt, std::nullopt, std::move(error));
 }
 
