@@ -6,6 +6,7 @@
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <map>
@@ -226,8 +227,8 @@ std::string DatePlus::stringFromDate(const Date& date, std::string_view format) 
     std::string text;
   };
   thread_local std::optional<LastWritten> last;
-  const std::int64_t micros = date.timePoint().time_since_epoch().count();
-  const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
+  const std::int64_t second =
+      std::chrono::floor<std::chrono::seconds>(date.timePoint()).time_since_epoch().count();
   if (last && last->second == second && last->format == format) {
     return last->text;
   }
