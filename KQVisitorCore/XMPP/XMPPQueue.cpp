@@ -37,6 +37,8 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   void submit(Task task);
   // Runs the tasks waiting now, in order. On the queue's thread.
   void runSubmitted();
+  // runSubmitted() when a task is waiting.
+  void runSubmittedIfAny();
   // Waits for the wake-up descriptor to be written, then runs what was submitted. On the
   // queue's thread.
   void awaitWakeUp();
@@ -114,6 +116,16 @@ void XMPPQueue::Impl::runSubmitted() {
   }
 }
 
+void XMPPQueue::Impl::runSubmittedIfAny() {
+  {
+    std::scoped_lock lock(mutex);
+    if (submitted.empty()) {
+      return;
+    }
+  }
+  runSubmitted();
+}
+
 void XMPPQueue::Impl::awaitWakeUp() {
   wakeUpDescriptor->async_wait(asio::posix::stream_descriptor::wait_read,
                                [weak = weak_from_this()](const asio::error_code& error) {
@@ -121,10 +133,15 @@ void XMPPQueue::Impl::awaitWakeUp() {
                                  if (error || !impl) {
                                    return;
                                  }
+                                 // The work first: draining the descriptor and waiting on
+                                 // it again are two system calls it need not wait for.
+                                 impl->runSubmitted();
                                  eventfd_t count = 0;
                                  eventfd_read(impl->wakeUpDescriptor->native_handle(), &count);
+                                 // A task submitted after the run wrote before the drain: the
+                                 // descriptor no longer says so, so it runs now.
+                                 impl->runSubmittedIfAny();
                                  impl->awaitWakeUp();
-                                 impl->runSubmitted();
                                });
 }
 

@@ -67,6 +67,18 @@ TEST(XMPPQueueTest, TasksFromEveryThreadRunInTheOrderEachThreadGaveThem) {
   EXPECT_TRUE(allOnQueue);
 }
 
+// The queue's thread sleeps until another thread says there is work. A task given by another
+// thread while the queue is busy running an earlier one still runs, and so do the next ones.
+TEST(XMPPQueueTest, TasksGivenWhileATaskRunsAreNotLeftWaiting) {
+  auto queue = XMPPQueue::create("kq.test.xmpp.busy");
+  std::promise<void> later;
+  std::promise<void> last;
+  queue->async([&] { std::thread([&] { queue->async([&] { later.set_value(); }); }).join(); });
+  ASSERT_EQ(later.get_future().wait_for(test::kPatience), std::future_status::ready);
+  std::thread([&] { queue->async([&] { last.set_value(); }); }).join();
+  ASSERT_EQ(last.get_future().wait_for(test::kPatience), std::future_status::ready);
+}
+
 TEST(XMPPQueueTest, ATaskThatReleasesTheQueueDropsTheTasksBehindIt) {
   // Tells when what a task captured is released.
   struct Capture {
