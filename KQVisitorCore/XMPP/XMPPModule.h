@@ -62,6 +62,9 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
   virtual void streamDidReceivePresence(const XMPPPresence& /*presence*/) {}
   /// An element is about to be sent; the module may add to it (capabilities to a presence).
   virtual void streamWillSendElement(XMPPElement& /*element*/) {}
+  /// An element's text has been handed to the socket (or queued behind earlier writes). The
+  /// element is final and the stream's own: a module may keep it without copying.
+  virtual void streamDidSendElement(const XMPPElement& /*element*/) {}
 
  private:
   mutable std::mutex mutex_;

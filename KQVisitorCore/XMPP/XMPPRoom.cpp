@@ -253,14 +253,14 @@ void XMPPRoom::streamDidReceiveMessage(const XMPPMessage& message) {
   });
 }
 
-void XMPPRoom::streamWillSendElement(XMPPElement& element) {
+void XMPPRoom::streamDidSendElement(const XMPPElement& element) {
   if (element.name() != "message" || element.attributeStringValueForName("type") != "groupchat" ||
       !element.elementForName("body")) {
     return;
   }
   const auto to = element.to();
   if (to && to->isEqualToJIDIgnoringResource(roomJID_)) {
-    storage_->handleOutgoingMessage(XMPPMessage(element), roomJID_);
+    storage_->handleSentMessage(XMPPMessage(element), roomJID_);
   }
 }
 

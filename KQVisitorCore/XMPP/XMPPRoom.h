@@ -77,7 +77,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   void streamDidDisconnect(const std::optional<KQError>& error) override;
   void streamDidReceivePresence(const XMPPPresence& presence) override;
   void streamDidReceiveMessage(const XMPPMessage& message) override;
-  void streamWillSendElement(XMPPElement& element) override;
+  void streamDidSendElement(const XMPPElement& element) override;
 
  private:
   void notify(const std::function<void(XMPPRoomDelegate&, XMPPRoom&)>& call);

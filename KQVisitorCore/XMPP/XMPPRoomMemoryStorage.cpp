@@ -42,6 +42,10 @@ void XMPPRoomMemoryStorage::handleOutgoingMessage(const XMPPMessage& message,
   addMessage(XMPPMessage(message.copy()), roomJID);  // its sender may still change it
 }
 
+void XMPPRoomMemoryStorage::handleSentMessage(const XMPPMessage& message, const XMPPJID& roomJID) {
+  addMessage(message, roomJID);
+}
+
 void XMPPRoomMemoryStorage::clearRoom(const XMPPJID& roomJID) {
   std::scoped_lock lock(mutex_);
   rooms_.erase(roomJID.bare());

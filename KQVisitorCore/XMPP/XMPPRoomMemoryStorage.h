@@ -16,8 +16,9 @@ namespace kq::xmpp {
 
 /// What the rooms have seen, kept in memory per room: the occupants' latest presence and the
 /// messages received and sent. A received message is kept as the stream delivered it (received
-/// stanzas are read-only, so it is shared, not copied); a sent one is copied, since its sender
-/// may change it afterwards. Thread-safe.
+/// stanzas are read-only, so it is shared, not copied), and so is one the stream has written; an
+/// outgoing one handed in by anyone else is copied, since its sender may change it afterwards.
+/// Thread-safe.
 class KQ_EXPORT XMPPRoomMemoryStorage {
  public:
   /// The most messages kept per room; the oldest go first.
@@ -34,6 +35,9 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
   void handlePresence(const XMPPPresence& presence, const XMPPJID& roomJID);
   void handleIncomingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
   void handleOutgoingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+  /// Records a message the stream has written, sharing it: the stream's element no longer
+  /// changes once written, so no copy is needed. For the rooms' use.
+  void handleSentMessage(const XMPPMessage& message, const XMPPJID& roomJID);
   /// Forgets a room.
   void clearRoom(const XMPPJID& roomJID);
 

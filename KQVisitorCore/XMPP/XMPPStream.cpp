@@ -571,6 +571,7 @@ void XMPPStream::Impl::sendNow(XMPPElement element) {
   }
   forEachModule([&element](XMPPModule& module) { module.streamWillSendElement(element); });
   write(element.XMLString());
+  forEachModule([&element](XMPPModule& module) { module.streamDidSendElement(element); });
 }
 
 // --- Negotiation ---------------------------------------------------------------------------------

@@ -428,6 +428,32 @@ TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
       << roomEvents->ownerErrors.at(1).XMLString();
 }
 
+// The room keeps what it sent as it went out: with what a module activated after the room added
+// to it, and unchanged by whatever its sender does with its message afterwards.
+TEST_F(XMPPRoomTest, ASentChatLineIsKeptAsItWentOut) {
+  class Stamper : public XMPPModule {
+   protected:
+    void streamWillSendElement(XMPPElement& element) override {
+      if (element.name() == "message") {
+        element.addChildElement("stamped");
+      }
+    }
+  };
+  auto stamper = std::make_shared<Stamper>();
+  ASSERT_TRUE(stamper->activate(stream));
+  XMPPMessage message;
+  message.addBody("typed");
+  room->sendMessage(message);
+  const std::string wire = peer.receiveUntil("</message>");
+  EXPECT_NE(wire.find("<stamped/>"), std::string::npos) << wire;
+  message.elementForName("body")->setStringValue("changed later");
+  test::flushQueue(stream->streamQueue());
+  const auto kept = storage->messages(room->roomJID());
+  ASSERT_EQ(kept.size(), 1U);
+  EXPECT_EQ(kept[0].XMLString(), wire);
+  stamper->deactivate();
+}
+
 TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoom) {
   room->inviteUser(*XMPPJID::jidWithString("42@localhost"), std::string("come in"));
   EXPECT_EQ(peer.receiveUntil("</message>"),
