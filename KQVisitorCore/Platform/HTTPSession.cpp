@@ -31,6 +31,9 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kMaximumBodySize = std::size_t{256} * 1024 * 1024;
 constexpr long kMaximumRedirects = 16;
 constexpr long kConnectionCacheSize = 16;
+// Easy handles kept for reuse once their transfer ends: making and freeing one per request
+// costs about as much as the rest of the session's own work on a small call.
+constexpr std::size_t kIdleHandleLimit = 16;
 
 // --- Holders of the C handles ----------------------------------------------------------------
 
@@ -255,11 +258,12 @@ struct HTTPSession::Impl {
   Impl& operator=(const Impl&) = delete;
 
   ~Impl() {
-    // Handles must leave the multi handle before either is cleaned up.
+    // Handles must leave the multi handle, and let go of the share, before either is cleaned up.
     for (auto& [easy, transfer] : active) {
       curl_multi_remove_handle(multi.get(), easy);
     }
     active.clear();
+    idle.clear();
   }
 
   void threadMain();
@@ -267,6 +271,8 @@ struct HTTPSession::Impl {
   void failActive(const std::string& what, CURLMcode code);
   void startTransfers(std::vector<std::unique_ptr<Transfer>> transfers);
   std::optional<KQError> configure(Transfer& transfer);
+  EasyHandle takeHandle();
+  void recycle(EasyHandle easy);
   void finish(CURL* easy, CURLcode result);
   void finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error);
   void cancel(const std::vector<TaskIdentifier>& identifiers);
@@ -294,6 +300,7 @@ struct HTTPSession::Impl {
 
   // Owned by the session's thread.
   std::map<CURL*, std::unique_ptr<Transfer>> active;
+  std::vector<EasyHandle> idle;  // reset, ready for the next transfer
   TrustStore store;
   bool storeLoaded = false;
   std::string storeProblem;
@@ -355,6 +362,27 @@ CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, voi
   return CURLE_OK;
 }
 
+EasyHandle HTTPSession::Impl::takeHandle() {
+  if (idle.empty()) {
+    return EasyHandle(curl_easy_init());
+  }
+  EasyHandle easy = std::move(idle.back());
+  idle.pop_back();
+  return easy;
+}
+
+void HTTPSession::Impl::recycle(EasyHandle easy) {
+  if (easy && idle.size() < kIdleHandleLimit) {
+    // Every option goes back to its default; the connections, the cookies and the DNS and TLS
+    // session caches are the multi's and the share's, and stay. The list of cookie files is
+    // emptied first: some libcurl releases (7.88) forget it on a reset, and every transfer
+    // would leave one entry behind.
+    curl_easy_setopt(easy.get(), CURLOPT_COOKIEFILE, static_cast<char*>(nullptr));
+    curl_easy_reset(easy.get());
+    idle.push_back(std::move(easy));
+  }
+}
+
 std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   const HTTPRequest& request = transfer.request;
   if (auto reason = malformedRequestReason(request)) {
@@ -363,7 +391,7 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   if (!unusable.empty()) {
     return transportError(kErrorClientUnusable, unusable, request.url);
   }
-  transfer.easy.reset(curl_easy_init());
+  transfer.easy = takeHandle();
   if (!transfer.easy) {
     return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
                           request.url);
@@ -510,13 +538,15 @@ void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
   curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &url);
   response.url = url != nullptr ? url : transfer->request.url;
   response.allHeaderFields = std::move(transfer->responseHeaders);
-  // The caller hears first; the easy handle is cleaned up after, off the answer's path.
+  // The caller hears first; the easy handle is put back after, off the answer's path.
   transfer->completion(std::move(transfer->body), std::move(response), std::nullopt);
+  recycle(std::move(transfer->easy));
 }
 
 void HTTPSession::Impl::finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error) {
   auto completion = std::move(transfer->completion);
-  transfer.reset();  // the easy handle goes before the caller hears of it
+  recycle(std::move(transfer->easy));  // the easy handle goes back before the caller hears
+  transfer.reset();
   completion(std::nullopt, std::nullopt, std::move(error));
 }
 

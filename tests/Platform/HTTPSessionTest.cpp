@@ -153,6 +153,23 @@ TEST_F(HTTPSessionTest, AnyMethodIsSentAsWrittenWithOrWithoutABody) {
   EXPECT_EQ(requests[1].find("Content-Length"), std::string::npos);
 }
 
+// Sessions reuse what a finished task leaves behind; nothing of one request reaches the next.
+TEST_F(HTTPSessionTest, NothingOfOneRequestCarriesIntoTheNext) {
+  test::RawHTTPServer raw(test::rawResponse(200, "ok"));
+  HTTPRequest post(raw.origin() + "/first");
+  post.httpMethod = "PUT";
+  post.httpBody = "payload";
+  post.setValue("1", "X-First-Only");
+  EXPECT_EQ(run(session, post).data, "ok");
+  EXPECT_EQ(run(session, HTTPRequest(raw.origin() + "/second")).data, "ok");
+  const auto requests = raw.rawRequests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[1].substr(0, requests[1].find("\r\n")), "GET /second HTTP/1.1");
+  EXPECT_EQ(requests[1].find("X-First-Only"), std::string::npos) << requests[1];
+  EXPECT_EQ(requests[1].find("Content-Length"), std::string::npos) << requests[1];
+  EXPECT_EQ(requests[1].substr(requests[1].size() - 4), "\r\n\r\n");
+}
+
 TEST_F(HTTPSessionTest, ErrorStatusesAndEmptyBodiesAreAnswersNotErrors) {
   server.enqueueResponse({500, "server trouble", "text/plain", {}});
   server.enqueueResponse({404, "", "text/plain", {}});
