@@ -37,8 +37,6 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   void submit(Task task);
   // Runs the tasks waiting now, in order. On the queue's thread.
   void runSubmitted();
-  // runSubmitted() when a task is waiting.
-  void runSubmittedIfAny();
   // Waits for the wake-up descriptor to be written, then runs what was submitted. On the
   // queue's thread.
   void awaitWakeUp();
@@ -116,16 +114,6 @@ void XMPPQueue::Impl::runSubmitted() {
   }
 }
 
-void XMPPQueue::Impl::runSubmittedIfAny() {
-  {
-    std::scoped_lock lock(mutex);
-    if (submitted.empty()) {
-      return;
-    }
-  }
-  runSubmitted();
-}
-
 void XMPPQueue::Impl::awaitWakeUp() {
   wakeUpDescriptor->async_wait(asio::posix::stream_descriptor::wait_read,
                                [weak = weak_from_this()](const asio::error_code& error) {
@@ -139,8 +127,9 @@ void XMPPQueue::Impl::awaitWakeUp() {
                                  eventfd_t count = 0;
                                  eventfd_read(impl->wakeUpDescriptor->native_handle(), &count);
                                  // A task submitted after the run wrote before the drain: the
-                                 // descriptor no longer says so, so it runs now.
-                                 impl->runSubmittedIfAny();
+                                 // descriptor no longer says so, so it runs now (with nothing
+                                 // waiting, this is one look under the lock).
+                                 impl->runSubmitted();
                                  impl->awaitWakeUp();
                                });
 }
