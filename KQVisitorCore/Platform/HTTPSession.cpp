@@ -49,6 +49,9 @@ struct ShareDeleter {
 struct ListDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
+struct URLDeleter {
+  void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
+};
 struct StoreDeleter {
   void operator()(X509_STORE* store) const { X509_STORE_free(store); }
 };
@@ -56,6 +59,7 @@ using EasyHandle = std::unique_ptr<CURL, EasyDeleter>;
 using MultiHandle = std::unique_ptr<CURLM, MultiDeleter>;
 using ShareHandle = std::unique_ptr<CURLSH, ShareDeleter>;
 using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
+using URLHandle = std::unique_ptr<CURLU, URLDeleter>;
 using TrustStore = std::unique_ptr<X509_STORE, StoreDeleter>;
 
 void initializeCurlOnce() {
@@ -155,6 +159,7 @@ struct Transfer {
   HTTPSession::Progress progress;
 
   EasyHandle easy;
+  URLHandle location;  // request.url, parsed
   HeaderList headers;
   std::string body;
   HTTPHeaderFields responseHeaders;
@@ -271,7 +276,7 @@ struct HTTPSession::Impl {
   void failActive(const std::string& what, CURLMcode code);
   void startTransfers(std::vector<std::unique_ptr<Transfer>> transfers);
   std::optional<KQError> configure(Transfer& transfer);
-  EasyHandle takeHandle();
+  std::optional<KQError> takeHandle(Transfer& transfer);
   void recycle(EasyHandle easy);
   void finish(CURL* easy, CURLcode result);
   void finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error);
@@ -362,25 +367,66 @@ CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, voi
   return CURLE_OK;
 }
 
-EasyHandle HTTPSession::Impl::takeHandle() {
-  if (idle.empty()) {
-    return EasyHandle(curl_easy_init());
+std::optional<KQError> HTTPSession::Impl::takeHandle(Transfer& transfer) {
+  if (!idle.empty()) {
+    transfer.easy = std::move(idle.back());
+    idle.pop_back();
+    return std::nullopt;
   }
-  EasyHandle easy = std::move(idle.back());
-  idle.pop_back();
-  return easy;
+  EasyHandle easy(curl_easy_init());
+  if (!easy) {
+    return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
+                          transfer.request.url);
+  }
+  // The options every transfer of the session shares, set once for the handle's life.
+  CURL* handle = easy.get();
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(handle, CURLOPT_MAXREDIRS, kMaximumRedirects);
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
+  // Decode what arrives compressed; what is asked for is settled with the header fields.
+  curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+  curl_easy_setopt(handle, CURLOPT_USERAGENT, "KQVisitorCore/1.0");
+  curl_easy_setopt(handle, CURLOPT_SHARE, share.get());
+  curl_easy_setopt(handle, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, receiveHeader);
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, reportProgress);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+  // The trust store comes from prepareTLSContext; libcurl loads nothing itself.
+  curl_easy_setopt(handle, CURLOPT_CAINFO, static_cast<char*>(nullptr));
+  curl_easy_setopt(handle, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+  if (curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, prepareTLSContext) != CURLE_OK ||
+      curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, this) != CURLE_OK) {
+    return transportError(CURLE_NOT_BUILT_IN,
+                          "The HTTP client's TLS library cannot take a certificate store.",
+                          transfer.request.url);
+  }
+  transfer.easy = std::move(easy);
+  return std::nullopt;
 }
 
 void HTTPSession::Impl::recycle(EasyHandle easy) {
-  if (easy && idle.size() < kIdleHandleLimit) {
-    // Every option goes back to its default; the connections, the cookies and the DNS and TLS
-    // session caches are the multi's and the share's, and stay. The list of cookie files is
-    // emptied first: some libcurl releases (7.88) forget it on a reset, and every transfer
-    // would leave one entry behind.
-    curl_easy_setopt(easy.get(), CURLOPT_COOKIEFILE, static_cast<char*>(nullptr));
-    curl_easy_reset(easy.get());
-    idle.push_back(std::move(easy));
+  if (!easy || idle.size() >= kIdleHandleLimit) {
+    return;
   }
+  // What configure() set for one request's method goes back to a GET; the shared options stay,
+  // as do the multi's connections and the share's cookies and caches. Cheaper than
+  // curl_easy_reset, after which every shared option would have to be set again. The pointers
+  // into the finished transfer are set anew for the next one before libcurl reads them; only
+  // the error buffer, which libcurl may write to at any call, is taken away now.
+  CURL* handle = easy.get();
+  curl_easy_setopt(handle, CURLOPT_CURLU, static_cast<CURLU*>(nullptr));  // else it outranks a URL
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
+  curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{-1});
+  curl_easy_setopt(handle, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
+  curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+  // Last, since the one above leaves a POST; this also ends a HEAD.
+  curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+  idle.push_back(std::move(easy));
 }
 
 std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
@@ -391,48 +437,32 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   if (!unusable.empty()) {
     return transportError(kErrorClientUnusable, unusable, request.url);
   }
-  transfer.easy = takeHandle();
-  if (!transfer.easy) {
-    return transportError(CURLE_FAILED_INIT, "The HTTP client could not be initialised.",
-                          request.url);
+  if (auto error = takeHandle(transfer)) {
+    return error;
   }
   CURL* easy = transfer.easy.get();
   curl_easy_setopt(easy, CURLOPT_PRIVATE, &transfer);
-  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  // Handed over parsed, with the flags libcurl parses a URL string with: libcurl then takes a
+  // copy instead of parsing and rebuilding the text once more, which costs more than the rest of
+  // a small request. A URL that does not parse goes as text, for libcurl to say what is wrong.
+  transfer.location.reset(curl_url());
+  if (transfer.location &&
+      curl_url_set(transfer.location.get(), CURLUPART_URL, request.url.c_str(),
+                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) {
+    curl_easy_setopt(easy, CURLOPT_CURLU, transfer.location.get());
+  } else {
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  }
   // A request made over HTTPS never continues in the clear.
   const bool secure =
       request.url.size() >= 6 && curl_strnequal(request.url.c_str(), "https:", 6) != 0;
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https");
-  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaximumRedirects);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-  // Decode what arrives compressed; what is asked for is settled with the header fields below.
-  curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-  curl_easy_setopt(easy, CURLOPT_USERAGENT, "KQVisitorCore/1.0");
-  curl_easy_setopt(easy, CURLOPT_SHARE, share.get());
-  curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
-  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
-  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, receiveHeader);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
-  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, reportProgress);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
-  // The trust store comes from prepareTLSContext; libcurl loads nothing itself.
-  curl_easy_setopt(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
-  curl_easy_setopt(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
-  if (curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, prepareTLSContext) != CURLE_OK ||
-      curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this) != CURLE_OK) {
-    return transportError(CURLE_NOT_BUILT_IN,
-                          "The HTTP client's TLS library cannot take a certificate store.",
-                          request.url);
-  }
 
+  // A handle comes set for a GET.
   if (request.httpBody) {
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
@@ -441,18 +471,19 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
     if (request.httpMethod != "POST") {
       curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
     }
-  } else if (request.httpMethod == "GET") {
-    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
   } else if (request.httpMethod == "HEAD") {
     curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-  } else {
+  } else if (request.httpMethod != "GET") {
     curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
   }
 
   // "Expect:" with no value stops libcurl from waiting for "100 Continue" before large bodies;
   // "Accept-Encoding:" drops libcurl's own field, so that no compression is asked for (see the
   // class comment) unless the request asks itself.
-  std::vector<std::string> lines{"Expect:"};
+  std::vector<std::string> lines;
+  if (request.httpBody) {
+    lines.emplace_back("Expect:");
+  }
   if (!request.valueForHTTPHeaderField("Accept-Encoding")) {
     lines.emplace_back("Accept-Encoding:");
   }

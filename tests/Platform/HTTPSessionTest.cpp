@@ -94,6 +94,27 @@ TEST_F(HTTPSessionTest, SendsTheRequestAsWrittenAndReportsTheAnswerOnItsOwnThrea
   EXPECT_FALSE(session->isCurrent());
 }
 
+// A relative redirect resolves against the URL the request went to, the answer names where it
+// finally came from, and the next task on the session goes to its own URL.
+TEST_F(HTTPSessionTest, FollowsARedirectFromWhereTheRequestWent) {
+  server.enqueueResponse({302, "", "text/plain", {{"Location", "next?step=2"}}});
+  server.enqueueResponse({200, "arrived", "text/plain", {}});
+  server.setDefaultResponse({200, "elsewhere", "text/plain", {}});
+  const Outcome followed = run(session, HTTPRequest(server.origin() + "/a/first?step=1"));
+  ASSERT_TRUE(followed.response);
+  EXPECT_EQ(followed.data, "arrived");
+  EXPECT_EQ(followed.response->url, server.origin() + "/a/next?step=2");
+  const Outcome next = run(session, HTTPRequest(server.origin() + "/b"));
+  ASSERT_TRUE(next.response);
+  EXPECT_EQ(next.response->url, server.origin() + "/b");
+
+  ASSERT_TRUE(server.waitForRequests(3));
+  const auto requests = server.requests();
+  EXPECT_EQ(requests[0].target, "/a/first?step=1");
+  EXPECT_EQ(requests[1].target, "/a/next?step=2");
+  EXPECT_EQ(requests[2].target, "/b");
+}
+
 // A server compresses what a client accepts (cpp-httplib compresses JSON whenever it may), and
 // compressing small answers costs it more than sending them: the session asks for none unless a
 // request does, and decodes a compressed answer whether it asked or not.
@@ -153,21 +174,43 @@ TEST_F(HTTPSessionTest, AnyMethodIsSentAsWrittenWithOrWithoutABody) {
   EXPECT_EQ(requests[1].find("Content-Length"), std::string::npos);
 }
 
-// Sessions reuse what a finished task leaves behind; nothing of one request reaches the next.
+// Sessions reuse what a finished task leaves behind; nothing of one request reaches the next,
+// whichever method follows which.
 TEST_F(HTTPSessionTest, NothingOfOneRequestCarriesIntoTheNext) {
   test::RawHTTPServer raw(test::rawResponse(200, "ok"));
-  HTTPRequest post(raw.origin() + "/first");
-  post.httpMethod = "PUT";
-  post.httpBody = "payload";
-  post.setValue("1", "X-First-Only");
-  EXPECT_EQ(run(session, post).data, "ok");
-  EXPECT_EQ(run(session, HTTPRequest(raw.origin() + "/second")).data, "ok");
+  const auto request = [&](const std::string& method, const std::string& path,
+                           std::optional<std::string> body = std::nullopt) {
+    HTTPRequest made(raw.origin() + path);
+    made.httpMethod = method;
+    made.httpBody = std::move(body);
+    return made;
+  };
+  HTTPRequest put = request("PUT", "/put", "payload");
+  put.setValue("1", "X-First-Only");
+  EXPECT_EQ(run(session, put).data, "ok");
+  EXPECT_EQ(run(session, request("GET", "/get")).data, "ok");
+  EXPECT_EQ(run(session, request("HEAD", "/head")).data, "");
+  EXPECT_EQ(run(session, request("POST", "/post", "form")).data, "ok");
+  EXPECT_EQ(run(session, request("DELETE", "/delete")).data, "ok");
+  EXPECT_EQ(run(session, request("GET", "/last")).data, "ok");
+
   const auto requests = raw.rawRequests();
-  ASSERT_EQ(requests.size(), 2U);
-  EXPECT_EQ(requests[1].substr(0, requests[1].find("\r\n")), "GET /second HTTP/1.1");
-  EXPECT_EQ(requests[1].find("X-First-Only"), std::string::npos) << requests[1];
-  EXPECT_EQ(requests[1].find("Content-Length"), std::string::npos) << requests[1];
-  EXPECT_EQ(requests[1].substr(requests[1].size() - 4), "\r\n\r\n");
+  ASSERT_EQ(requests.size(), 6U);
+  const auto requestLine = [&](std::size_t i) {
+    return requests[i].substr(0, requests[i].find("\r\n"));
+  };
+  EXPECT_EQ(requestLine(0), "PUT /put HTTP/1.1");
+  EXPECT_EQ(requestLine(1), "GET /get HTTP/1.1");
+  EXPECT_EQ(requestLine(2), "HEAD /head HTTP/1.1");
+  EXPECT_EQ(requestLine(3), "POST /post HTTP/1.1");
+  EXPECT_EQ(requestLine(4), "DELETE /delete HTTP/1.1");
+  EXPECT_EQ(requestLine(5), "GET /last HTTP/1.1");
+  EXPECT_EQ(requests[3].substr(requests[3].size() - 8), "\r\n\r\nform");
+  for (const std::size_t i : {1, 2, 4, 5}) {
+    EXPECT_EQ(requests[i].find("X-First-Only"), std::string::npos) << requests[i];
+    EXPECT_EQ(requests[i].find("Content-Length"), std::string::npos) << requests[i];
+    EXPECT_EQ(requests[i].substr(requests[i].size() - 4), "\r\n\r\n") << requests[i];
+  }
 }
 
 TEST_F(HTTPSessionTest, ErrorStatusesAndEmptyBodiesAreAnswersNotErrors) {
