@@ -89,8 +89,10 @@ std::string KQVisitorWebService::urlBuilder(const nlohmann::ordered_json& parame
   if (!parameters.is_object()) {
     return query;
   }
-  for (const auto& [key, value] : parameters.items()) {
-    query.append(key).append("=").append(detail::describeParameter(value)).append("&");
+  for (const auto& [key, value] : parameters.get_ref<const nlohmann::ordered_json::object_t&>()) {
+    query.append(key).push_back('=');
+    detail::appendParameter(query, value);
+    query.push_back('&');
   }
   return query;
 }
@@ -110,13 +112,16 @@ void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json
     return;
   }
 
-  HTTPRequest request(baseURL + serviceName, dependencies_.requestTimeout);
+  std::string url = std::move(baseURL);
+  url.append(serviceName);
+  std::optional<std::string> body;
   if (method == "GET") {
-    request.url = stringByAddingPercentEscapes(baseURL + serviceName + urlBuilder(parameters));
+    url = stringByAddingPercentEscapes(url.append(urlBuilder(parameters)));
   } else {
-    request.httpBody =
-        parameters.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    body = parameters.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
   }
+  HTTPRequest request(std::move(url), dependencies_.requestTimeout);
+  request.httpBody = std::move(body);
   request.httpMethod = method;
   request.setValue("text/json", "Content-Type");
 

@@ -23,7 +23,7 @@ std::string envelope(std::string_view prefix, const std::string& operation,
   if (parameters.is_object()) {
     for (const auto& [key, value] : parameters.items()) {
       text.append("<").append(key).append(">");
-      text.append(detail::describeParameter(value));
+      detail::appendParameter(text, value);
       text.append("</").append(key).append(">");
     }
   }

@@ -5,6 +5,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <iterator>
 
 namespace kq::detail {
 namespace {
@@ -47,17 +50,30 @@ std::size_t validSequenceLength(std::string_view text) {
 
 }  // namespace
 
-std::string describeParameter(const nlohmann::ordered_json& value) {
+void appendParameter(std::string& text, const nlohmann::ordered_json& value) {
   if (value.is_string()) {
-    return value.get_ref<const std::string&>();
+    text.append(value.get_ref<const std::string&>());
+  } else if (value.is_boolean()) {
+    text.append(describe(value.get<bool>()));
+  } else if (value.is_null()) {
+    text.append("<null>");
+  } else if (value.is_number_integer()) {
+    // The serialiser's decimal text, without setting one up: most parameters are ids.
+    char digits[24];
+    const auto end =
+        value.is_number_unsigned()
+            ? std::to_chars(std::begin(digits), std::end(digits), value.get<std::uint64_t>())
+            : std::to_chars(std::begin(digits), std::end(digits), value.get<std::int64_t>());
+    text.append(digits, end.ptr);
+  } else {
+    text.append(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
   }
-  if (value.is_boolean()) {
-    return describe(value.get<bool>());
-  }
-  if (value.is_null()) {
-    return "<null>";
-  }
-  return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string describeParameter(const nlohmann::ordered_json& value) {
+  std::string text;
+  appendParameter(text, value);
+  return text;
 }
 
 std::string decodeUTF8(std::string_view data) {

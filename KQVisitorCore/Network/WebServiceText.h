@@ -16,6 +16,8 @@ namespace kq::detail {
 /// decimal, booleans as 1 or 0 (a boolean number's text), null as "<null>" (the null object's
 /// text), arrays, objects and binary values as compact JSON.
 std::string describeParameter(const nlohmann::ordered_json& value);
+/// describeParameter(value) appended to `text`.
+void appendParameter(std::string& text, const nlohmann::ordered_json& value);
 
 /// `data` as UTF-8 text: valid UTF-8 is kept byte for byte, each invalid sequence becomes
 /// U+FFFD, so that the text can always be put into JSON.

@@ -5,24 +5,32 @@
 namespace kq {
 namespace {
 
-constexpr std::array<bool, 128> makeLegalTable() {
-  std::array<bool, 128> legal{};
+// How each byte is written: as it is, escaped, or as it is only where it stands (a '%' that
+// begins an escape already made, the brackets of an IPv6 literal host).
+enum class Escaping : unsigned char { Keep, Escape, KeepWhereItStands };
+
+constexpr std::array<Escaping, 256> makeEscapingTable() {
+  std::array<Escaping, 256> table{};
+  table.fill(Escaping::Escape);
   for (char c = 'a'; c <= 'z'; ++c) {
-    legal[static_cast<unsigned char>(c)] = true;
+    table[static_cast<unsigned char>(c)] = Escaping::Keep;
   }
   for (char c = 'A'; c <= 'Z'; ++c) {
-    legal[static_cast<unsigned char>(c)] = true;
+    table[static_cast<unsigned char>(c)] = Escaping::Keep;
   }
   for (char c = '0'; c <= '9'; ++c) {
-    legal[static_cast<unsigned char>(c)] = true;
+    table[static_cast<unsigned char>(c)] = Escaping::Keep;
   }
   for (const char c : std::string_view("-_.!~*'();/?:@&=+$,#")) {
-    legal[static_cast<unsigned char>(c)] = true;
+    table[static_cast<unsigned char>(c)] = Escaping::Keep;
   }
-  return legal;
+  for (const char c : std::string_view("%[]")) {
+    table[static_cast<unsigned char>(c)] = Escaping::KeepWhereItStands;
+  }
+  return table;
 }
 
-constexpr std::array<bool, 128> kLegal = makeLegalTable();
+constexpr std::array<Escaping, 256> kEscaping = makeEscapingTable();
 
 bool isHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
@@ -52,16 +60,17 @@ std::string stringByAddingPercentEscapes(std::string_view text) {
   std::size_t kept = 0;  // start of the run of bytes kept as they are, not yet copied
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    const bool keep = (byte < 128 && kLegal[byte]) ||
-                      (byte == '%' && i + 2 < text.size() && isHexDigit(text[i + 1]) &&
-                       isHexDigit(text[i + 2])) ||
-                      ((byte == '[' || byte == ']') && (i == hostStart || i == hostEnd));
-    if (!keep) {
-      escaped.append(text, kept, i - kept);
-      const char escape[3] = {'%', kHex[byte >> 4U], kHex[byte & 0x0FU]};
-      escaped.append(escape, sizeof escape);
-      kept = i + 1;
+    const Escaping escaping = kEscaping[byte];
+    if (escaping == Escaping::Keep ||
+        (escaping == Escaping::KeepWhereItStands &&
+         (byte == '%' ? i + 2 < text.size() && isHexDigit(text[i + 1]) && isHexDigit(text[i + 2])
+                      : i == hostStart || i == hostEnd))) {
+      continue;
     }
+    escaped.append(text, kept, i - kept);
+    const char escape[3] = {'%', kHex[byte >> 4U], kHex[byte & 0x0FU]};
+    escaped.append(escape, sizeof escape);
+    kept = i + 1;
   }
   escaped.append(text, kept);
   return escaped;

@@ -7,6 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
+
 namespace kq {
 namespace {
 
@@ -24,13 +27,20 @@ TEST(KQVisitorWebServiceUrlBuilderTest, WritesEachParameterInOrderWithATrailingA
   EXPECT_EQ(KQVisitorWebService::urlBuilder(Json::object()), "?");
   EXPECT_EQ(KQVisitorWebService::urlBuilder(nullptr), "?");
   // Values as their text, nothing escaped at this step.
-  const Json values = {
-      {"t", true}, {"f", false},     {"n", nullptr},
-      {"d", 2.5},  {"neg", -7},      {"s", "a b&c=d"},
-      {"e", ""},   {"list", {1, 2}}, {"date", Date::dateWithTimeIntervalSince1970(1794701152)}};
+  const Json values = {{"t", true},
+                       {"f", false},
+                       {"n", nullptr},
+                       {"d", 2.5},
+                       {"neg", -7},
+                       {"s", "a b&c=d"},
+                       {"e", ""},
+                       {"list", {1, 2}},
+                       {"date", Date::dateWithTimeIntervalSince1970(1794701152)},
+                       {"max", std::numeric_limits<std::uint64_t>::max()},
+                       {"min", std::numeric_limits<std::int64_t>::min()}};
   EXPECT_EQ(KQVisitorWebService::urlBuilder(values),
             "?t=1&f=0&n=<null>&d=2.5&neg=-7&s=a b&c=d&e=&list=[1,2]&date=2026-11-15 00:05:52 "
-            "+0000&");
+            "+0000&max=18446744073709551615&min=-9223372036854775808&");
 }
 
 TEST(KQVisitorWebServiceResultTest, CleansTheServicesDoubleEncodingBeforeParsing) {
