@@ -136,7 +136,8 @@ void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json
           return;
         }
         if (success) {
-          success(nullptr, resultFromResponseData(data.value_or(std::string())));
+          success(nullptr,
+                  resultFromResponseData(data ? std::string_view(*data) : std::string_view()));
         }
       });
 
