@@ -76,12 +76,13 @@ void KQVisitorWebService::logout() {
 
 std::string KQVisitorWebService::jsonServiceBaseURL() const {
   if (isHTTPClient()) {
-    return KQVisitorConfig::sharedFor({"jsonServiceBetaOrigin", "caFile"}).jsonServiceBetaOrigin +
-           std::string(kBetaServicePath);
+    return KQVisitorConfig::sharedSetting(&KQVisitorConfig::jsonServiceBetaOrigin,
+                                          {"jsonServiceBetaOrigin", "caFile"})
+        .append(kBetaServicePath);
   }
-  return KQVisitorConfig::sharedFor({"jsonServiceProductionOrigin", "caFile"})
-             .jsonServiceProductionOrigin +
-         std::string(kProductionServicePath);
+  return KQVisitorConfig::sharedSetting(&KQVisitorConfig::jsonServiceProductionOrigin,
+                                        {"jsonServiceProductionOrigin", "caFile"})
+      .append(kProductionServicePath);
 }
 
 std::string KQVisitorWebService::urlBuilder(const nlohmann::ordered_json& parameters) {

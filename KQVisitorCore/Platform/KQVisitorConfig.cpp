@@ -276,9 +276,11 @@ KQVisitorConfig KQVisitorConfig::shared() {
   return loaded;
 }
 
-KQVisitorConfig KQVisitorConfig::sharedFor(std::initializer_list<std::string_view> keys) {
-  KQVisitorConfig config = shared();
-  std::scoped_lock lock(sharedMutex());
+namespace {
+
+// Throws the problem of the configuration file when it concerns one of `keys`. The caller holds
+// sharedMutex().
+void refuseIfConcerned(std::initializer_list<std::string_view> keys) {
   const auto& problem = loadProblemSlot();
   if (problem) {
     const bool concernsAll = !isKnownKey(problem->key());
@@ -288,7 +290,27 @@ KQVisitorConfig KQVisitorConfig::sharedFor(std::initializer_list<std::string_vie
       }
     }
   }
+}
+
+}  // namespace
+
+KQVisitorConfig KQVisitorConfig::sharedFor(std::initializer_list<std::string_view> keys) {
+  KQVisitorConfig config = shared();
+  std::scoped_lock lock(sharedMutex());
+  refuseIfConcerned(keys);
   return config;
+}
+
+std::string KQVisitorConfig::sharedSetting(std::string KQVisitorConfig::*setting,
+                                           std::initializer_list<std::string_view> keys) {
+  {
+    std::scoped_lock lock(sharedMutex());
+    if (sharedSlot()) {
+      refuseIfConcerned(keys);
+      return (*sharedSlot()).*setting;
+    }
+  }
+  return sharedFor(keys).*setting;  // the first use loads the settings
 }
 
 void KQVisitorConfig::setShared(const KQVisitorConfig& config) {

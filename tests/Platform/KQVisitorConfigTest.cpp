@@ -146,6 +146,15 @@ TEST(KQVisitorConfigTest, ABrokenFileNeverThrowsAndOnlyWhatNeedsTheBrokenSetting
     if (!refuses({"xmppHost", "xmppPort"}) || refuses({"soapServiceOrigin"})) {
       return std::string("sharedFor refuses the wrong settings");
     }
+    try {
+      KQVisitorConfig::sharedSetting(&KQVisitorConfig::xmppHost, {"xmppHost", "xmppPort"});
+      return std::string("sharedSetting hands out a setting the broken one concerns");
+    } catch (const KQVisitorConfig::Error&) {
+    }
+    if (KQVisitorConfig::sharedSetting(&KQVisitorConfig::soapNamespace, {"soapNamespace"}) !=
+        KQVisitorConfig{}.soapNamespace) {
+      return std::string("sharedSetting does not hand out the default that stands in");
+    }
     // The connection that needs the broken port fails, instead of going to a default server.
     auto user = std::make_shared<KQVisitorUser>();
     user->setUserId("v1");
