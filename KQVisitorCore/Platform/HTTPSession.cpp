@@ -483,27 +483,25 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   // "Expect:" with no value stops libcurl from waiting for "100 Continue" before large bodies;
   // "Accept-Encoding:" drops libcurl's own field, so that no compression is asked for (see the
   // class comment) unless the request asks itself.
-  std::vector<std::string> lines;
-  if (request.httpBody) {
-    lines.emplace_back("Expect:");
-  }
-  if (!request.valueForHTTPHeaderField("Accept-Encoding")) {
-    lines.emplace_back("Accept-Encoding:");
-  }
+  curl_slist* list = nullptr;
+  const auto append = [&list](const char* line) {
+    curl_slist* longer = curl_slist_append(list, line);  // null, and `list` intact, on failure
+    list = longer != nullptr ? longer : list;
+    return longer != nullptr;
+  };
+  bool complete =
+      (!request.httpBody || append("Expect:")) &&
+      (request.valueForHTTPHeaderField("Accept-Encoding") || append("Accept-Encoding:"));
+  std::string line;
   for (const auto& [name, value] : request.allHTTPHeaderFields.fields()) {
     // "Name;" is libcurl's way of sending a field with an empty value.
-    lines.push_back(name + (value.empty() ? ";" : ": ") + value);
-  }
-  curl_slist* list = nullptr;
-  for (const auto& line : lines) {
-    curl_slist* longer = curl_slist_append(list, line.c_str());
-    if (longer == nullptr) {
-      curl_slist_free_all(list);
-      return transportError(CURLE_OUT_OF_MEMORY, "Out of memory.", request.url);
-    }
-    list = longer;
+    line.assign(name).append(value.empty() ? ";" : ": ").append(value);
+    complete = complete && append(line.c_str());
   }
   transfer.headers.reset(list);
+  if (!complete) {
+    return transportError(CURLE_OUT_OF_MEMORY, "Out of memory.", request.url);
+  }
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, list);
   return std::nullopt;
 }
