@@ -395,7 +395,6 @@ std::optional<KQError> HTTPSession::Impl::takeHandle(Transfer& transfer) {
   curl_easy_setopt(handle, CURLOPT_COOKIEFILE, "");  // cookie engine on, nothing read from disk
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, receiveHeader);
-  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, reportProgress);
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
@@ -464,6 +463,9 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
+  // Progress is followed while a body goes out, to report it and to see an upload move; what
+  // arrives, the two receive callbacks see.
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, request.httpBody ? 0L : 1L);
 
   // A handle comes set for a GET.
   if (request.httpBody) {

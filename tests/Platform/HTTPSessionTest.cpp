@@ -8,9 +8,14 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -286,6 +291,82 @@ TEST(HTTPSessionTimeoutTest, ARequestWithNoAnswerFailsOnceItHasBeenIdleForItsTim
   EXPECT_EQ(error->code, HTTPSession::kErrorTimedOut);
   EXPECT_NE(error->description().find("60000 ms"), std::string::npos) << error->description();
   silent.release();
+}
+
+// Idle means nothing moved: an answer whose parts keep arriving, each within the time-out of the
+// one before, completes however long it takes in all.
+TEST(HTTPSessionTimeoutTest, AnAnswerThatKeepsArrivingIsNeverIdle) {
+  test::ManualClockScope clock;
+  RecordingHTTPServer answering;
+  const auto session = HTTPSession::create({});
+
+  // One connection, answered in three parts, each written when the test says.
+  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(listener, 1), 0);
+  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::array<std::string, 3> parts = {
+      "HTTP/1.1 200 OK\r\nContent-Length: 6\r\nConnection: close\r\n\r\nab", "cd", "ef"};
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t allowed = 0;  // guarded by mutex: parts the server may write
+  std::size_t written = 0;  // guarded by mutex
+  std::thread server([&] {
+    const int connection = ::accept(listener, nullptr, nullptr);
+    std::string request;
+    char buffer[4096];
+    while (connection >= 0 && request.find("\r\n\r\n") == std::string::npos) {
+      const ssize_t got = ::read(connection, buffer, sizeof buffer);
+      if (got <= 0) {
+        break;
+      }
+      request.append(buffer, static_cast<std::size_t>(got));
+    }
+    for (const auto& part : parts) {
+      std::unique_lock lock(mutex);
+      changed.wait(lock, [&] { return allowed > written; });
+      if (connection >= 0) {
+        EXPECT_EQ(::write(connection, part.data(), part.size()), static_cast<ssize_t>(part.size()));
+      }
+      ++written;
+      changed.notify_all();
+    }
+    ::close(connection);
+  });
+  // Lets the server write its next part and waits until it has.
+  const auto writeNextPart = [&] {
+    std::unique_lock lock(mutex);
+    ++allowed;
+    changed.notify_all();
+    changed.wait(lock, [&] { return written == allowed; });
+  };
+
+  std::promise<Outcome> finished;
+  session->dataTaskWithRequest(
+      HTTPRequest("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/slow", 60s),
+      [&](std::optional<std::string> data, std::optional<HTTPResponse> response,
+          std::optional<KQError> error) {
+        finished.set_value({std::move(data), std::move(response), std::move(error)});
+      });
+  writeNextPart();
+  drain(session, answering.origin() + "/probe");  // the session has read what was written
+  clock->advance(40s);
+  writeNextPart();
+  drain(session, answering.origin() + "/probe");
+  clock->advance(40s);  // 80 s since the request went out, 40 s since anything arrived
+  writeNextPart();
+  server.join();
+  ::close(listener);
+
+  auto outcome = finished.get_future();
+  ASSERT_EQ(outcome.wait_for(test::kPatience), std::future_status::ready);
+  const Outcome got = outcome.get();
+  EXPECT_FALSE(got.error) << got.error->description();
+  EXPECT_EQ(got.data, "abcdef");
 }
 
 TEST_F(HTTPSessionTest, CancellingOrClosingTheSessionEndsRunningTasksAsCancelled) {
