@@ -9,9 +9,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kq::bench {
@@ -77,22 +79,24 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, std::vector<std::pair<std::string, double>>> rows_;
 };
 
-/// main() of a benchmark program that reports ratios: five interleaved repetitions unless the
-/// command line asks otherwise.
+/// main() of a benchmark program that reports ratios: five repetitions unless the command line
+/// asks for another number, always in random interleaving unless it turns that off.
 inline int runWithRatios(int argc, char** argv) {
   std::vector<char*> arguments(argv, argv + argc);
   std::string repetitions = "--benchmark_repetitions=5";
   std::string interleaving = "--benchmark_enable_random_interleaving=true";
   std::string aggregates = "--benchmark_report_aggregates_only=true";
-  bool repetitionsGiven = false;
-  for (int i = 1; i < argc; ++i) {
-    repetitionsGiven =
-        repetitionsGiven || std::string(argv[i]).starts_with("--benchmark_repetitions");
-  }
-  if (!repetitionsGiven) {
+  const auto given = [&](std::string_view flag) {
+    return std::any_of(argv + 1, argv + argc, [&](const char* argument) {
+      return std::string_view(argument).starts_with(flag);
+    });
+  };
+  if (!given("--benchmark_repetitions")) {
     arguments.push_back(repetitions.data());
-    arguments.push_back(interleaving.data());
     arguments.push_back(aggregates.data());
+  }
+  if (!given("--benchmark_enable_random_interleaving")) {
+    arguments.push_back(interleaving.data());
   }
   int count = static_cast<int>(arguments.size());
   benchmark::Initialize(&count, arguments.data());
