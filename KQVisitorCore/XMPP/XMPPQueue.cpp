@@ -57,12 +57,20 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   // A forwarding queue.
   std::shared_ptr<DispatchQueue> target;
 
+  std::mutex running;  // held by whichever thread runs the queue's work (see Turn)
   std::mutex mutex;
   TimedTasks timed;            // guarded by mutex
   std::deque<Task> submitted;  // guarded by mutex
   bool runScheduled = false;   // guarded by mutex: runSubmitted() will run
   bool stopped = false;        // guarded by mutex
 };
+
+namespace {
+
+// The queue whose turn the calling thread holds, when it is not the queue's own thread.
+thread_local const XMPPQueue::Impl* heldQueue = nullptr;
+
+}  // namespace
 
 void XMPPQueue::Impl::postRearm() {
   submit([weak = weak_from_this()] {
@@ -96,6 +104,7 @@ void XMPPQueue::Impl::submit(Task task) {
 }
 
 void XMPPQueue::Impl::runSubmitted() {
+  const std::scoped_lock turn(running);
   std::deque<Task> tasks;
   {
     std::scoped_lock lock(mutex);
@@ -162,6 +171,7 @@ void XMPPQueue::Impl::rearm() {
 }
 
 void XMPPQueue::Impl::runDue() {
+  const std::scoped_lock turn(running);
   for (;;) {
     Task task;
     {
@@ -245,7 +255,44 @@ bool XMPPQueue::isCurrent() const {
   if (impl_->target) {
     return impl_->target->isCurrent();
   }
-  return impl_->threadId.load() == std::this_thread::get_id();
+  return heldQueue == impl_.get() || impl_->threadId.load() == std::this_thread::get_id();
+}
+
+XMPPQueue::Turn::Turn(const Impl* queue, std::unique_lock<std::mutex> lock)
+    : queue_(queue), previous_(heldQueue), lock_(std::move(lock)) {
+  heldQueue = queue_;
+}
+
+XMPPQueue::Turn::Turn(Turn&& other) noexcept
+    : queue_(other.queue_), previous_(other.previous_), lock_(std::move(other.lock_)) {
+  other.queue_ = nullptr;
+}
+
+XMPPQueue::Turn::~Turn() {
+  if (queue_ != nullptr) {
+    heldQueue = previous_;
+  }
+}
+
+XMPPQueue::Turn XMPPQueue::turn() {
+  return Turn(impl_.get(), std::unique_lock(impl_->running));
+}
+
+std::optional<XMPPQueue::Turn> XMPPQueue::tryTurn() {
+  if (impl_->target || isCurrent()) {
+    return std::nullopt;
+  }
+  std::unique_lock lock(impl_->running, std::try_to_lock);
+  if (!lock.owns_lock()) {
+    return std::nullopt;
+  }
+  {
+    std::scoped_lock state(impl_->mutex);
+    if (impl_->stopped || !impl_->submitted.empty()) {
+      return std::nullopt;
+    }
+  }
+  return Turn(impl_.get(), std::move(lock));
 }
 
 TimerQueue::TaskId XMPPQueue::scheduleAt(Clock::TimePoint deadline, Task task) {

@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 namespace asio {
@@ -22,6 +24,9 @@ namespace kq::xmpp {
 /// main queue).
 class XMPPQueue final : public TimerQueue {
  public:
+  /// The queue's state; private to XMPPQueue.cpp.
+  struct Impl;
+
   /// Stops the thread of a queue of its own; tasks that have not run are dropped. Safe on the
   /// queue's own thread (the thread ends after its current task).
   ~XMPPQueue() override;
@@ -37,16 +42,43 @@ class XMPPQueue final : public TimerQueue {
   /// Thread-safe.
   void async(Task task);
 
+  /// True on the queue's thread, and on a thread while it holds a Turn of the queue.
   [[nodiscard]] bool isCurrent() const override;
+
+  /// The queue held by one thread: while a Turn lives, nothing else runs on the queue and
+  /// isCurrent() is true on the thread that took it. The queue's own thread takes one for each
+  /// task, timer and socket event it runs.
+  class Turn {
+   public:
+    Turn(Turn&& other) noexcept;
+    Turn& operator=(Turn&&) = delete;
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn();
+
+   private:
+    friend class XMPPQueue;
+    Turn(const Impl* queue, std::unique_lock<std::mutex> lock);
+    const Impl* queue_;
+    const Impl* previous_;
+    std::unique_lock<std::mutex> lock_;
+  };
+
+  /// Waits until the queue runs nothing and takes a turn: for the queue's own event handlers.
+  /// Not on a thread that holds a turn of this queue already.
+  [[nodiscard]] Turn turn();
+
+  /// A turn for the calling thread when the queue is idle: running nothing, with nothing
+  /// submitted. Work that would be submitted can then run at once on the caller's thread, and
+  /// still in order. Empty when the queue is busy, when the caller is on the queue already, and
+  /// for a forwarding queue. Never waits.
+  [[nodiscard]] std::optional<Turn> tryTurn();
   TaskId scheduleAt(Clock::TimePoint deadline, Task task) override;
   Task cancel(TaskId id) override;
 
   /// The event loop of a queue of its own (null for a forwarding queue). For the library's
   /// sockets.
   [[nodiscard]] asio::io_context* ioContext() const;
-
-  /// The queue's state; private to XMPPQueue.cpp.
-  struct Impl;
 
  private:
   explicit XMPPQueue(std::shared_ptr<Impl> impl);

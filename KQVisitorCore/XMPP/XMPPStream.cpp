@@ -10,6 +10,7 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPTransport.h>
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -20,8 +21,6 @@
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
 #include <asio/ssl/context.hpp>
-#include <asio/ssl/stream.hpp>
-#include <asio/write.hpp>
 
 #include <algorithm>
 #include <array>
@@ -100,16 +99,15 @@ void invalidate(std::shared_ptr<Timer>& timer) {
 }  // namespace
 
 // One TCP connection and everything that lives and dies with it: the socket, the parser, the
-// negotiation's progress, the write queue, the timers and the IQs waiting for an answer. A new
-// connection starts from a new object, so nothing of an earlier one can leak into it. Every
-// asynchronous operation holds the connection, so a buffer handed to the socket outlives the
-// operation even after the stream has moved on.
+// negotiation's progress, what waits to be written, the timers and the IQs waiting for an
+// answer. A new connection starts from a new object, so nothing of an earlier one can leak into
+// it. Every asynchronous operation holds the connection.
 struct Connection {
   explicit Connection(asio::io_context& context) : resolver(context), socket(context) {}
 
   tcp::resolver resolver;
   tcp::socket socket;
-  std::unique_ptr<asio::ssl::stream<tcp::socket&>> tls;
+  std::unique_ptr<XMPPTransport> transport;  // once connected
   std::array<char, 16384> readBuffer{};
   std::unique_ptr<XMPPParser> parser;
 
@@ -120,8 +118,8 @@ struct Connection {
   std::uint16_t port = 0;
   std::string domain;
 
-  std::deque<std::string> writeQueue;  // the front is being written while `writing`
-  bool writing = false;
+  std::deque<std::string> held;  // written while connecting or securing: sent after that
+  bool waitingToWrite = false;   // the transport keeps bytes until the socket takes them
   bool closeAfterWriting = false;
   bool toldToDisconnect = false;
 
@@ -214,9 +212,11 @@ struct XMPPStream::Impl {
   void newParser(Connection& current);
   void openStream();
   void read(const std::shared_ptr<Connection>& current);
-  void onRead(const std::shared_ptr<Connection>& current, std::size_t length);
-  void write(std::string text);
-  void writeNext();
+  void readAvailable(const std::shared_ptr<Connection>& current);
+  bool onRead(const std::shared_ptr<Connection>& current, std::size_t length);
+  void write(std::string_view text);
+  void waitToWrite(const std::shared_ptr<Connection>& current);
+  void closeLater(const std::shared_ptr<Connection>& current, std::optional<KQError> error);
   static void ackQuicklyWhileNegotiating(Connection& current);
   void sendNow(XMPPElement element);
 
@@ -225,6 +225,7 @@ struct XMPPStream::Impl {
   void handleFeatures(const XMPPElement& features);
   void beginTLS();
   void handshake(const XMPPTLSSettings& settings);
+  void continueHandshake(const std::shared_ptr<Connection>& current);
   void becomeReady(const XMPPElement& features);
   void startAuthentication(const std::shared_ptr<XMPPSASLAuthentication>& authentication);
   void handleSASL(const XMPPElement& element);
@@ -291,6 +292,7 @@ void XMPPStream::Impl::startConnect(std::chrono::duration<double> timeout) {
       current->host, std::to_string(current->port),
       [stream, current](const asio::error_code& error, const tcp::resolver::results_type& found) {
         Impl& impl = *stream->impl_;
+        const auto turn = impl.queue->turn();
         if (impl.connection != current) {
           return;
         }
@@ -310,6 +312,7 @@ void XMPPStream::Impl::onResolved(const std::shared_ptr<Connection>& current,
       current->socket, endpoints,
       [stream, current](const asio::error_code& error, const tcp::endpoint&) {
         Impl& impl = *stream->impl_;
+        const auto turn = impl.queue->turn();
         if (impl.connection != current) {
           return;
         }
@@ -326,6 +329,13 @@ void XMPPStream::Impl::onResolved(const std::shared_ptr<Connection>& current,
 void XMPPStream::Impl::onTCPConnected(const std::shared_ptr<Connection>& current) {
   asio::error_code ignored;
   current->socket.set_option(tcp::no_delay(true), ignored);
+  current->socket.non_blocking(true, ignored);
+  current->transport = std::make_unique<XMPPTransport>(current->socket.native_handle());
+  auto held = std::move(current->held);
+  current->held.clear();
+  for (const auto& text : held) {
+    write(text);
+  }
   setState(XMPPStreamState::Negotiating);
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamSocketDidConnect(sender);
@@ -376,8 +386,8 @@ void XMPPStream::Impl::requestDisconnect() {
     close(std::nullopt);
     return;
   }
-  write("</stream:stream>");
   connection->closeAfterWriting = true;
+  write("</stream:stream>");
 }
 
 void XMPPStream::Impl::close(const std::optional<KQError>& error) {
@@ -448,31 +458,55 @@ void XMPPStream::Impl::openStream() {
         "' version='1.0' xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>");
 }
 
+// Waits for the socket to have something to read, then reads all of it.
 void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
   auto stream = self();
-  auto handler = [stream, current](const asio::error_code& error, std::size_t length) {
-    Impl& impl = *stream->impl_;
-    if (impl.connection != current) {
-      return;
-    }
-    if (error) {
+  current->socket.async_wait(
+      tcp::socket::wait_read, [stream, current](const asio::error_code& error) {
+        Impl& impl = *stream->impl_;
+        const auto turn = impl.queue->turn();
+        if (impl.connection != current) {
+          return;
+        }
+        if (error) {
+          impl.close(streamError(kErrorSocket, "Reading failed: " + error.message()));
+          return;
+        }
+        impl.readAvailable(current);
+      });
+}
+
+void XMPPStream::Impl::readAvailable(const std::shared_ptr<Connection>& current) {
+  for (;;) {
+    const XMPPTransport::Result result =
+        current->transport->read(current->readBuffer.data(), current->readBuffer.size());
+    if (result.error) {
       if (current->toldToDisconnect) {
-        impl.close(std::nullopt);
-      } else if (error == asio::error::eof) {
-        impl.close(streamError(kErrorServerClosed, "The server closed the connection"));
+        close(std::nullopt);
       } else {
-        impl.close(streamError(current->tls ? kErrorTLS : kErrorSocket,
-                               "Reading failed: " + error.message()));
+        close(streamError(current->transport->isTLS() ? kErrorTLS : kErrorSocket,
+                          "Reading failed: " + *result.error));
       }
       return;
     }
-    impl.onRead(current, length);
-  };
-  if (current->tls) {
-    current->tls->async_read_some(asio::buffer(current->readBuffer), handler);
-  } else {
-    current->socket.async_read_some(asio::buffer(current->readBuffer), handler);
+    if (result.closed) {
+      close(
+          current->toldToDisconnect
+              ? std::nullopt
+              : std::optional(streamError(kErrorServerClosed, "The server closed the connection")));
+      return;
+    }
+    if (result.bytes == 0) {
+      break;  // all read: wait for more
+    }
+    if (!onRead(current, result.bytes)) {
+      return;
+    }
   }
+  if (current->transport->hasPending()) {
+    waitToWrite(current);  // reading made TLS answer, and the socket did not take it all
+  }
+  read(current);
 }
 
 // Until the resource is bound, every packet from the server is acknowledged at once. The server's
@@ -490,19 +524,21 @@ void XMPPStream::Impl::ackQuicklyWhileNegotiating(Connection& current) {
 #endif
 }
 
-void XMPPStream::Impl::onRead(const std::shared_ptr<Connection>& current, std::size_t length) {
+// Parses what one read brought; false when reading must not go on (the connection closed, or
+// TLS starts).
+bool XMPPStream::Impl::onRead(const std::shared_ptr<Connection>& current, std::size_t length) {
   ackQuicklyWhileNegotiating(*current);
   if (current->keepAliveTimer) {
     current->lastReceived = Clock::shared()->now();
   }
   {
     // What one read brings (often several stanzas, each for several delegates) reaches each
-    // delegate queue in one go, before the next read is started.
+    // delegate queue in one go.
     const DispatchQueue::Batch batch;
     current->parser->parseData(current->readBuffer.data(), length);
   }
   if (connection != current) {
-    return;  // closed while parsing
+    return false;  // closed while parsing
   }
   if (current->restartParserAfterChunk) {
     current->restartParserAfterChunk = false;
@@ -511,53 +547,77 @@ void XMPPStream::Impl::onRead(const std::shared_ptr<Connection>& current, std::s
   if (current->startTLSAfterChunk) {
     current->startTLSAfterChunk = false;
     beginTLS();
-    return;  // reading continues over TLS after the handshake
+    return false;  // reading goes on over TLS after the handshake
   }
-  read(current);
+  return true;
 }
 
-void XMPPStream::Impl::write(std::string text) {
-  if (!connection) {
-    return;
-  }
-  connection->writeQueue.push_back(std::move(text));
-  writeNext();
-}
-
-void XMPPStream::Impl::writeNext() {
+// Hands `text` to the transport, which sends at once what the socket takes. It never closes the
+// connection itself: a failure is reported from a task of its own, so that callers may go on
+// using the connection after writing.
+void XMPPStream::Impl::write(std::string_view text) {
   const auto& current = connection;
-  if (!current || current->writing || current->writeQueue.empty() ||
-      current->phase == Phase::Securing || current->phase == Phase::Resolving) {
+  if (!current) {
     return;
   }
-  current->writing = true;
-  auto stream = self();
-  auto handler = [stream, current](const asio::error_code& error, std::size_t /*length*/) {
-    // `current` owns the buffer that was written, whatever became of the stream meanwhile.
-    current->writing = false;
-    current->writeQueue.pop_front();
-    Impl& impl = *stream->impl_;
-    if (impl.connection != current) {
-      return;
-    }
-    if (error) {
-      impl.close(streamError(current->tls ? kErrorTLS : kErrorSocket,
-                             "Writing failed: " + error.message()));
-      return;
-    }
-    if (current->writeQueue.empty() && current->closeAfterWriting) {
-      impl.close(std::nullopt);
-      return;
-    }
-    ackQuicklyWhileNegotiating(*current);
-    impl.writeNext();
-  };
-  const std::string& front = current->writeQueue.front();
-  if (current->tls) {
-    asio::async_write(*current->tls, asio::buffer(front), handler);
-  } else {
-    asio::async_write(current->socket, asio::buffer(front), handler);
+  if (!current->transport || current->phase == Phase::Securing) {
+    current->held.emplace_back(text);
+    return;
   }
+  const XMPPTransport::Result result = current->transport->write(text);
+  if (result.error) {
+    closeLater(current, streamError(current->transport->isTLS() ? kErrorTLS : kErrorSocket,
+                                    "Writing failed: " + *result.error));
+    return;
+  }
+  ackQuicklyWhileNegotiating(*current);
+  if (current->transport->hasPending()) {
+    waitToWrite(current);
+  } else if (current->closeAfterWriting) {
+    closeLater(current, std::nullopt);
+  }
+}
+
+// Waits for the socket to take what the transport keeps, and sends it.
+void XMPPStream::Impl::waitToWrite(const std::shared_ptr<Connection>& current) {
+  if (current->waitingToWrite) {
+    return;
+  }
+  current->waitingToWrite = true;
+  auto stream = self();
+  current->socket.async_wait(
+      tcp::socket::wait_write, [stream, current](const asio::error_code& error) {
+        Impl& impl = *stream->impl_;
+        const auto turn = impl.queue->turn();
+        current->waitingToWrite = false;
+        if (impl.connection != current) {
+          return;
+        }
+        const XMPPTransport::Result result = current->transport->flush();
+        if (error || result.error) {
+          impl.close(streamError(current->transport->isTLS() ? kErrorTLS : kErrorSocket,
+                                 "Writing failed: " + (error ? error.message() : *result.error)));
+          return;
+        }
+        ackQuicklyWhileNegotiating(*current);
+        if (current->transport->hasPending()) {
+          impl.waitToWrite(current);
+        } else if (current->closeAfterWriting) {
+          impl.close(std::nullopt);
+        }
+      });
+}
+
+// Closes `current` from a task of its own, if it is still the stream's connection then.
+void XMPPStream::Impl::closeLater(const std::shared_ptr<Connection>& current,
+                                  std::optional<KQError> error) {
+  auto stream = self();
+  queue->async([stream, current, error = std::move(error)] {
+    Impl& impl = *stream->impl_;
+    if (impl.connection == current) {
+      impl.close(error);
+    }
+  });
 }
 
 void XMPPStream::Impl::sendNow(XMPPElement element) {
@@ -703,19 +763,16 @@ void XMPPStream::Impl::handshake(const XMPPTLSSettings& settings) {
     tlsContext = std::move(context);
   }
   auto current = connection;
-  current->tls = std::make_unique<asio::ssl::stream<tcp::socket&>>(current->socket, *tlsContext);
-  SSL* ssl = current->tls->native_handle();
-  // asio asks OpenSSL to free its record buffers whenever they run empty, which for a chat
-  // stream means two 17 kB allocations and frees per stanza each way. Keep them for the
-  // connection's life instead (about 34 kB per stream).
-  SSL_clear_mode(ssl, SSL_MODE_RELEASE_BUFFERS);
   std::string name;
   if (settings.peerNameCheck == XMPPTLSSettings::PeerNameCheck::Host) {
     name = current->host;
   } else if (settings.peerNameCheck == XMPPTLSSettings::PeerNameCheck::Name) {
     name = settings.peerName;
   }
-  if (!name.empty()) {
+  const bool started = current->transport->startTLS(tlsContext->native_handle(), [&name](SSL* ssl) {
+    if (name.empty()) {
+      return;
+    }
     if (isAddress(name)) {
       X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name.c_str());
     } else {
@@ -724,33 +781,56 @@ void XMPPStream::Impl::handshake(const XMPPTLSSettings& settings) {
       SSL_ctrl(ssl, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
                const_cast<char*>(name.c_str()));
     }
+  });
+  if (!started) {
+    close(streamError(kErrorTLS, "TLS failed: OpenSSL could not start a session"));
+    return;
   }
-  auto stream = self();
-  current->tls->async_handshake(
-      asio::ssl::stream_base::client, [stream, current](const asio::error_code& error) {
-        Impl& impl = *stream->impl_;
-        if (impl.connection != current) {
-          return;
-        }
-        if (error) {
-          std::string reason = error.message();
-          const long verify = SSL_get_verify_result(current->tls->native_handle());
-          if (verify != X509_V_OK) {
-            reason = X509_verify_cert_error_string(verify);
+  continueHandshake(current);
+}
+
+// Takes the handshake as far as the socket allows, then waits for the server's next bytes.
+void XMPPStream::Impl::continueHandshake(const std::shared_ptr<Connection>& current) {
+  const XMPPTransport::Result result = current->transport->handshake();
+  if (result.error) {
+    close(streamError(kErrorTLS, "TLS failed: " + *result.error));
+    return;
+  }
+  if (current->transport->hasPending()) {
+    waitToWrite(current);
+  }
+  if (!current->transport->handshakeDone()) {
+    auto stream = self();
+    current->socket.async_wait(
+        tcp::socket::wait_read, [stream, current](const asio::error_code& error) {
+          Impl& impl = *stream->impl_;
+          const auto turn = impl.queue->turn();
+          if (impl.connection != current) {
+            return;
           }
-          impl.close(streamError(kErrorTLS, "TLS failed: " + reason));
-          return;
-        }
-        {
-          std::scoped_lock lock(impl.mutex);
-          impl.secure = true;
-        }
-        impl.notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-          delegate.xmppStreamDidSecure(sender);
+          if (error) {
+            impl.close(streamError(kErrorTLS, "TLS failed: " + error.message()));
+            return;
+          }
+          impl.continueHandshake(current);
         });
-        impl.openStream();
-        impl.read(current);
-      });
+    return;
+  }
+  {
+    std::scoped_lock lock(mutex);
+    secure = true;
+  }
+  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+    delegate.xmppStreamDidSecure(sender);
+  });
+  auto held = std::move(current->held);
+  current->held.clear();
+  current->phase = Phase::Opening;  // no longer holding writes back
+  for (const auto& text : held) {
+    write(text);
+  }
+  openStream();
+  read(current);
 }
 
 void XMPPStream::Impl::becomeReady(const XMPPElement& features) {
@@ -1192,6 +1272,10 @@ bool XMPPStream::authenticate(const std::shared_ptr<XMPPSASLAuthentication>& aut
 }
 
 void XMPPStream::sendElement(const XMPPElement& element) {
+  if (const auto turn = impl_->queue->tryTurn()) {
+    impl_->sendNow(element.copy());
+    return;
+  }
   auto self = shared_from_this();
   impl_->queue->async([self, copy = element.copy()] { self->impl_->sendNow(copy); });
 }
@@ -1199,6 +1283,10 @@ void XMPPStream::sendElement(const XMPPElement& element) {
 void XMPPStream::sendElement(XMPPElement&& element) {
   if (!element.isSoleHandleOnTree()) {
     sendElement(static_cast<const XMPPElement&>(element));
+    return;
+  }
+  if (const auto turn = impl_->queue->tryTurn()) {
+    impl_->sendNow(std::move(element));
     return;
   }
   auto self = shared_from_this();

@@ -173,6 +173,11 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// Sends a copy of `element` (taken now, on the calling thread). Sent only while connected;
   /// otherwise did-fail-to-send-element reports it. Elements sent from one thread leave in the
   /// order they were sent; between threads there is no order.
+  ///
+  /// When the stream's queue is idle, the element is written on the calling thread before this
+  /// returns, as the stream's queue would write it (delegates still hear of it on their
+  /// queues); what the socket cannot take at once, and every element sent while the queue is
+  /// busy, is written by the stream's own thread. The call never waits for the network.
   void sendElement(const XMPPElement& element);
   /// The same; a temporary element that no other handle shares is sent as it is, not copied.
   void sendElement(XMPPElement&& element);

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
 #include <mutex>
@@ -77,6 +78,53 @@ TEST(XMPPQueueTest, TasksGivenWhileATaskRunsAreNotLeftWaiting) {
   ASSERT_EQ(later.get_future().wait_for(test::kPatience), std::future_status::ready);
   std::thread([&] { queue->async([&] { last.set_value(); }); }).join();
   ASSERT_EQ(last.get_future().wait_for(test::kPatience), std::future_status::ready);
+}
+
+// A turn lets another thread run the queue's work while the queue is idle; the queue's own
+// tasks wait for it, and no turn is given while the queue runs something.
+TEST(XMPPQueueTest, ATurnIsGivenOnlyWhileTheQueueIsIdleAndHoldsTheQueueBack) {
+  auto queue = XMPPQueue::create("kq.test.xmpp.turn");
+  std::atomic<bool> turnHeld{false};
+  std::atomic<bool> ranDuringTurn{false};
+  std::promise<void> ran;
+  auto hasRun = ran.get_future();
+  {
+    auto turn = queue->tryTurn();
+    ASSERT_TRUE(turn);
+    turnHeld = true;
+    EXPECT_TRUE(queue->isCurrent());
+    EXPECT_FALSE(queue->tryTurn());  // one turn per thread
+    std::thread([&] { EXPECT_FALSE(queue->tryTurn()); }).join();
+    queue->async([&] {
+      ranDuringTurn = turnHeld.load();
+      ran.set_value();
+    });
+    // Given time to run, the task still waits (a slow machine only makes this wait longer).
+    EXPECT_EQ(hasRun.wait_for(100ms), std::future_status::timeout);
+    turnHeld = false;
+  }
+  EXPECT_FALSE(queue->isCurrent());
+  ASSERT_EQ(hasRun.wait_for(test::kPatience), std::future_status::ready);
+  EXPECT_FALSE(ranDuringTurn);
+
+  // While a task runs, nobody else gets the queue.
+  std::promise<void> started;
+  std::promise<void> release;
+  std::promise<void> finished;
+  auto released = release.get_future();
+  queue->async([&] {
+    EXPECT_FALSE(queue->tryTurn());  // on the queue already
+    started.set_value();
+    released.wait();
+    finished.set_value();
+  });
+  started.get_future().wait();
+  EXPECT_FALSE(queue->tryTurn());
+  release.set_value();
+  ASSERT_EQ(finished.get_future().wait_for(test::kPatience), std::future_status::ready);
+
+  // A forwarding queue never gives one: its work belongs to the queue it forwards to.
+  EXPECT_FALSE(XMPPQueue::onDispatchQueue(DispatchQueue::main())->tryTurn());
 }
 
 TEST(XMPPQueueTest, ATaskThatReleasesTheQueueDropsTheTasksBehindIt) {

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include <future>
 #include <regex>
 
@@ -254,6 +256,49 @@ TEST_F(XMPPStreamTest, StanzasReachTheDelegatesAndUnansweredRequestsGetAnError) 
   ASSERT_TRUE(waitFor("didReceiveIQ", 2));
   stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
   EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"unavailable\"/>");
+}
+
+// Sends run on the caller's thread while the stream's queue is idle and are queued behind its
+// work otherwise; what the socket cannot take yet is kept. Either way the peer gets every stanza
+// whole and in the order given, also from several threads at once.
+TEST_F(XMPPStreamTest, StanzasArriveWholeAndInOrderWhenTheSocketFillsUp) {
+  connect();
+  authenticate();
+  const std::string big(32 << 20, 'x');  // more than the socket buffers hold
+  auto message = [](const std::string& id, const std::string& body) {
+    XMPPMessage stanza("chat", XMPPJID::jidWithString("op@localhost"));
+    stanza.addAttributeWithName("id", id);
+    stanza.addBody(body);
+    return stanza;
+  };
+  stream->sendElement(message("m0", big));
+  std::thread other([&] {
+    for (int i = 0; i < 20; ++i) {
+      stream->sendElement(message("t" + std::to_string(i), "from another thread"));
+    }
+  });
+  for (int i = 1; i <= 20; ++i) {
+    stream->sendElement(message("m" + std::to_string(i), "small"));
+    // Some while the queue is busy with work of its own.
+    stream->streamQueue()->async([] {});
+  }
+  other.join();
+  const std::string first = message("m0", big).XMLString();
+  EXPECT_TRUE(peer.receiveCount(first.size()) == first);
+  int nextMain = 1;
+  int nextOther = 0;
+  while (nextMain <= 20 || nextOther < 20) {
+    const std::string stanza = peer.receiveUntil("</message>");
+    ASSERT_FALSE(stanza.empty());
+    if (stanza.find("id=\"m") != std::string::npos) {
+      EXPECT_NE(stanza.find("id=\"m" + std::to_string(nextMain++) + "\""), std::string::npos)
+          << stanza;
+    } else {
+      EXPECT_NE(stanza.find("id=\"t" + std::to_string(nextOther++) + "\""), std::string::npos)
+          << stanza;
+    }
+  }
+  EXPECT_FALSE(events->disconnectError);
 }
 
 TEST_F(XMPPStreamTest, SendingWhileDisconnectedIsReportedAndAnIQWaitsForItsAnswer) {

@@ -12,8 +12,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
+#include <vector>
 
 namespace kq::test {
 
@@ -98,6 +100,27 @@ std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
     }
     buffer_.append(chunk, static_cast<std::size_t>(length));
   }
+}
+
+std::string FakeXMPPPeer::receiveCount(std::size_t count) {
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  std::vector<char> chunk(1 << 16);
+  while (buffer_.size() < count) {
+    if (connection_ < 0 || !waitReadable(connection_, deadline)) {
+      ADD_FAILURE() << "FakeXMPPPeer: " << count << " bytes never arrived; got " << buffer_.size();
+      break;
+    }
+    const ssize_t length = ::recv(connection_, chunk.data(), chunk.size(), 0);
+    if (length <= 0) {
+      ADD_FAILURE() << "FakeXMPPPeer: the client closed after " << buffer_.size() << " of " << count
+                    << " bytes";
+      break;
+    }
+    buffer_.append(chunk.data(), static_cast<std::size_t>(length));
+  }
+  std::string result = buffer_.substr(0, std::min(count, buffer_.size()));
+  buffer_.erase(0, result.size());
+  return result;
 }
 
 std::string FakeXMPPPeer::receiveUntilClosed() {

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+using SSL = struct ssl_st;
+using SSL_CTX = struct ssl_ctx_st;
+using BIO = struct bio_st;
+
+namespace kq::xmpp {
+
+/// The bytes of one XMPP connection over a connected non-blocking socket: plain at first, TLS
+/// once startTLS() is called. Internal to the library.
+///
+/// No call ever waits. Each does what the socket allows at once and says whether it needs the
+/// socket to become readable or writable to go on; the stream waits for that on its event loop.
+/// What the socket cannot take yet is kept, in order, and sent by flush(), so that a write can
+/// be made from whichever thread holds the stream's queue without involving the event loop.
+/// TLS runs over memory buffers: OpenSSL never touches the socket itself, which keeps writes
+/// free of SIGPIPE and lets a record be sent in as many pieces as the socket asks for.
+/// Not thread-safe.
+class XMPPTransport {
+ public:
+  /// What a call left: data read, the peer's clean close, or a failure described for the user.
+  struct Result {
+    std::size_t bytes = 0;  // read: plaintext delivered (0 with nothing else set: wait to read)
+    bool closed = false;    // the peer closed the connection cleanly
+    std::optional<std::string> error;
+  };
+
+  /// Works on `socket`, which it does not own and makes non-blocking.
+  explicit XMPPTransport(int socket);
+  ~XMPPTransport();
+  XMPPTransport(const XMPPTransport&) = delete;
+  XMPPTransport& operator=(const XMPPTransport&) = delete;
+
+  /// Starts TLS as the client; `configure` may set the peer name checks on the new session.
+  /// False when OpenSSL could not make a session.
+  bool startTLS(SSL_CTX* context, const std::function<void(SSL*)>& configure);
+  [[nodiscard]] bool isTLS() const { return ssl_ != nullptr; }
+
+  /// Advances the TLS handshake. Done when `handshakeDone()`; otherwise wait to read (and, if
+  /// hasPending(), to write). On failure, `error` says why, naming a certificate's fault when
+  /// the certificate was refused.
+  Result handshake();
+  [[nodiscard]] bool handshakeDone() const { return handshakeDone_; }
+
+  /// Reads up to `capacity` bytes of the peer's data into `buffer`.
+  Result read(char* buffer, std::size_t capacity);
+
+  /// Takes all of `data`; what the socket cannot take now is kept for flush(). Fails only
+  /// when the connection is broken.
+  Result write(std::string_view data);
+
+  /// Sends what was kept; wait to write while hasPending().
+  Result flush();
+  [[nodiscard]] bool hasPending() const { return !pending_.empty(); }
+
+ private:
+  // Moves what TLS produced to the socket (or to pending_).
+  Result sendTLSOutput();
+  // Sends `data` after what is pending, keeping the rest.
+  Result send(std::string_view data);
+  // The socket's data into TLS; false at its end or failure (described in `result`).
+  bool receiveTLSInput(Result& result);
+  [[nodiscard]] std::string describeTLSFailure(int code, int status) const;
+
+  int socket_;
+  SSL* ssl_ = nullptr;
+  BIO* input_ = nullptr;   // owned by ssl_: the socket's bytes for TLS to read
+  BIO* output_ = nullptr;  // owned by ssl_: TLS's bytes for the socket
+  bool handshakeDone_ = false;
+  std::string pending_;          // bytes the socket has not taken yet
+  std::size_t pendingSent_ = 0;  // of pending_, already sent
+};
+
+}  // namespace kq::xmpp
