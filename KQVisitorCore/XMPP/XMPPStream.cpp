@@ -212,6 +212,11 @@ struct XMPPStream::Impl {
   void newParser(Connection& current);
   void openStream();
   void read(const std::shared_ptr<Connection>& current);
+  // Runs `next` on the stream's queue once the socket has something to read, while `current`
+  // is still the stream's connection; a failed wait closes it, described by `failurePrefix`.
+  void whenReadable(const std::shared_ptr<Connection>& current, long failureCode,
+                    const char* failurePrefix,
+                    void (Impl::*next)(const std::shared_ptr<Connection>&));
   void readAvailable(const std::shared_ptr<Connection>& current);
   bool onRead(const std::shared_ptr<Connection>& current, std::size_t length);
   void write(std::string_view text);
@@ -460,20 +465,26 @@ void XMPPStream::Impl::openStream() {
 
 // Waits for the socket to have something to read, then reads all of it.
 void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
+  whenReadable(current, kErrorSocket, "Reading failed: ", &Impl::readAvailable);
+}
+
+void XMPPStream::Impl::whenReadable(const std::shared_ptr<Connection>& current, long failureCode,
+                                    const char* failurePrefix,
+                                    void (Impl::*next)(const std::shared_ptr<Connection>&)) {
   auto stream = self();
-  current->socket.async_wait(
-      tcp::socket::wait_read, [stream, current](const asio::error_code& error) {
-        Impl& impl = *stream->impl_;
-        const auto turn = impl.queue->turn();
-        if (impl.connection != current) {
-          return;
-        }
-        if (error) {
-          impl.close(streamError(kErrorSocket, "Reading failed: " + error.message()));
-          return;
-        }
-        impl.readAvailable(current);
-      });
+  current->socket.async_wait(tcp::socket::wait_read, [stream, current, failureCode, failurePrefix,
+                                                      next](const asio::error_code& error) {
+    Impl& impl = *stream->impl_;
+    const auto turn = impl.queue->turn();
+    if (impl.connection != current) {
+      return;
+    }
+    if (error) {
+      impl.close(streamError(failureCode, failurePrefix + error.message()));
+      return;
+    }
+    (impl.*next)(current);
+  });
 }
 
 void XMPPStream::Impl::readAvailable(const std::shared_ptr<Connection>& current) {
@@ -800,20 +811,7 @@ void XMPPStream::Impl::continueHandshake(const std::shared_ptr<Connection>& curr
     waitToWrite(current);
   }
   if (!current->transport->handshakeDone()) {
-    auto stream = self();
-    current->socket.async_wait(
-        tcp::socket::wait_read, [stream, current](const asio::error_code& error) {
-          Impl& impl = *stream->impl_;
-          const auto turn = impl.queue->turn();
-          if (impl.connection != current) {
-            return;
-          }
-          if (error) {
-            impl.close(streamError(kErrorTLS, "TLS failed: " + error.message()));
-            return;
-          }
-          impl.continueHandshake(current);
-        });
+    whenReadable(current, kErrorTLS, "TLS failed: ", &Impl::continueHandshake);
     return;
   }
   {
