@@ -334,7 +334,6 @@ void XMPPStream::Impl::onResolved(const std::shared_ptr<Connection>& current,
 void XMPPStream::Impl::onTCPConnected(const std::shared_ptr<Connection>& current) {
   asio::error_code ignored;
   current->socket.set_option(tcp::no_delay(true), ignored);
-  current->socket.non_blocking(true, ignored);
   current->transport = std::make_unique<XMPPTransport>(current->socket.native_handle());
   auto held = std::move(current->held);
   current->held.clear();
