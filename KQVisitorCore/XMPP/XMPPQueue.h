@@ -77,7 +77,8 @@ class XMPPQueue final : public TimerQueue {
   Task cancel(TaskId id) override;
 
   /// The event loop of a queue of its own (null for a forwarding queue). For the library's
-  /// sockets.
+  /// sockets: a handler run on it takes a turn() first, so that it never runs beside a thread
+  /// that holds the queue.
   [[nodiscard]] asio::io_context* ioContext() const;
 
  private:

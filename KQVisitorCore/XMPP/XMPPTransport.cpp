@@ -4,9 +4,10 @@
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 
-#include <fcntl.h>
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>

@@ -26,7 +26,7 @@ class XMPPTransport {
  public:
   /// What a call left: data read, the peer's clean close, or a failure described for the user.
   struct Result {
-    std::size_t bytes = 0;  // read: plaintext delivered (0 with nothing else set: wait to read)
+    std::size_t bytes = 0;  // read: the peer's bytes delivered (0, nothing else set: wait)
     bool closed = false;    // the peer closed the connection cleanly
     std::optional<std::string> error;
   };
