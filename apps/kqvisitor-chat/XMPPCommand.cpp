@@ -127,7 +127,9 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     if (!client.connectUser(user)) {
       print({{"event", "disconnect"}, {"error", "cannot connect"}});
       neverLoggedIn("the connection could not be started (see the log line above)");
+      return;
     }
+    disconnectOwed_ = true;
   }
 
   // Sends `line` as a chat packet; lines typed before the room is joined wait for the join.
@@ -192,7 +194,11 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
     client.xmppReconnect()->stop();
     if (client.xmppStream()->isDisconnected()) {
-      kq::DispatchQueue::main()->stop();
+      // The stream may have closed while its did-disconnect is still on the way here: then that
+      // reports the end (and why the visitor never logged in) and stops the loop.
+      if (!disconnectOwed_) {
+        kq::DispatchQueue::main()->stop();
+      }
       return;
     }
     client.signout();
@@ -200,6 +206,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
 
   void xmppStreamDidDisconnect(kq::xmpp::XMPPStream& /*sender*/,
                                const std::optional<kq::KQError>& error) override {
+    disconnectOwed_ = false;
     nlohmann::ordered_json event = {{"event", "disconnect"}};
     event["error"] = error ? nlohmann::ordered_json(error->description()) : nullptr;
     print(event);
@@ -359,6 +366,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
   bool inputEnded_ = false;
   std::deque<std::string> unconfirmed_;  // lines sent that the room has not reflected yet
   bool loggedIn_ = false;
+  bool disconnectOwed_ = false;  // the first connection started, and its end not heard yet
   bool toldNeverLoggedIn_ = false;
   int undelivered_ = 0;  // lines left unsent or unconfirmed when finishing
   bool created_ = false;
