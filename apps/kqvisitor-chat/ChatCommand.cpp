@@ -140,8 +140,14 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     });
   }
 
-  // A line typed by the visitor: sent once the chat has started, in the order typed.
+  // A line typed by the visitor: sent once the chat has started, in the order typed; reported
+  // unsent when the run is already ending.
   void send(const std::string& line) {
+    if (finishing_) {
+      print({{"event", "unsent"}, {"text", line}}, "Not sent: " + line);
+      ++unsent_;
+      return;
+    }
     pending_.push_back({line});
     sendPending();
   }

@@ -132,9 +132,15 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     disconnectOwed_ = true;
   }
 
-  // Sends `line` as a chat packet; lines typed before the room is joined wait for the join.
+  // Sends `line` as a chat packet; lines typed before the room is joined wait for the join, and
+  // lines that come while the run ends are reported unsent.
   void send(const std::string& line) {
     if (!options_.chatId) {
+      return;
+    }
+    if (finishing_) {
+      print({{"event", "unsent"}, {"body", line}});
+      ++undelivered_;
       return;
     }
     if (!room_ || !room_->isJoined()) {
