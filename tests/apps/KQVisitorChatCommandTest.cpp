@@ -277,13 +277,14 @@ TEST_F(KQVisitorChatCommandTest, AFailedPreparationOrStartExitsAtOnceSayingWhatT
     EXPECT_EQ(std::count(seen.begin(), seen.end(), "started"), 0) << result.out;
   }
 
-  // Arabic without an Arabic domain: refused before any call.
+  // Arabic without an Arabic domain: refused before any call, and before the line typed
+  // meanwhile could be read: it is still reported.
   ChatService service;
   writeConfig(service);
-  const auto arabic = chat({"--language", "ar", "--json"});
+  const auto arabic = chat({"--language", "ar", "--json"}, "typed before the refusal\n");
   EXPECT_EQ(arabic.exitStatus, 1);
   EXPECT_EQ(transcript(test::jsonLines(arabic.out)),
-            std::vector<std::string>{"error Domain not mentioned 400 5"});
+            (std::vector<std::string>{"error Domain not mentioned 400 5", "unsent"}));
   EXPECT_TRUE(service.server.requests().empty());
 }
 

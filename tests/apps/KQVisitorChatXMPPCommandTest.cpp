@@ -94,6 +94,18 @@ TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFai
   EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
 }
 
+// A user id that makes no address: the run ends inside its first step, before standard input is
+// read at all. The line already typed is still reported.
+TEST_F(KQVisitorChatXMPPCommandTest, ALineTypedBeforeTheRunEndsInItsFirstStepIsReported) {
+  writeConfig(test::unusedPort(), "");
+  const auto result =
+      chat({"--chat-id", "31", "--user-id", "a@b", "--nick", "Ann", "--json"}, "Hello\n");
+  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+  const auto all = test::jsonLines(result.out);
+  ASSERT_EQ(named(all, "unsent").size(), 1U) << result.out;
+  EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
+}
+
 TEST_F(KQVisitorChatXMPPCommandTest, NeverLoggingInFailsTheRunAndSaysWhatToCheck) {
   writeConfig(test::unusedPort(), "");
   const auto result = chat({"--json"}, "");
