@@ -144,8 +144,7 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   // unsent when the run is already ending.
   void send(const std::string& line) {
     if (finishing_) {
-      print({{"event", "unsent"}, {"text", line}}, "Not sent: " + line);
-      ++unsent_;
+      reportUnsent(line);
       return;
     }
     pending_.push_back({line});
@@ -175,8 +174,7 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     // Lines not sent, and lines sent that the room never gave back, did not reach the chat.
     for (const auto* lines : {&unconfirmed_, &pending_}) {
       for (const auto& line : *lines) {
-        print({{"event", "unsent"}, {"text", line.text}}, "Not sent: " + line.text);
-        ++unsent_;
+        reportUnsent(line.text);
       }
     }
     unconfirmed_.clear();
@@ -460,13 +458,18 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       if (line->sends < kMostSends) {
         pending_.push_front(*line);
       } else {
-        print({{"event", "unsent"}, {"text", line->text}}, "Not sent: " + line->text);
-        ++unsent_;
+        reportUnsent(line->text);
       }
     }
     unconfirmed_.clear();
     kq::DispatchQueue::main()->asyncAfter(kResendDelay,
                                           [self = shared_from_this()] { self->sendPending(); });
+  }
+
+  // A line that did not reach the chat: said, and counted against the exit status.
+  void reportUnsent(const std::string& text) {
+    print({{"event", "unsent"}, {"text", text}}, "Not sent: " + text);
+    ++unsent_;
   }
 
   // Over HTTP the line goes through the sites manager, whose answer tells whether it arrived.

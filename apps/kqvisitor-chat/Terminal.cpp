@@ -116,13 +116,13 @@ void readInput(const std::shared_ptr<Input>& input, const std::function<void()>&
       break;
     }
     partial.append(chunk.data(), static_cast<std::size_t>(count));
-    bool any = false;
-    for (auto end = partial.find('\n'); end != std::string::npos; end = partial.find('\n')) {
-      handOver(*input, partial.substr(0, end));
-      partial.erase(0, end + 1);
-      any = true;
+    std::size_t start = 0;
+    for (auto end = partial.find('\n'); end != std::string::npos; end = partial.find('\n', start)) {
+      handOver(*input, partial.substr(start, end - start));
+      start = end + 1;
     }
-    if (any && !draining) {
+    partial.erase(0, start);
+    if (start > 0 && !draining) {
       arrived();
     }
   }

@@ -139,8 +139,7 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
       return;
     }
     if (finishing_) {
-      print({{"event", "unsent"}, {"body", line}});
-      ++undelivered_;
+      reportUndelivered(line);
       return;
     }
     if (!room_ || !room_->isJoined()) {
@@ -192,9 +191,8 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     auto& client = kq::KQVisitorXMPPClient::instance();
     reportUnconfirmed();
     for (const auto& line : pending_) {
-      print({{"event", "unsent"}, {"body", line}});
+      reportUndelivered(line);
     }
-    undelivered_ += static_cast<int>(pending_.size());
     if (room_) {
       room_->leaveRoom();
     }
@@ -229,11 +227,16 @@ class Session : public kq::xmpp::XMPPStreamDelegate,
     }
   }
 
+  // A line that did not reach the room: said, and counted against the exit status.
+  void reportUndelivered(const std::string& line) {
+    print({{"event", "unsent"}, {"body", line}});
+    ++undelivered_;
+  }
+
   void reportUnconfirmed() {
     for (const auto& line : unconfirmed_) {
-      print({{"event", "unsent"}, {"body", line}});
+      reportUndelivered(line);
     }
-    undelivered_ += static_cast<int>(unconfirmed_.size());
     unconfirmed_.clear();
   }
 
