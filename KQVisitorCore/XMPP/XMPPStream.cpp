@@ -212,12 +212,15 @@ struct XMPPStream::Impl {
   void newParser(Connection& current);
   void openStream();
   void read(const std::shared_ptr<Connection>& current);
-  // Runs `next` on the stream's queue once the socket has something to read, while `current`
-  // is still the stream's connection; a failed wait closes it, described by `failurePrefix`.
-  void whenReadable(const std::shared_ptr<Connection>& current, long failureCode,
-                    const char* failurePrefix,
-                    void (Impl::*next)(const std::shared_ptr<Connection>&));
-  void readAvailable(const std::shared_ptr<Connection>& current);
+  // Receives what the socket has next into the read buffer and runs `next` with the outcome on
+  // the stream's queue, while `current` is still the stream's connection.
+  void receive(const std::shared_ptr<Connection>& current,
+               void (Impl::*next)(const std::shared_ptr<Connection>&, const asio::error_code&,
+                                  std::size_t));
+  void readReceived(const std::shared_ptr<Connection>& current, const asio::error_code& error,
+                    std::size_t length);
+  void readDecrypted(const std::shared_ptr<Connection>& current);
+  void endReading(const std::shared_ptr<Connection>& current, const XMPPTransport::Result& result);
   bool onRead(const std::shared_ptr<Connection>& current, std::size_t length);
   void write(std::string_view text);
   void waitToWrite(const std::shared_ptr<Connection>& current);
@@ -231,6 +234,8 @@ struct XMPPStream::Impl {
   void beginTLS();
   void handshake(const XMPPTLSSettings& settings);
   void continueHandshake(const std::shared_ptr<Connection>& current);
+  void handshakeReceived(const std::shared_ptr<Connection>& current, const asio::error_code& error,
+                         std::size_t length);
   void becomeReady(const XMPPElement& features);
   void startAuthentication(const std::shared_ptr<XMPPSASLAuthentication>& authentication);
   void handleSASL(const XMPPElement& element);
@@ -462,52 +467,64 @@ void XMPPStream::Impl::openStream() {
         "' version='1.0' xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>");
 }
 
-// Waits for the socket to have something to read, then reads all of it.
+// Receives the server's next bytes, parses them and goes on receiving.
 void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
-  whenReadable(current, kErrorSocket, "Reading failed: ", &Impl::readAvailable);
+  receive(current, &Impl::readReceived);
 }
 
-void XMPPStream::Impl::whenReadable(const std::shared_ptr<Connection>& current, long failureCode,
-                                    const char* failurePrefix,
-                                    void (Impl::*next)(const std::shared_ptr<Connection>&)) {
+// asio receives as soon as the socket is readable, or at once when it already is: no readiness
+// wait is re-armed per read, and no read is tried in vain on the way to waiting.
+void XMPPStream::Impl::receive(const std::shared_ptr<Connection>& current,
+                               void (Impl::*next)(const std::shared_ptr<Connection>&,
+                                                  const asio::error_code&, std::size_t)) {
   auto stream = self();
-  current->socket.async_wait(tcp::socket::wait_read, [stream, current, failureCode, failurePrefix,
-                                                      next](const asio::error_code& error) {
-    Impl& impl = *stream->impl_;
-    const auto turn = impl.queue->turn();
-    if (impl.connection != current) {
-      return;
-    }
-    if (error) {
-      impl.close(streamError(failureCode, failurePrefix + error.message()));
-      return;
-    }
-    (impl.*next)(current);
-  });
+  current->socket.async_receive(
+      asio::buffer(current->readBuffer),
+      [stream, current, next](const asio::error_code& error, std::size_t length) {
+        Impl& impl = *stream->impl_;
+        const auto turn = impl.queue->turn();
+        if (impl.connection != current) {
+          return;
+        }
+        (impl.*next)(current, error, length);
+      });
 }
 
-void XMPPStream::Impl::readAvailable(const std::shared_ptr<Connection>& current) {
+void XMPPStream::Impl::readReceived(const std::shared_ptr<Connection>& current,
+                                    const asio::error_code& error, std::size_t length) {
+  XMPPTransport& transport = *current->transport;
+  if (error) {
+    XMPPTransport::Result result;
+    if (error == asio::error::eof) {
+      result = transport.end();
+    } else {
+      result.error = error.message();
+    }
+    endReading(current, result);
+    return;
+  }
+  if (!transport.isTLS()) {
+    if (onRead(current, length)) {
+      read(current);
+    }
+    return;
+  }
+  // TLS copies the bytes, so the buffer is free for the data it decrypts.
+  transport.receive(current->readBuffer.data(), length);
+  readDecrypted(current);
+}
+
+// Parses all that TLS can decrypt of what was received, then goes on receiving.
+void XMPPStream::Impl::readDecrypted(const std::shared_ptr<Connection>& current) {
   for (;;) {
     const XMPPTransport::Result result =
         current->transport->read(current->readBuffer.data(), current->readBuffer.size());
-    if (result.error) {
-      if (current->toldToDisconnect) {
-        close(std::nullopt);
-      } else {
-        close(streamError(current->transport->isTLS() ? kErrorTLS : kErrorSocket,
-                          "Reading failed: " + *result.error));
-      }
-      return;
-    }
-    if (result.closed) {
-      close(
-          current->toldToDisconnect
-              ? std::nullopt
-              : std::optional(streamError(kErrorServerClosed, "The server closed the connection")));
+    if (result.error || result.closed) {
+      endReading(current, result);
       return;
     }
     if (result.bytes == 0) {
-      break;  // all read: wait for more
+      break;  // all read: receive more
     }
     if (!onRead(current, result.bytes)) {
       return;
@@ -517,6 +534,19 @@ void XMPPStream::Impl::readAvailable(const std::shared_ptr<Connection>& current)
     waitToWrite(current);  // reading made TLS answer, and the socket did not take it all
   }
   read(current);
+}
+
+// Closes the connection whose reading ended: silently when the user asked for it.
+void XMPPStream::Impl::endReading(const std::shared_ptr<Connection>& current,
+                                  const XMPPTransport::Result& result) {
+  if (current->toldToDisconnect) {
+    close(std::nullopt);
+  } else if (result.error) {
+    close(streamError(current->transport->isTLS() ? kErrorTLS : kErrorSocket,
+                      "Reading failed: " + *result.error));
+  } else {
+    close(streamError(kErrorServerClosed, "The server closed the connection"));
+  }
 }
 
 // Until the resource is bound, every packet from the server is acknowledged at once. The server's
@@ -799,7 +829,7 @@ void XMPPStream::Impl::handshake(const XMPPTLSSettings& settings) {
   continueHandshake(current);
 }
 
-// Takes the handshake as far as the socket allows, then waits for the server's next bytes.
+// Takes the handshake as far as what was received allows, then receives the server's next bytes.
 void XMPPStream::Impl::continueHandshake(const std::shared_ptr<Connection>& current) {
   const XMPPTransport::Result result = current->transport->handshake();
   if (result.error) {
@@ -810,7 +840,7 @@ void XMPPStream::Impl::continueHandshake(const std::shared_ptr<Connection>& curr
     waitToWrite(current);
   }
   if (!current->transport->handshakeDone()) {
-    whenReadable(current, kErrorTLS, "TLS failed: ", &Impl::continueHandshake);
+    receive(current, &Impl::handshakeReceived);
     return;
   }
   {
@@ -827,7 +857,25 @@ void XMPPStream::Impl::continueHandshake(const std::shared_ptr<Connection>& curr
     write(text);
   }
   openStream();
-  read(current);
+  readDecrypted(current);  // the server's first bytes may have come with the handshake's last
+}
+
+void XMPPStream::Impl::handshakeReceived(const std::shared_ptr<Connection>& current,
+                                         const asio::error_code& error, std::size_t length) {
+  if (error == asio::error::eof) {
+    const XMPPTransport::Result end = current->transport->end();
+    close(streamError(
+        kErrorTLS,
+        "TLS failed: " +
+            (end.closed ? "the server closed the connection during the handshake" : *end.error)));
+    return;
+  }
+  if (error) {
+    close(streamError(kErrorTLS, "TLS failed: " + error.message()));
+    return;
+  }
+  current->transport->receive(current->readBuffer.data(), length);
+  continueHandshake(current);
 }
 
 void XMPPStream::Impl::becomeReady(const XMPPElement& features) {

@@ -17,7 +17,7 @@ namespace kq::xmpp {
 
 namespace {
 
-// Bytes moved between the socket and TLS per call: one TLS record and more.
+// Bytes moved from TLS to the socket per call: one TLS record and more.
 constexpr std::size_t kChunk = 16384;
 
 bool wouldBlock(int error) {
@@ -68,80 +68,56 @@ bool XMPPTransport::startTLS(SSL_CTX* context, const std::function<void(SSL*)>& 
 }
 
 XMPPTransport::Result XMPPTransport::handshake() {
-  for (;;) {
-    ERR_clear_error();
-    const int status = SSL_do_handshake(ssl_);
-    const int code = SSL_get_error(ssl_, status);
-    Result result = sendTLSOutput();
-    if (result.error) {
-      return result;
-    }
-    if (status == 1) {
-      handshakeDone_ = true;
-      return result;
-    }
-    if (code != SSL_ERROR_WANT_READ) {
-      result.error = describeTLSFailure(code, status);
-      return result;
-    }
-    if (!receiveTLSInput(result)) {
-      if (result.closed) {
-        result.closed = false;
-        result.error = "the server closed the connection during the handshake";
-      }
-      return result;
-    }
+  ERR_clear_error();
+  const int status = SSL_do_handshake(ssl_);
+  const int code = SSL_get_error(ssl_, status);
+  Result result = sendTLSOutput();
+  if (result.error) {
+    return result;
   }
+  if (status == 1) {
+    handshakeDone_ = true;
+  } else if (code != SSL_ERROR_WANT_READ) {
+    result.error = describeTLSFailure(code, status);
+  }
+  return result;
+}
+
+void XMPPTransport::receive(const char* data, std::size_t size) {
+  // A memory buffer takes everything it is given.
+  BIO_write(input_, data, clampedSize(size));
 }
 
 XMPPTransport::Result XMPPTransport::read(char* buffer, std::size_t capacity) {
   Result result;
-  if (ssl_ == nullptr) {
-    for (;;) {
-      const ssize_t count = ::recv(socket_, buffer, capacity, 0);
-      if (count > 0) {
-        result.bytes = static_cast<std::size_t>(count);
-      } else if (count == 0) {
-        result.closed = true;
-      } else if (errno == EINTR) {
-        continue;
-      } else if (!wouldBlock(errno)) {
-        result.error = std::strerror(errno);
-      }
-      return result;
+  ERR_clear_error();
+  const int count = SSL_read(ssl_, buffer, clampedSize(capacity));
+  const int code = SSL_get_error(ssl_, count);
+  // Reading may have made TLS answer the peer (a key update).
+  if (BIO_ctrl_pending(output_) > 0) {
+    Result sent = sendTLSOutput();
+    if (sent.error) {
+      return sent;
     }
   }
-  for (;;) {
-    // With nothing buffered, TLS could only ask for more: fetch it from the socket first.
-    if (SSL_has_pending(ssl_) == 0 && BIO_ctrl_pending(input_) == 0 && !receiveTLSInput(result)) {
-      return result;
-    }
-    ERR_clear_error();
-    const int count = SSL_read(ssl_, buffer, clampedSize(capacity));
-    const int code = SSL_get_error(ssl_, count);
-    // Reading may have made TLS answer the peer (a key update).
-    if (BIO_ctrl_pending(output_) > 0) {
-      Result sent = sendTLSOutput();
-      if (sent.error) {
-        return sent;
-      }
-    }
-    if (count > 0) {
-      result.bytes = static_cast<std::size_t>(count);
-      return result;
-    }
-    if (code == SSL_ERROR_ZERO_RETURN) {
-      result.closed = true;
-      return result;
-    }
-    if (code != SSL_ERROR_WANT_READ) {
-      result.error = describeTLSFailure(code, count);
-      return result;
-    }
-    if (!receiveTLSInput(result)) {
-      return result;
-    }
+  if (count > 0) {
+    result.bytes = static_cast<std::size_t>(count);
+  } else if (code == SSL_ERROR_ZERO_RETURN) {
+    result.closed = true;
+  } else if (code != SSL_ERROR_WANT_READ) {
+    result.error = describeTLSFailure(code, count);
   }
+  return result;
+}
+
+XMPPTransport::Result XMPPTransport::end() const {
+  Result result;
+  if (ssl_ == nullptr || (SSL_get_shutdown(ssl_) & SSL_RECEIVED_SHUTDOWN) != 0) {
+    result.closed = true;
+  } else {
+    result.error = "stream truncated";
+  }
+  return result;
 }
 
 XMPPTransport::Result XMPPTransport::write(std::string_view data) {
@@ -224,35 +200,6 @@ XMPPTransport::Result XMPPTransport::sendTLSOutput() {
     }
   }
   return result;
-}
-
-bool XMPPTransport::receiveTLSInput(Result& result) {
-  // Not cleared (16 KB on every read): only what recv fills is used.
-  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
-  std::array<char, kChunk> chunk;
-  for (;;) {
-    const ssize_t count = ::recv(socket_, chunk.data(), chunk.size(), 0);
-    if (count > 0) {
-      BIO_write(input_, chunk.data(), static_cast<int>(count));
-      return true;
-    }
-    if (count == 0) {
-      // The end of the connection: clean only after the peer's TLS close.
-      if ((SSL_get_shutdown(ssl_) & SSL_RECEIVED_SHUTDOWN) != 0) {
-        result.closed = true;
-      } else {
-        result.error = "stream truncated";
-      }
-      return false;
-    }
-    if (errno == EINTR) {
-      continue;
-    }
-    if (!wouldBlock(errno)) {
-      result.error = std::strerror(errno);
-    }
-    return false;
-  }
 }
 
 std::string XMPPTransport::describeTLSFailure(int code, int status) const {

@@ -15,12 +15,13 @@ namespace kq::xmpp {
 /// The bytes of one XMPP connection over a connected non-blocking socket: plain at first, TLS
 /// once startTLS() is called. Internal to the library.
 ///
-/// No call ever waits. Each does what the socket allows at once and says whether it needs the
-/// socket to become readable or writable to go on; the stream waits for that on its event loop.
-/// What the socket cannot take yet is kept, in order, and sent by flush(), so that a write can
-/// be made from whichever thread holds the stream's queue without involving the event loop.
-/// TLS runs over memory buffers: OpenSSL never touches the socket itself, which keeps writes
-/// free of SIGPIPE and lets a record be sent in as many pieces as the socket asks for.
+/// No call ever waits. Writing sends what the socket takes at once; what it cannot take yet is
+/// kept, in order, and sent by flush(), so that a write can be made from whichever thread holds
+/// the stream's queue without involving the event loop. Reading is the event loop's: the stream
+/// receives from the socket as it becomes readable and hands the bytes to receive(), so a read
+/// costs no readiness check of its own. TLS runs over memory buffers: OpenSSL never touches the
+/// socket itself, which keeps writes free of SIGPIPE and lets a record be sent in as many pieces
+/// as the socket asks for.
 /// Not thread-safe.
 class XMPPTransport {
  public:
@@ -42,14 +43,23 @@ class XMPPTransport {
   bool startTLS(SSL_CTX* context, const std::function<void(SSL*)>& configure);
   [[nodiscard]] bool isTLS() const { return ssl_ != nullptr; }
 
-  /// Advances the TLS handshake. Done when `handshakeDone()`; otherwise wait to read (and, if
-  /// hasPending(), to write). On failure, `error` says why, naming a certificate's fault when
-  /// the certificate was refused.
+  /// Advances the TLS handshake over what was received. Done when `handshakeDone()`; otherwise
+  /// receive more (and, if hasPending(), wait to write). On failure, `error` says why, naming a
+  /// certificate's fault when the certificate was refused.
   Result handshake();
   [[nodiscard]] bool handshakeDone() const { return handshakeDone_; }
 
-  /// Reads up to `capacity` bytes of the peer's data into `buffer`.
+  /// Takes `size` bytes received from the socket, for TLS to decrypt.
+  void receive(const char* data, std::size_t size);
+
+  /// Decrypts up to `capacity` bytes of the peer's data from what was received into `buffer`
+  /// (TLS only; without TLS the received bytes are the data). 0 bytes and nothing else set:
+  /// receive more.
   Result read(char* buffer, std::size_t capacity);
+
+  /// What the socket's end means: a clean close, or with TLS, one only after the peer's TLS
+  /// close (otherwise the error "stream truncated").
+  [[nodiscard]] Result end() const;
 
   /// Takes all of `data`; what the socket cannot take now is kept for flush(). Fails only
   /// when the connection is broken.
@@ -64,8 +74,6 @@ class XMPPTransport {
   Result sendTLSOutput();
   // Sends `data` after what is pending, keeping the rest.
   Result send(std::string_view data);
-  // The socket's data into TLS; false at its end or failure (described in `result`).
-  bool receiveTLSInput(Result& result);
   [[nodiscard]] std::string describeTLSFailure(int code, int status) const;
 
   int socket_;
