@@ -1,5 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
+#include <optional>
+
 namespace kq::xmpp {
 
 const std::shared_ptr<XMPPRoomMemoryStorage>& XMPPRoomMemoryStorage::sharedInstance() {
@@ -23,27 +25,35 @@ void XMPPRoomMemoryStorage::handlePresence(const XMPPPresence& presence, const X
   }
 }
 
-void XMPPRoomMemoryStorage::addMessage(XMPPMessage message, const XMPPJID& roomJID) {
+void XMPPRoomMemoryStorage::addMessage(XMPPMessage message, const XMPPJID& roomJID, bool received) {
+  // Both are freed after the lock is let go.
+  std::optional<XMPPMessage> released;
+  std::optional<XMPPMessage> dropped;
   std::scoped_lock lock(mutex_);
+  released.swap(retired_);
   auto& messages = rooms_[roomJID.bare()].messages;
   if (messages.size() >= kMaxMessagesPerRoom) {
+    dropped = std::move(messages.front());
     messages.pop_front();
   }
   messages.push_back(std::move(message));
+  if (received) {
+    retired_ = std::move(dropped);
+  }
 }
 
 void XMPPRoomMemoryStorage::handleIncomingMessage(const XMPPMessage& message,
                                                   const XMPPJID& roomJID) {
-  addMessage(message, roomJID);  // received stanzas are read-only: keep the stream's own
+  addMessage(message, roomJID, true);  // received stanzas are read-only: keep the stream's own
 }
 
 void XMPPRoomMemoryStorage::handleOutgoingMessage(const XMPPMessage& message,
                                                   const XMPPJID& roomJID) {
-  addMessage(XMPPMessage(message.copy()), roomJID);  // its sender may still change it
+  addMessage(XMPPMessage(message.copy()), roomJID, false);  // its sender may still change it
 }
 
 void XMPPRoomMemoryStorage::handleSentMessage(const XMPPMessage& message, const XMPPJID& roomJID) {
-  addMessage(message, roomJID);
+  addMessage(message, roomJID, false);
 }
 
 void XMPPRoomMemoryStorage::clearRoom(const XMPPJID& roomJID) {

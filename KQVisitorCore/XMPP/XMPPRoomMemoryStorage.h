@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,10 +52,14 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
     std::map<std::string, XMPPPresence> occupants;
     std::deque<XMPPMessage> messages;
   };
-  void addMessage(XMPPMessage message, const XMPPJID& roomJID);
+  // `received`: on the way from the socket to the delegates, the dropped message is not freed
+  // yet (it is long out of cache, and freeing it takes longer than storing the new one), but
+  // with the next message stored, typically the visitor's answer once it is on its way.
+  void addMessage(XMPPMessage message, const XMPPJID& roomJID, bool received);
 
   mutable std::mutex mutex_;
-  std::map<std::string, Room> rooms_;  // guarded by mutex_
+  std::map<std::string, Room> rooms_;   // guarded by mutex_
+  std::optional<XMPPMessage> retired_;  // guarded by mutex_: dropped, not yet freed
 };
 
 }  // namespace kq::xmpp

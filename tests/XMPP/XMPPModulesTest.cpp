@@ -320,16 +320,25 @@ TEST(XMPPRoomMemoryStorageTest, KeepsTheNewestMessagesAndSentOnesAsSent) {
     return message;
   };
   const std::size_t total = XMPPRoomMemoryStorage::kMaxMessagesPerRoom + 3;
+  std::vector<XMPPMessage> firstThree;  // handles on the trees of the messages dropped
   for (std::size_t i = 0; i < total; ++i) {
-    memory.handleIncomingMessage(chatLine(std::to_string(i)), roomJID);
+    XMPPMessage message = chatLine(std::to_string(i));
+    memory.handleIncomingMessage(message, roomJID);
+    if (i < 3) {
+      firstThree.push_back(std::move(message));
+    }
   }
   auto kept = memory.messages(roomJID);
   ASSERT_EQ(kept.size(), XMPPRoomMemoryStorage::kMaxMessagesPerRoom);
   EXPECT_EQ(kept.front().body(), "3");
   EXPECT_EQ(kept.back().body(), std::to_string(total - 1));
+  // A dropped message is let go by the next message stored at the latest.
+  EXPECT_TRUE(firstThree[0].isSoleHandleOnTree());
+  EXPECT_TRUE(firstThree[1].isSoleHandleOnTree());
 
   XMPPMessage sent = chatLine("as sent");
   memory.handleOutgoingMessage(sent, roomJID);
+  EXPECT_TRUE(firstThree[2].isSoleHandleOnTree());
   sent.elementForName("body")->setStringValue("changed later");
   kept = memory.messages(roomJID);
   EXPECT_EQ(kept.back().body(), "as sent");
