@@ -84,6 +84,10 @@ const xmlChar* xml(std::string_view text, std::string& storage) {
   std::size_t start = 0;  // of the run of valid characters not yet copied
   std::size_t i = 0;
   while (i < text.size()) {
+    if (const auto byte = static_cast<unsigned char>(text[i]); byte >= 0x20U && byte < 0x80U) {
+      ++i;  // printable ASCII, most text: valid as it stands
+      continue;
+    }
     const Decoded character = decodeUTF8(text.substr(i));
     if (character.length > 0 && isXMLCharacter(character.codePoint)) {
       i += character.length;
