@@ -55,15 +55,17 @@ class XMPPDelegateList {
     return entries_.size();
   }
 
-  /// Posts `call` for every delegate to its queue.
-  void invoke(const std::function<void(Delegate&)>& call) const {
+  /// Posts `call` for every delegate to its queue. The delegates share the one call, and what
+  /// it holds, rather than each getting a copy.
+  void invoke(std::function<void(Delegate&)> call) const {
+    const auto shared = std::make_shared<const std::function<void(Delegate&)>>(std::move(call));
     for (const auto& entry : snapshot()) {
-      entry.queue->async([entry, call] {
+      entry.queue->async([entry, shared] {
         if (!entry.registered->load()) {
           return;
         }
         if (const auto delegate = entry.delegate.lock()) {
-          call(*delegate);
+          (*shared)(*delegate);
         }
       });
     }

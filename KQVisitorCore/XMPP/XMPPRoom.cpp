@@ -70,9 +70,10 @@ void XMPPRoom::removeDelegate(const XMPPRoomDelegate* delegate) {
   delegates_->remove(delegate);
 }
 
-void XMPPRoom::notify(const std::function<void(XMPPRoomDelegate&, XMPPRoom&)>& call) {
-  const auto self = std::static_pointer_cast<XMPPRoom>(shared_from_this());
-  delegates_->invoke([self, call](XMPPRoomDelegate& delegate) { call(delegate, *self); });
+void XMPPRoom::notify(std::function<void(XMPPRoomDelegate&, XMPPRoom&)> call) {
+  delegates_->invoke(
+      [self = std::static_pointer_cast<XMPPRoom>(shared_from_this()),
+       call = std::move(call)](XMPPRoomDelegate& delegate) { call(delegate, *self); });
 }
 
 void XMPPRoom::joinRoomUsingNickname(const std::string& nickname,

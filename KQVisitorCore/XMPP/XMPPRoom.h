@@ -80,7 +80,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   void streamDidSendElement(const XMPPElement& element) override;
 
  private:
-  void notify(const std::function<void(XMPPRoomDelegate&, XMPPRoom&)>& call);
+  void notify(std::function<void(XMPPRoomDelegate&, XMPPRoom&)> call);
   void sendOwnerIQ(const XMPPElement& query, bool destroying);
 
   const std::shared_ptr<XMPPRoomMemoryStorage> storage_;

@@ -189,9 +189,10 @@ struct XMPPStream::Impl {
     }
   }
 
-  void notify(const std::function<void(XMPPStreamDelegate&, XMPPStream&)>& call) {
-    auto stream = self();
-    delegates.invoke([stream, call](XMPPStreamDelegate& delegate) { call(delegate, *stream); });
+  void notify(std::function<void(XMPPStreamDelegate&, XMPPStream&)> call) {
+    delegates.invoke([stream = self(), call = std::move(call)](XMPPStreamDelegate& delegate) {
+      call(delegate, *stream);
+    });
   }
 
   // Runs `task` on the stream's queue after `delay`, only while `current` is still the stream's
