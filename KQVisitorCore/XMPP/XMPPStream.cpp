@@ -474,7 +474,8 @@ void XMPPStream::Impl::read(const std::shared_ptr<Connection>& current) {
 }
 
 // asio receives as soon as the socket is readable, or at once when it already is: no readiness
-// wait is re-armed per read, and no read is tried in vain on the way to waiting.
+// wait is re-armed per read (asio's one try at once finds a drained socket empty, and then
+// waits).
 void XMPPStream::Impl::receive(const std::shared_ptr<Connection>& current,
                                void (Impl::*next)(const std::shared_ptr<Connection>&,
                                                   const asio::error_code&, std::size_t)) {
