@@ -54,6 +54,19 @@ constexpr std::chrono::seconds kInputPatience{1};
 // queue takes them, so that a command that stops the queue first still hears of every line that
 // had been typed (and reports it unsent) instead of losing it with the queue's tasks.
 struct Input {
+  Input() = default;
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+  // The last owner is the reader thread or the run that started it, whichever ends later: the
+  // reader never polls a closed pipe.
+  ~Input() {
+    for (const int end : wake) {
+      if (end >= 0) {
+        ::close(end);
+      }
+    }
+  }
+
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<std::string> lines;
