@@ -90,8 +90,7 @@ void XMPPTransport::receive(const char* data, std::size_t size) {
 
 XMPPTransport::Result XMPPTransport::read(char* buffer, std::size_t capacity) {
   Result result;
-  // Everything received has been decrypted and delivered: TLS could only ask for more, and
-  // asking costs as much as a small read.
+  // Everything received has been decrypted and delivered: TLS could only ask for more.
   if (BIO_ctrl_pending(input_) == 0 && SSL_has_pending(ssl_) == 0) {
     return result;
   }
