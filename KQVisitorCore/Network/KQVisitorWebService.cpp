@@ -150,9 +150,6 @@ void KQVisitorWebService::requestDataWithParameters(const nlohmann::ordered_json
 }
 
 nlohmann::ordered_json KQVisitorWebService::resultFromResponseData(std::string_view data) {
-  if (data.empty()) {
-    return nullptr;
-  }
   const std::string cleaned = detail::cleanedResponseText(detail::decodeUTF8(data));
   nlohmann::ordered_json parsed = nlohmann::ordered_json::parse(cleaned, nullptr, false);
   // Only a document counts: a bare string, number or literal is not accepted at the top level.

@@ -161,8 +161,8 @@ class KQ_EXPORT KQVisitorWebService {
   /// An answer of the JSON service as success receives it: the body (invalid UTF-8 replaced)
   /// with every backslash removed, then each "\"{" made "{" and each "}\"" made "}" (which
   /// unwraps objects the service sends serialised inside strings), parsed as JSON. An answer
-  /// that is not a JSON object or array (plain text, a bare string) becomes
-  /// {"response": the cleaned text without double quotes}; an empty body is no result (null).
+  /// that is not a JSON object or array (plain text, a bare string, an empty body) becomes
+  /// {"response": the cleaned text without double quotes}.
   [[nodiscard]] static nlohmann::ordered_json resultFromResponseData(std::string_view data);
 
   // --- SOAP management service ---------------------------------------------------------------

@@ -52,8 +52,8 @@ TEST(KQVisitorWebServiceResultTest, CleansTheServicesDoubleEncodingBeforeParsing
       {"Done", {{"response", "Done"}}},
       {R"("Done")", {{"response", "Done"}}},
       {"42", {{"response", "42"}}},
-      // No body at all: no result, which callers read as "the service answered nothing".
-      {"", nullptr},
+      // No body at all: an empty text, never a null result.
+      {"", {{"response", ""}}},
       {R"({"broken":)", {{"response", "{broken:"}}},
       // Text inside the payload is altered too: backslashes go, and so do quotes next to
       // braces.
@@ -201,7 +201,7 @@ TEST_F(KQVisitorWebServiceTest, EveryAnswerGoesToSuccessOnTheSessionThread) {
   ASSERT_EQ(events.size(), 3U);
   EXPECT_EQ(events[0].value, Json({{"d", {{"status", 1}}}}));
   EXPECT_EQ(events[1].value, Json({{"response", "Some thing went wrong"}}));
-  EXPECT_EQ(events[2].value, nullptr) << "an empty answer is no result";
+  EXPECT_EQ(events[2].value, Json({{"response", ""}})) << "an empty answer is an empty text";
   for (const CallbackEvent& event : events) {
     EXPECT_EQ(event.kind, "success");
     EXPECT_TRUE(event.onSession);
