@@ -71,8 +71,9 @@ struct KQVisitorRoom::State {
   bool isRoomNeedUpate = false;
   std::optional<std::string> isRoomExist;
   bool isDelayed = false;
-  std::shared_ptr<Timer> refreshTimer;
-  bool pollInFlight = false;  // a poll has been sent and not answered yet
+  std::vector<std::shared_ptr<Timer>> refreshTimers;  // the last one started is the newest
+  bool pollByLibrary = false;  // the timers were started by the chat's start, not by the host
+  bool pollInFlight = false;   // a poll has been sent and not answered yet
 };
 
 KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
@@ -354,6 +355,7 @@ void KQVisitorRoom::leaveAndRemoveDelegates() {
 void KQVisitorRoom::closeRoom() {
   const auto keepAlive = shared_from_this();  // the tables below may hold the last references
   setIsRoomJoined(false);
+  stopPolling();
   const auto manager = sitesManager();
   manager->clearCurrentRoom();
   manager->leaveRoom(keepAlive);
@@ -498,14 +500,43 @@ void KQVisitorRoom::sendGoneChatState() {
 // --- HTTP mode --------------------------------------------------------------------------------
 
 void KQVisitorRoom::joinHTTPRoom() {
-  // The tick holds the room, as a run loop's timer holds its target, until it is stopped.
-  auto timer = Timer::scheduledTimer(
-      DispatchQueue::main(),
-      std::chrono::duration_cast<Clock::Duration>(
-          std::chrono::duration<double>(KQVisitorConfig::shared().httpPollInterval)),
-      true, [self = shared_from_this()](Timer& /*timer*/) { self->recieveHTTPMessage(); });
-  // A timer stored before is let go of without being stopped: it goes on polling.
-  state_->set(&State::refreshTimer, std::move(timer));
+  startPolling(false);
+}
+
+void KQVisitorRoom::startPolling(bool byLibrary) {
+  const auto interval = std::chrono::duration_cast<Clock::Duration>(
+      std::chrono::duration<double>(KQVisitorConfig::shared().httpPollInterval));
+  // Decided and started under the lock, so that two starts at once make one poller; the
+  // timers taken over are stopped outside it (invalidate() waits for a tick, which locks).
+  std::vector<std::shared_ptr<Timer>> takenOver;
+  state_->with([&](State& state) {
+    std::erase_if(state.refreshTimers, [](const auto& timer) { return !timer->isValid(); });
+    if (!state.refreshTimers.empty()) {
+      if (byLibrary) {
+        return;  // the room polls already
+      }
+      if (state.pollByLibrary) {
+        takenOver = std::exchange(state.refreshTimers, {});  // the host's poller replaces it
+      }
+    }
+    // The tick holds the room, as a run loop's timer holds its target, until it is stopped.
+    // A timer the host started before goes on polling beside the new one, until the chat ends.
+    state.refreshTimers.push_back(Timer::scheduledTimer(
+        DispatchQueue::main(), interval, true,
+        [self = shared_from_this()](Timer& /*timer*/) { self->recieveHTTPMessage(); }));
+    state.pollByLibrary = byLibrary;
+  });
+  for (const auto& timer : takenOver) {
+    timer->invalidate();
+  }
+}
+
+void KQVisitorRoom::stopPolling() {
+  // Stopped outside the lock: invalidate() waits for a tick in progress, which takes it.
+  for (const auto& timer :
+       state_->with([](State& state) { return std::exchange(state.refreshTimers, {}); })) {
+    timer->invalidate();
+  }
 }
 
 void KQVisitorRoom::recieveHTTPMessage() {
@@ -539,9 +570,7 @@ void KQVisitorRoom::refreshCompletion(const std::optional<KQError>& error,
 
 void KQVisitorRoom::leaveHTTPRoom() {
   sitesManager()->closeHTTPSession([](auto, auto) {});
-  if (const auto timer = state_->get(&State::refreshTimer)) {
-    timer->invalidate();  // the stopped timer stays in its field
-  }
+  stopPolling();
 }
 
 // --- Ending -----------------------------------------------------------------------------------

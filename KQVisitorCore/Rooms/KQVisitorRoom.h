@@ -4,6 +4,7 @@
 #include <KQVisitorCore/Model/KQVisitorUser.h>
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Rooms/RoomsManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
 
 #include <nlohmann/json.hpp>
@@ -50,9 +51,13 @@ enum KQRoomUpdateStatus : std::int64_t {
 /// the join until the room itself ends; closing it leaves the chat room and removes its
 /// delegates, so no event reaches a closed room. site() is not owned.
 ///
+/// A room can be filed in RoomsManager as it is; it answers none of the registry's usage flags,
+/// so the registry's group removals refuse it (RoomsManager::UndefinedKey).
+///
 /// Create rooms with std::make_shared: the room hands itself to its XMPPRoom and timers.
 class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoom>,
-                                public xmpp::XMPPRoomDelegate {
+                                public xmpp::XMPPRoomDelegate,
+                                public RegisteredRoom {
  public:
   /// An update: the object (may be empty; a std::shared_ptr<KQVisitorRoom> or a
   /// std::shared_ptr<KQVisitorMessage>) and the status.
@@ -79,7 +84,7 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   // --- Fields ---------------------------------------------------------------------------
 
   /// The chat id: the chat id of every packet and the key of the room's stored values.
-  [[nodiscard]] std::optional<std::string> roomId() const;
+  [[nodiscard]] std::optional<std::string> roomId() const override;
   void setRoomId(std::optional<std::string> roomId);
   /// The multi-user-chat room; null for an HTTP room.
   [[nodiscard]] std::shared_ptr<xmpp::XMPPRoom> xmppRoom() const;
@@ -167,9 +172,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void closeStream();
   /// Leaves the room, removes the client's and the room's delegates, then closeStream().
   void closeRoomSession();
-  /// Not joined any more; the sites manager forgets its current room and this room; the site's
-  /// whole rooms table is emptied and the site forgotten; the room is left and the client's and
-  /// the room's delegates removed.
+  /// Not joined any more; HTTP polling stops; the sites manager forgets its current room and
+  /// this room; the site's whole rooms table is emptied and the site forgotten; the room is left
+  /// and the client's and the room's delegates removed.
   void closeRoom();
   /// Asks the server to destroy the room with the destroy notice (the room id in the user-id
   /// slot). The room changes only when the destruction comes back.
@@ -213,8 +218,10 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   // --- HTTP mode --------------------------------------------------------------------------
 
   /// Starts polling: recieveHTTPMessage() every 2.0 s on the main queue
-  /// (KQVisitorConfig::httpPollInterval, read at each call). A timer started before
-  /// is let go of but keeps running.
+  /// (KQVisitorConfig::httpPollInterval, read at each call). A room polls once however its
+  /// polling began: when the chat's start already polls for it, this call takes that poller
+  /// over. A timer this call started before is let go of but keeps running, so a host that
+  /// calls it twice polls twice as often: call it once per chat.
   void joinHTTPRoom();
   /// Fetches the next operator message through the sites manager. While an earlier fetch has
   /// not been answered, nothing is sent: two polls from the same cursor would hand the same
@@ -222,14 +229,18 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void recieveHTTPMessage();
   /// Sends `text` through the sites manager.
   void sendHTTPMessage(const std::string& text);
-  /// Closes the chat on the server (the answer is not awaited) and stops the last poll timer.
+  /// Closes the chat on the server (the answer is not awaited) and stops polling: the last
+  /// timer at once, any earlier one at its next tick, without sending anything. The same
+  /// happens to polling when the room is closed (closeRoom(), a logout).
   void leaveHTTPRoom();
 
   // --- Ending -----------------------------------------------------------------------------
 
   /// The room was destroyed: logs it, marks it destroyed, schedules removeRoomAfterIdel() in
   /// 4.0 s (which keeps the room alive until then), appends "Left the conversation", sends
-  /// status 1, then closeRoom() and closeStream().
+  /// status 1, then closeRoom() and closeStream(). closeStream() ends the client's whole XMPP
+  /// connection, not only this room: to chat again, log the visitor in again
+  /// (KQVisitorWebService::loginClientUser).
   void roomDestroyUpdate();
   /// Posts "removeIdleRooms" with {"roomId", "siteId"} built up to the first missing value.
   void removeRoomAfterIdel();
@@ -248,7 +259,12 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
                                  const xmpp::XMPPJID& occupantJID) override;
 
  private:
+  friend class KQVisitorSitesManager;
   struct State;
+  // Polls as joinHTTPRoom() does, for the chat's start (`byLibrary`): nothing when the room
+  // polls already.
+  void startPolling(bool byLibrary);
+  void stopPolling();
   void leaveAndRemoveDelegates();
   void refreshCompletion(const std::optional<KQError>& error,
                          const std::shared_ptr<KQVisitorMessage>& result);

@@ -12,7 +12,7 @@ namespace kq {
 
 /// What RoomsManager asks of the objects a host files in it: their room id and, for the group
 /// removals, three usage flags. An object that cannot tell a flag throws
-/// RoomsManager::UndefinedKey from it.
+/// RoomsManager::UndefinedKey from it. The library's KQVisitorRoom is one, telling no flag.
 class KQ_EXPORT RegisteredRoom {
  public:
   virtual ~RegisteredRoom() = default;

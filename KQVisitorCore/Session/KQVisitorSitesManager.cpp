@@ -247,8 +247,10 @@ void KQVisitorSitesManager::getHTTPMessage(MessageCallback callback) {
           (*shared)(httpError(kNoMessageRecieved), nullptr);
           return;
         }
-        if (room) {
-          room->setHttpMessageId(result.size() > 1 ? textOf(result[1]) : std::nullopt);
+        // An answer without the next id keeps the cursor: going back would hand out again
+        // what the visitor has seen.
+        if (auto next = result.size() > 1 ? textOf(result[1]) : std::nullopt; room && next) {
+          room->setHttpMessageId(std::move(next));
         }
         auto sender = std::make_shared<KQVisitorUser>();
         sender->setUsername(room ? room->operatorName() : std::nullopt);
@@ -488,8 +490,12 @@ void KQVisitorSitesManager::operatorAnswered(const Json& record, const Json& ans
   if (room && intValue(field(answer, "I_AIC").value_or("")) == 1) {
     // The chat is open on the server already: join it once the login has had time.
     room->setRoomId(chatId);
-    DispatchQueue::main()->asyncAfter(kDelayedJoin, [room] {
-      KQVisitorXMPPClient::instance().joinXmpproomwitChatID(room->roomId());
+    DispatchQueue::main()->asyncAfter(kDelayedJoin, [room, manager] {
+      if (!KQVisitorWebService::sharedInstance().isHTTPClient()) {
+        KQVisitorXMPPClient::instance().joinXmpproomwitChatID(room->roomId());
+      } else if (manager->getCurrentRoom() == room) {  // over HTTP the chat goes on by polling
+        manager->pollChat(room, room->roomId());
+      }
     });
   }
   if (room) {
@@ -579,18 +585,15 @@ void KQVisitorSitesManager::startChatWithChatId(const std::optional<std::string>
     (*shared)(KQError::withStatus("Network", 400, 3), nullptr, false);
     return;
   }
-  if (KQVisitorWebService::sharedInstance().isHTTPClient()) {
-    // No room to wait for: the chat runs by polling.
-    if (room) {
-      room->setRoomId(chatId);
-      manager->joinRoom(room);
-      room->joinHTTPRoom();
-    }
-    (*shared)(std::nullopt, started, true);
-    return;
-  }
   if (!client.isInternetAvaliable()) {
     (*shared)(KQError::withStatus("Internet", 400, 8), nullptr, false);
+  } else if (KQVisitorWebService::sharedInstance().isHTTPClient()) {
+    // No room to wait for: the chat runs by polling, joined as soon as it polls.
+    if (room) {
+      manager->pollChat(room, chatId);
+      (*shared)(std::nullopt, started, true);
+      return;
+    }
   } else if (const auto joining = client.joinXmpproomwitChatID(chatId)) {
     joining->addRoomUpdatesCallBack(std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
         [shared, watcher, started](const std::any& object, std::int64_t status) {
@@ -613,6 +616,13 @@ void KQVisitorSitesManager::startChatWithChatId(const std::optional<std::string>
   });
   watcher->startNotifier();
   state_->set(&State::startWatcher, std::move(watcher));
+}
+
+void KQVisitorSitesManager::pollChat(const std::shared_ptr<KQVisitorRoom>& room,
+                                     const std::optional<std::string>& chatId) {
+  room->setRoomId(chatId);
+  joinRoom(room);
+  room->startPolling(true);
 }
 
 }  // namespace kq

@@ -82,14 +82,19 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   /// chatPreLan() for success. Errors have the message as domain and {"status": n}: 5 website
   /// not identified, 3 service call failed, 8 no internet (a transport error keeps its own
   /// domain and code, with status 8 for code -1009).
+  ///
+  /// Without a network, `result` is called twice: first at once with the web service's
+  /// KQVisitorWebService::kNoInternetMessage (status 3), then with the outcome of the request,
+  /// which still goes out. Take an error of that domain as a warning and wait for the second.
   void visitorPanelWithResult(Result result);
 
   /// Checks twice that the website is not blocked ("IsWbBl"), asks for an operator in the
   /// visitor's language ("ChatPreByLan"), makes the session's website (once), visitor and
   /// operator records and the current room, logs the visitor in, shows the greeting, records
   /// it ("InsGrtInfo") and answers (nullopt, {"websiteID": ...}). When the chat is already open
-  /// on the server ("I_AIC" 1) the room takes the chat id and is joined 5 s later on the main
-  /// queue. `visitor` is the seven-key record of visitorPanelWithResult.
+  /// on the server ("I_AIC" 1) the room takes the chat id and, 5 s later on the main queue, is
+  /// joined over XMPP, or over HTTP (the web service's isHTTPClient then) starts polling.
+  /// `visitor` is the seven-key record of visitorPanelWithResult.
   void chatPreLan(const nlohmann::ordered_json& visitor, Result result);
 
   /// Starts the current room's chat with the visitor's opening `message` (nullopt: a fixed
@@ -98,6 +103,11 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   /// visitor gave a name, an email or a phone) and its answer's first element is the chat id.
   /// A failed registration answers "Network" (400, status 3). Without a current room nothing
   /// happens and `callback` is never called.
+  ///
+  /// With a chat already open over XMPP ("I_AIC" 1), a call made after the 5 s join has joined
+  /// the room never hears success: check getCurrentRoom()->isRoomJoined() before waiting.
+  /// Without a network a failure may come twice, or come before a success: see
+  /// visitorPanelWithResult().
   void startChat(const std::optional<std::string>& message, StartCallback callback);
 
   /// Joins the chat `chatId` and answers (nullopt, {"websiteID": ...}, true) each time the room
@@ -107,9 +117,15 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   /// reachability watcher of KQVisitorConfig::reachabilityHost answers "Network" (400, status 3)
   /// at every loss.
   ///
-  /// Over HTTP (the web service's isHTTPClient), there is no room to join: the current room
-  /// takes the chat id, is recorded as joined, starts polling (joinHTTPRoom) and the answer is
-  /// (nullopt, {"websiteID": ...}, true) at once.
+  /// Over HTTP (the web service's isHTTPClient), there is no room to join: after the same
+  /// checks (chat id, internet, the watcher), the current room takes the chat id, is recorded
+  /// as joined, starts polling (as KQVisitorRoom::joinHTTPRoom does, once per room, whoever
+  /// starts it) and the answer is (nullopt, {"websiteID": ...}, true) at once. Without a current
+  /// room nothing is started and no success comes.
+  ///
+  /// Callbacks run on the main queue (the room's join, the delayed join), on the reachability
+  /// watcher's thread ("Network" at a loss), or on the calling thread (the checks, the start
+  /// over HTTP).
   void startChatWithChatId(const std::optional<std::string>& chatId, StartCallback callback);
 
   // --- Rooms ------------------------------------------------------------------------------
@@ -147,6 +163,9 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   void closeHTTPSession(MessageCallback callback);
   /// Ends the session's chat: the current room stops being current, then leaves HTTP polling,
   /// asks for its destruction and forgets its messages. The argument is not used.
+  ///
+  /// The room is no longer current when it leaves, so its "ET" finds no chat id and is not
+  /// sent: over HTTP, call closeHTTPSession() first and closeSession() once it has answered.
   void closeSession(const std::any& sender = {});
 
  private:
@@ -155,6 +174,9 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
                          const std::optional<std::string>& websiteId,
                          const nlohmann::ordered_json& stamp,
                          const std::shared_ptr<Result>& result);
+  // Carries the chat `chatId` over HTTP: the room takes the id, is recorded as joined and polls.
+  void pollChat(const std::shared_ptr<KQVisitorRoom>& room,
+                const std::optional<std::string>& chatId);
   void askForOperator(const nlohmann::ordered_json& record, const std::shared_ptr<Result>& result);
   void operatorAnswered(const nlohmann::ordered_json& record, const nlohmann::ordered_json& answer,
                         const std::shared_ptr<Result>& result);

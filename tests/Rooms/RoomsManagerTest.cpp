@@ -1,3 +1,4 @@
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Rooms/RoomsManager.h>
 
 #include <gtest/gtest.h>
@@ -5,30 +6,23 @@
 namespace kq {
 namespace {
 
-// A host's room object: an id and, when `flags` is set, the three usage flags (all false).
+// A host's room object: an id and the three usage flags, all false.
 class HostRoom : public RegisteredRoom {
  public:
-  HostRoom(std::string id, bool flags) : id_(std::move(id)), flags_(flags) {}
+  explicit HostRoom(std::string id) : id_(std::move(id)) {}
   [[nodiscard]] std::optional<std::string> roomId() const override { return id_; }
-  [[nodiscard]] bool isUsedByOperator() const override {
-    return flags_ ? false : RegisteredRoom::isUsedByOperator();
-  }
-  [[nodiscard]] bool isUsedByLoggedInResources() const override {
-    return flags_ ? false : RegisteredRoom::isUsedByLoggedInResources();
-  }
-  [[nodiscard]] bool isUsedByTrainning() const override {
-    return flags_ ? false : RegisteredRoom::isUsedByTrainning();
-  }
+  [[nodiscard]] bool isUsedByOperator() const override { return false; }
+  [[nodiscard]] bool isUsedByLoggedInResources() const override { return false; }
+  [[nodiscard]] bool isUsedByTrainning() const override { return false; }
 
  private:
   std::string id_;
-  bool flags_;
 };
 
 TEST(RoomsManagerTest, RoomsAreFiledByIdAndTheConditionalRemovalsTestNothing) {
   RoomsManager manager;
-  const auto first = std::make_shared<HostRoom>("1", true);
-  const auto second = std::make_shared<HostRoom>("1", true);
+  const auto first = std::make_shared<HostRoom>("1");
+  const auto second = std::make_shared<HostRoom>("1");
   manager.addRoom(first);
   manager.addRoom(second);
   manager.addRoom(nullptr);
@@ -51,13 +45,17 @@ TEST(RoomsManagerTest, GroupRemovalsEvaluateTheirFilterAndRemoveNothing) {
   RoomsManager manager;
   manager.removeAllQCRooms();  // empty: nothing is evaluated, nothing thrown
   manager.removeOperatorRooms();
-  manager.addRoom(std::make_shared<HostRoom>("1", true));
-  manager.addRoom(std::make_shared<HostRoom>("2", true));
+  manager.addRoom(std::make_shared<HostRoom>("1"));
+  manager.addRoom(std::make_shared<HostRoom>("2"));
   manager.removeAllQCRooms();
   manager.removeOperatorRooms();
   EXPECT_EQ(manager.roomsDict().size(), 2U) << "matching objects are used as keys: none goes";
 
-  manager.addRoom(std::make_shared<HostRoom>("3", false));
+  // The library's own room is filed as it is, and cannot tell the flags.
+  const auto chat = std::make_shared<KQVisitorRoom>();
+  chat->setRoomId("3");
+  manager.addRoom(chat);
+  EXPECT_EQ(manager.isRoomExists("3"), chat);
   EXPECT_THROW(manager.removeAllQCRooms(), RoomsManager::UndefinedKey);
   EXPECT_THROW(manager.removeOperatorRooms(), RoomsManager::UndefinedKey);
   manager.removeAllRooms();

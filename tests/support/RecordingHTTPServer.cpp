@@ -102,6 +102,8 @@ RecordingHTTPServer::RecordingHTTPServer(std::optional<TLS> tls) : impl_(std::ma
   auto& server = *impl_->server;
   server.set_tcp_nodelay(true);
   server.set_keep_alive_max_count(100000);
+  // An idle connection closes after a second: stopping waits for the idle ones to close.
+  server.set_keep_alive_timeout(1);
   // Idle keep-alive connections hold a worker each: enough workers for every concurrent test.
   server.new_task_queue = [] { return new httplib::ThreadPool(64); };
   server.set_payload_max_length(std::size_t{64} * 1024 * 1024);

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -83,6 +84,23 @@ inline void pointServicesAt(const std::string& origin) {
   config.uploadServiceOrigin = origin;
   config.soapNamespace = "http://kq.test/";
   KQVisitorConfig::setShared(config);
+}
+
+/// Waits until the shared web service's HTTP session has taken every request made before: a
+/// request made now through it (to "Flush") is answered. Call it before asserting that a
+/// request was not made.
+inline void flushSharedWebService() {
+  auto answered = std::make_shared<std::promise<void>>();
+  auto once = std::make_shared<std::once_flag>();
+  const auto done = [answered, once] { std::call_once(*once, [&] { answered->set_value(); }); };
+  KQVisitorWebService::sharedInstance().requestDataWithParameters(
+      nullptr, "GET", "Flush", [done](std::nullptr_t, const nlohmann::ordered_json&) { done(); },
+      [done](std::nullptr_t, const KQError& error) {
+        if (error.domain != KQVisitorWebService::kNoInternetMessage) {  // said before it goes
+          done();
+        }
+      });
+  EXPECT_EQ(answered->get_future().wait_for(kPatience), std::future_status::ready);
 }
 
 /// A web service talking to a RecordingHTTPServer: every configured origin points at the
