@@ -281,11 +281,14 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     if (finishing_) {
       return;
     }
-    showError(error, what);
     if (error.domain == kq::KQVisitorWebService::kNoInternetMessage) {
-      // Said at once when the network looks down; the request's own outcome follows.
+      // Said at once when the network looks down; the request's own outcome follows, and is
+      // the one shown as the outcome.
+      print({{"event", "warning"}, {"domain", error.domain}},
+            "The network looks down; waiting for the service's own answer...");
       return;
     }
+    showError(error, what);
     failed_ = true;
     finish();
   }
@@ -320,6 +323,11 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       visitor->setName(options_.name);
       visitor->setEmail(options_.email);
       visitor->setPhone(options_.phone);
+    }
+    if (room->isRoomJoined()) {
+      // A chat already open on the server has been joined meanwhile: a start would hear nothing.
+      startAnswered(std::nullopt, true);
+      return;
     }
     say("Starting the chat...");
     client.sitesManager()->startChat(
@@ -547,7 +555,7 @@ int runChat(const std::vector<std::string>& arguments) {
         << "standard input and prints every message and room update.\n\n"
         << "  --http            carry the chat over HTTP polling instead of XMPP\n"
         << "  --json            print one JSON object a line (events panel, started, message,\n"
-        << "                    room, error, unsent)\n"
+        << "                    room, warning, error, unsent)\n"
         << "  --linger SECONDS  after the end of input, wait this long for replies (default 5)\n"
         << "  --verbose         show the library's diagnostics on stderr\n\n"
         << "Leaves the chat at the end of lingering, when the operator ends the chat, or on\n"
