@@ -230,43 +230,42 @@ TEST_F(KQVisitorSitesManagerFlowTest, EveryFailureAnswersOnceWithItsMessageCodeA
               3);
 }
 
-TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecondsLaterOverHTTP) {
-  test::ManualClockScope clock;
-  script({kWebsite, R"("stamp-3")", kVisitor, R"("0")", R"("0")", kOpenChat, R"("g7")"});
-  ASSERT_FALSE(launch().error);
-  const auto room = manager->getCurrentRoom();
-  ASSERT_TRUE(room);
-  EXPECT_EQ(room->roomId(), "77");
-  server.setDefaultResponse({200, R"(["","0"])", "application/json; charset=utf-8", {}});
-  tick(clock, 5s);
-  EXPECT_TRUE(room->isHttpRoom()) << "an HTTP chat was joined over XMPP";
-  EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
-  tick(clock, 2s);
-  ASSERT_TRUE(test::runMainQueueUntil([&] { return polls() == 1; }));
-  const std::size_t before = server.requests().size();
-  EXPECT_TRUE(room->sendMessage("Hi"));
-  ASSERT_TRUE(server.waitForRequests(before + 1));
-  EXPECT_TRUE(calls().back().starts_with("InsertChatMessage?parMessage=Hi&parChatId=77&"))
-      << calls().back();
-  room->leaveHTTPRoom();
-}
-
-TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerIsJoinedOverXMPPFiveSecondsLater) {
-  test::ManualClockScope clock;
-  script({kWebsite, R"("stamp-3")", kVisitor, R"("0")", R"("0")", kOpenChat, R"("g7")"});
-  ASSERT_FALSE(launch().error);
-  const auto room = manager->getCurrentRoom();
-  ASSERT_TRUE(room);
-  KQVisitorWebService::sharedInstance().setIsHTTPClient(false);  // read when the join is due
-  clock->advance(4900ms);
-  test::drainMainQueue();
-  EXPECT_FALSE(room->xmppRoom()) << "joined before 5 s";
-  clock->advance(100ms);
-  test::drainMainQueue();
-  ASSERT_TRUE(room->xmppRoom());
-  EXPECT_EQ(room->xmppRoom()->roomJID().full(), "room77@conference.localhost");
-  room->closeRoom();
-  room->setXmppRoom(nullptr);
+TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecondsLaterAsItRuns) {
+  for (const bool overHTTP : {true, false}) {
+    SCOPED_TRACE(overHTTP ? "over HTTP" : "over XMPP");
+    test::ManualClockScope clock;
+    // A new data stamp each round: the visitor is registered each time.
+    script({kWebsite, overHTTP ? R"("stamp-3")" : R"("stamp-4")", kVisitor, R"("0")", R"("0")",
+            kOpenChat, R"("g7")"});
+    ASSERT_FALSE(launch().error);
+    const auto room = manager->getCurrentRoom();
+    ASSERT_TRUE(room);
+    EXPECT_EQ(room->roomId(), "77");
+    KQVisitorWebService::sharedInstance().setIsHTTPClient(overHTTP);  // read when the join is due
+    server.setDefaultResponse({200, R"(["","0"])", "application/json; charset=utf-8", {}});
+    tick(clock, 4900ms);
+    EXPECT_FALSE(room->xmppRoom()) << "joined before 5 s";
+    tick(clock, 100ms);
+    if (!overHTTP) {
+      ASSERT_TRUE(room->xmppRoom());
+      EXPECT_EQ(room->xmppRoom()->roomJID().full(), "room77@conference.localhost");
+      room->closeRoom();
+      room->setXmppRoom(nullptr);
+      continue;
+    }
+    EXPECT_TRUE(room->isHttpRoom()) << "an HTTP chat was joined over XMPP";
+    EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
+    tick(clock, 2s);
+    ASSERT_TRUE(test::runMainQueueUntil([&] { return polls() == 1; }));
+    const std::size_t before = server.requests().size();
+    EXPECT_TRUE(room->sendMessage("Hi"));
+    ASSERT_TRUE(server.waitForRequests(before + 1));
+    EXPECT_TRUE(calls().back().starts_with("InsertChatMessage?parMessage=Hi&parChatId=77&"))
+        << calls().back();
+    room->closeRoom();
+    manager->setKqWebsite(nullptr);  // a new website and room for the next round
+  }
+  KQVisitorWebService::sharedInstance().setIsHTTPClient(true);
 }
 
 struct Start {
