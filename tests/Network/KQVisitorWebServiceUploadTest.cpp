@@ -21,7 +21,7 @@ Json fileParameters(const std::string& bytes, const std::optional<std::string>& 
   return parameters;
 }
 
-// The multipart body of one file.
+// The multipart body of one file, byte for byte.
 std::string multipartBody(const std::string& boundary, const std::string& name,
                           const std::string& bytes) {
   return "--" + boundary + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name +
@@ -81,12 +81,7 @@ TEST_F(KQVisitorWebServiceUploadTest, SendsOnePartByteForByteWithANewBoundaryEac
   EXPECT_EQ(requests[0].method, "POST");
   EXPECT_EQ(requests[0].target, "/FileUploader/api/FileUploader/FileTransfer3_5_OP");
   const std::string boundary = boundaryOf(requests[0]);
-  EXPECT_EQ(requests[0].body, "--" + boundary +
-                                  "\r\n"
-                                  "Content-Disposition: form-data; name=\"file\"; "
-                                  "filename=\"a b.png\"\r\n"
-                                  "Content-Type:application/octet-stream\r\n\r\n" +
-                                  bytes + "\r\n--" + boundary + "--\r\n");
+  EXPECT_EQ(requests[0].body, multipartBody(boundary, "a b.png", bytes));
   // No name: the text of an absent value; no data: an empty file.
   const std::string second = boundaryOf(requests[1]);
   EXPECT_EQ(requests[1].body, multipartBody(second, "(null)", ""));

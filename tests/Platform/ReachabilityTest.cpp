@@ -26,6 +26,7 @@ using Json = nlohmann::ordered_json;
 using test::runOrThrow;
 
 constexpr const char* kProbe = "198.51.100.1";  // the default probe of the internet check
+constexpr const char* kProbeNet = "198.51.100.0/24";
 
 class ReachabilityTest : public ::testing::Test {
  protected:
@@ -41,12 +42,8 @@ class ReachabilityTest : public ::testing::Test {
         << "run inside a fresh network namespace: unshare --net <test binary>";
   }
 
-  static void addProbeRoute() {
-    runOrThrow({"ip", "route", "add", "198.51.100.0/24", "dev", "lo"});
-  }
-  static void deleteProbeRoute() {
-    runOrThrow({"ip", "route", "del", "198.51.100.0/24", "dev", "lo"});
-  }
+  static void addProbeRoute() { runOrThrow({"ip", "route", "add", kProbeNet, "dev", "lo"}); }
+  static void deleteProbeRoute() { runOrThrow({"ip", "route", "del", kProbeNet, "dev", "lo"}); }
   static void bringLoopbackUp() { runOrThrow({"ip", "link", "set", "lo", "up"}); }
 
   // Handlers that record "reachable"/"unreachable" on `recorder`.
@@ -86,16 +83,30 @@ TEST_F(ReachabilityTest, WithoutARouteNothingIsReachableUntilOneIsAdded) {
   EXPECT_FALSE(KQVisitorXMPPClient::instance().isInternetAvaliable());
 }
 
-TEST_F(ReachabilityTest, RouteChangesCallTheHandlersOnTheNotifierThreadUntilStopped) {
+// An address watcher reports each change; a host watcher first reports its status, resolvable
+// or not. Handlers run on the notifier thread, until the watcher is stopped.
+TEST_F(ReachabilityTest, WatchersReportRouteChangesOnTheNotifierThreadUntilStopped) {
   bringLoopbackUp();
   test::CallbackRecorder recorder;
+  test::CallbackRecorder hosts;
   auto watcher = Reachability::reachabilityWithAddress(kProbe);
   observe(*watcher, recorder);
+  auto host = Reachability::reachabilityWithHostname(kProbe);
+  observe(*host, hosts);
+  auto unresolvable = Reachability::reachabilityWithHostname("chat.kqvisitor.example");
+  observe(*unresolvable, hosts);
   ASSERT_TRUE(watcher->startNotifier());
   EXPECT_FALSE(watcher->startNotifier()) << "already started";
+  ASSERT_TRUE(host->startNotifier());
+  ASSERT_TRUE(unresolvable->startNotifier());
+  ASSERT_EQ(kinds(hosts.waitFor(2)), (std::vector<std::string>{"unreachable", "unreachable"}));
 
   addProbeRoute();
   ASSERT_EQ(kinds(recorder.waitFor(1)), std::vector<std::string>{"reachable"});
+  const auto hostEvents = hosts.waitFor(3);
+  ASSERT_EQ(hostEvents.size(), 3U);
+  EXPECT_EQ(hostEvents[2].kind, "reachable");
+  EXPECT_EQ(hostEvents[2].value, kProbe);
   deleteProbeRoute();
   const auto events = recorder.waitFor(2);
   ASSERT_EQ(kinds(events), (std::vector<std::string>{"reachable", "unreachable"}));
@@ -111,24 +122,6 @@ TEST_F(ReachabilityTest, RouteChangesCallTheHandlersOnTheNotifierThreadUntilStop
   addProbeRoute();
   ASSERT_EQ(kinds(witnessed.waitFor(1)), std::vector<std::string>{"reachable"});
   EXPECT_EQ(recorder.events().size(), 2U);
-}
-
-TEST_F(ReachabilityTest, AHostWatcherReportsItsFirstStatusThenEachChange) {
-  bringLoopbackUp();
-  test::CallbackRecorder recorder;
-  auto watcher = Reachability::reachabilityWithHostname(kProbe);
-  observe(*watcher, recorder);
-  auto unresolvable = Reachability::reachabilityWithHostname("chat.kqvisitor.example");
-  observe(*unresolvable, recorder);
-  ASSERT_TRUE(watcher->startNotifier());
-  ASSERT_TRUE(unresolvable->startNotifier());
-  auto events = recorder.waitFor(2);
-  ASSERT_EQ(kinds(events), (std::vector<std::string>{"unreachable", "unreachable"}));
-  addProbeRoute();
-  events = recorder.waitFor(3);
-  ASSERT_EQ(events.size(), 3U);
-  EXPECT_EQ(events[2].kind, "reachable");
-  EXPECT_EQ(events[2].value, kProbe);
 }
 
 TEST_F(ReachabilityTest, AHandlerMayStopAndReleaseItsOwnWatcher) {
@@ -190,13 +183,29 @@ TEST_F(ReachabilityTest, StartingAChatWithoutInternetSaysSoAndWatchesTheProbeHos
       << "nothing is joined without internet";
 }
 
-// --- The web service without internet, with the real check -----------------------------------
-
+// The web service without internet, with the real check: with nothing reachable both reports
+// are failures; with the service on loopback but no route to the probe, the failure comes at
+// once, on the calling thread, and the answer still follows.
 TEST_F(ReachabilityTest, AJSONRequestWithoutInternetFailsAtOnceAndStillReportsItsAnswer) {
-  bringLoopbackUp();  // the service answers on loopback, but the probe has no route
+  KQVisitorConfig config;
+  config.jsonServiceProductionOrigin = "http://127.0.0.1:9";
+  KQVisitorConfig::setShared(config);
+  {
+    auto session = HTTPSession::create({});
+    test::CallbackRecorder recorder;
+    KQVisitorWebService service(KQVisitorWebService::Dependencies{session, nullptr});
+    service.requestDataWithParameters(Json::object(), "GET", "Op", recorder.success(),
+                                      recorder.failure());
+    const auto events = recorder.waitFor(2);
+    ASSERT_EQ(kinds(events), (std::vector<std::string>{"failure", "failure"}));
+    std::vector<std::string> domains = {events[0].value["domain"], events[1].value["domain"]};
+    std::sort(domains.begin(), domains.end());
+    EXPECT_EQ(domains, (std::vector<std::string>{"NSURLErrorDomain",
+                                                 "Request failed due to internet problem"}));
+  }
+  bringLoopbackUp();
   test::RecordingHTTPServer server;
   server.setDefaultResponse({200, R"({"ok":1})", "application/json", {}});
-  KQVisitorConfig config;
   config.jsonServiceProductionOrigin = server.origin();
   KQVisitorConfig::setShared(config);
   auto session = HTTPSession::create({});
@@ -205,8 +214,7 @@ TEST_F(ReachabilityTest, AJSONRequestWithoutInternetFailsAtOnceAndStillReportsIt
   KQVisitorWebService service(KQVisitorWebService::Dependencies{session, nullptr});
   service.requestDataWithParameters({{"a", 1}}, "GET", "Op", recorder.success(),
                                     recorder.failure());
-  const auto immediate = recorder.events();
-  ASSERT_FALSE(immediate.empty()) << "the failure comes before the call returns";
+  ASSERT_FALSE(recorder.events().empty()) << "the failure comes before the call returns";
   const auto events = recorder.waitFor(2);
   ASSERT_EQ(events.size(), 2U);
   const Json noInternet = {{"domain", "Request failed due to internet problem"},
@@ -219,23 +227,6 @@ TEST_F(ReachabilityTest, AJSONRequestWithoutInternetFailsAtOnceAndStillReportsIt
   EXPECT_TRUE(std::any_of(events.begin(), events.end(), [](const auto& event) {
     return event.kind == "success" && event.value == Json({{"ok", 1}}) && event.onSession;
   }));
-}
-
-TEST_F(ReachabilityTest, WithNothingReachableBothReportsAreFailures) {
-  KQVisitorConfig config;
-  config.jsonServiceProductionOrigin = "http://127.0.0.1:9";
-  KQVisitorConfig::setShared(config);
-  auto session = HTTPSession::create({});
-  test::CallbackRecorder recorder;
-  KQVisitorWebService service(KQVisitorWebService::Dependencies{session, nullptr});
-  service.requestDataWithParameters(Json::object(), "GET", "Op", recorder.success(),
-                                    recorder.failure());
-  const auto events = recorder.waitFor(2);
-  ASSERT_EQ(kinds(events), (std::vector<std::string>{"failure", "failure"}));
-  std::vector<std::string> domains = {events[0].value["domain"], events[1].value["domain"]};
-  std::sort(domains.begin(), domains.end());
-  EXPECT_EQ(domains, (std::vector<std::string>{"NSURLErrorDomain",
-                                               "Request failed due to internet problem"}));
 }
 
 TEST_F(ReachabilityTest, ARequestWithNoUsableNetworkFailsAsNotConnectedToTheInternet) {

@@ -1,16 +1,13 @@
 #include <KQVisitorCore/Platform/UserDefaults.h>
 
+#include "tests/support/BackgroundChild.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 namespace kq {
@@ -27,37 +24,17 @@ std::vector<std::string> filesIn(const std::string& folder) {
   return names;
 }
 
+// The writer synchronizes, says so and is then killed: nothing after synchronize() saves.
 TEST(UserDefaultsTest, SynchronizedValuesSurviveAProcessKilledRightAfterwards) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("nested/folder/defaults.json");
-  int output[2];
-  ASSERT_EQ(::pipe(output), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, output[0]);
-  std::string program = KQ_DEFAULTS_WRITER;
-  std::string key = "V_Inf:12";
-  std::string value = "visitor \"record\" & more";
-  char* argv[] = {program.data(), const_cast<char*>(path.c_str()), key.data(), value.data(),
-                  nullptr};
-  pid_t child = 0;
-  ASSERT_EQ(posix_spawn(&child, program.c_str(), &actions, nullptr, argv, environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(output[1]);
-
-  char buffer[64] = {};
-  const ssize_t got = ::read(output[0], buffer, sizeof buffer - 1);  // blocks until reported
-  ::close(output[0]);
-  ::kill(child, SIGKILL);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  ASSERT_GT(got, 0) << "the child did not report a synchronize";
-  ASSERT_EQ(std::string(buffer), "synchronized\n");
-  ASSERT_TRUE(WIFSIGNALED(status));
-
-  UserDefaults reopened(path);
-  EXPECT_EQ(reopened.stringForKey(key), value);
+  const std::string value = "visitor \"record\" & more";
+  {
+    test::BackgroundChild writer({KQ_DEFAULTS_WRITER, path, "V_Inf:12", value});
+    ASSERT_TRUE(writer.waitForOutput("synchronized\n")) << writer.output();
+    EXPECT_EQ(writer.stop(), -1) << "killed, not exited";
+  }
+  EXPECT_EQ(UserDefaults(path).stringForKey("V_Inf:12"), value);
   EXPECT_EQ(filesIn(folder.file("nested/folder")), std::vector<std::string>{"defaults.json"})
       << "no temporary file is left behind";
   struct stat info {};
@@ -65,17 +42,37 @@ TEST(UserDefaultsTest, SynchronizedValuesSurviveAProcessKilledRightAfterwards) {
   EXPECT_EQ(info.st_mode & 0777, 0600U) << "the settings hold visitor details: private to the user";
 }
 
-TEST(UserDefaultsTest, UnsynchronizedChangesAreWrittenWhenTheObjectGoes) {
+// Reads convert as the platform's do; storing null removes the key; what is not synchronized
+// is written when the object goes.
+TEST(UserDefaultsTest, TypedReadsFollowFoundationRulesAndChangesAreSavedOnDestruction) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("defaults.json");
   {
     UserDefaults defaults(path);
+    defaults.setObject("12abc", "text");
+    defaults.setObject(3.9, "fraction");
+    defaults.setObject(Json::array({1}), "list");
+    defaults.setObject(" yes", "yes");
+    EXPECT_EQ(defaults.integerForKey("text"), 12);
+    EXPECT_EQ(defaults.integerForKey("fraction"), 3);
+    EXPECT_EQ(defaults.integerForKey("list"), 0);
+    EXPECT_EQ(defaults.integerForKey("missing"), 0);
+    EXPECT_EQ(defaults.stringForKey("fraction"), "3.9");
+    EXPECT_FALSE(defaults.stringForKey("list"));
+    EXPECT_FALSE(defaults.dictionaryForKey("text"));
+    EXPECT_TRUE(defaults.boolForKey("yes"));
+    EXPECT_TRUE(defaults.boolForKey("fraction"));
+    EXPECT_FALSE(defaults.boolForKey("missing"));
+    defaults.setObject(nullptr, "text");
+    EXPECT_FALSE(defaults.objectForKey("text")) << "storing null removes the key";
     defaults.setObject(Json{{"V_I", "12"}, {"V_N", "Ann"}}, "V_Inf:3");
     defaults.setInteger(4, "kqroom7");
   }
   UserDefaults reopened(path);
   EXPECT_EQ(reopened.dictionaryForKey("V_Inf:3"), (Json{{"V_I", "12"}, {"V_N", "Ann"}}));
   EXPECT_EQ(reopened.integerForKey("kqroom7"), 4);
+  EXPECT_EQ(reopened.stringForKey("fraction"), "3.9");
+  EXPECT_FALSE(reopened.objectForKey("text"));
 }
 
 TEST(UserDefaultsTest, ADamagedFileIsSetAsideAndReported) {
@@ -103,16 +100,16 @@ TEST(UserDefaultsTest, ADamagedFileIsSetAsideAndReported) {
   }
 }
 
+// A folder where the file should be is reported, and left as it is with its contents.
 TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("defaults.json");
-  std::filesystem::create_directory(path);  // reading a folder fails
+  std::filesystem::create_directory(path);
   test::writeFile(folder.file("defaults.json/keep.txt"), "the user's own file");
   test::LogCapture log;
   UserDefaults defaults(path);
   EXPECT_TRUE(log.contains(path + " is not a regular file"));
   EXPECT_FALSE(defaults.objectForKey("anything"));
-  // Only a damaged settings file is moved aside: a folder is left as it is, with its contents.
   defaults.setObject("x", "d_time");
   EXPECT_FALSE(defaults.synchronize());
   EXPECT_TRUE(std::filesystem::is_directory(path));
@@ -136,27 +133,6 @@ TEST(UserDefaultsTest, AFailedWriteIsReportedAndRetriedByTheNextSynchronize) {
   std::filesystem::remove(blocker);
   EXPECT_TRUE(defaults.synchronize()) << "the change is still unsaved, so it is written now";
   EXPECT_EQ(UserDefaults(path).stringForKey("d_time"), "kept");
-}
-
-TEST(UserDefaultsTest, TypedReadsFollowFoundationRules) {
-  test::TemporaryDirectory folder;
-  UserDefaults defaults(folder.file("defaults.json"));
-  defaults.setObject("12abc", "text");
-  defaults.setObject(3.9, "fraction");
-  defaults.setObject(Json::array({1}), "list");
-  defaults.setObject(" yes", "yes");
-  EXPECT_EQ(defaults.integerForKey("text"), 12);
-  EXPECT_EQ(defaults.integerForKey("fraction"), 3);
-  EXPECT_EQ(defaults.integerForKey("list"), 0);
-  EXPECT_EQ(defaults.integerForKey("missing"), 0);
-  EXPECT_EQ(defaults.stringForKey("fraction"), "3.9");
-  EXPECT_FALSE(defaults.stringForKey("list"));
-  EXPECT_FALSE(defaults.dictionaryForKey("text"));
-  EXPECT_TRUE(defaults.boolForKey("yes"));
-  EXPECT_TRUE(defaults.boolForKey("fraction"));
-  EXPECT_FALSE(defaults.boolForKey("missing"));
-  defaults.setObject(nullptr, "text");
-  EXPECT_FALSE(defaults.objectForKey("text")) << "storing null removes the key";
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace kq {
 namespace {
 
-TEST(ColorKQVisitorTest, BrandColoursHaveTheirExactComponents) {
+TEST(ColorKQVisitorTest, BrandColoursHaveTheirExactComponentsAndModelsConvertBothWays) {
   const Color brand = ColorKQVisitor::kqBrandColor();
   EXPECT_DOUBLE_EQ(brand.red(), 0.2627450980392157);
   EXPECT_DOUBLE_EQ(brand.green(), 0.4392156862745098);
@@ -17,27 +17,34 @@ TEST(ColorKQVisitorTest, BrandColoursHaveTheirExactComponents) {
   EXPECT_DOUBLE_EQ(navbar.red(), 0.0);
   EXPECT_DOUBLE_EQ(navbar.green(), 0.06666666666666667);
   EXPECT_DOUBLE_EQ(navbar.blue(), 0.6274509803921569);
+
+  const Color orange = Color::hsba(30 / 360.0, 1.0, 1.0, 1.0);
+  EXPECT_DOUBLE_EQ(orange.red(), 1.0);
+  EXPECT_DOUBLE_EQ(orange.green(), 0.5);
+  EXPECT_DOUBLE_EQ(orange.blue(), 0.0);
+  const Color back = Color::hsba(brand.hue(), brand.saturation(), brand.brightness(), 1.0);
+  EXPECT_NEAR(back.red(), brand.red(), 1e-12);
+  EXPECT_NEAR(back.green(), brand.green(), 1e-12);
+  EXPECT_NEAR(back.blue(), brand.blue(), 1e-12);
 }
 
-TEST(ColorKQVisitorTest, RandomColourMapsTheThreeDrawsInOrder) {
-  const std::vector<std::uint32_t> highest = {0xFFFFFFFFU, 0xFFFFFFFFU, 0xFFFFFFFFU};
+// Hue, saturation and brightness come from three draws in that order, each masked to a byte
+// and divided by 256 (so hue never reaches 1, the others stay in [0.5, 1)).
+TEST(ColorKQVisitorTest, RandomColoursMapTheThreeDrawsInOrderAndStayBrightAndSaturated) {
+  const std::vector<std::uint32_t> draws = {0xFFFFFFFFU, 0xFFFFFFFFU, 0xFFFFFFFFU,
+                                            0x100U + 3,  0x80U + 5,   7};
   size_t next = 0;
-  const Color top = ColorKQVisitor::randomColor([&] { return highest[next++]; });
+  const Color top = ColorKQVisitor::randomColor([&] { return draws[next++]; });
   EXPECT_EQ(top.model(), Color::Model::HSB);
-  EXPECT_DOUBLE_EQ(top.hue(), 255 / 256.0) << "the divisor is 256, so hue never reaches 1";
+  EXPECT_DOUBLE_EQ(top.hue(), 255 / 256.0);
   EXPECT_DOUBLE_EQ(top.saturation(), 0.99609375);
   EXPECT_DOUBLE_EQ(top.brightness(), 0.99609375);
   EXPECT_DOUBLE_EQ(top.alpha(), 1.0);
-
-  const std::vector<std::uint32_t> ordered = {0x100U + 3, 0x80U + 5, 7};  // high bits masked off
-  next = 0;
-  const Color mixed = ColorKQVisitor::randomColor([&] { return ordered[next++]; });
+  const Color mixed = ColorKQVisitor::randomColor([&] { return draws[next++]; });
   EXPECT_DOUBLE_EQ(mixed.hue(), 3 / 256.0);
   EXPECT_DOUBLE_EQ(mixed.saturation(), 5 / 256.0 + 0.5);
   EXPECT_DOUBLE_EQ(mixed.brightness(), 7 / 256.0 + 0.5);
-}
 
-TEST(ColorKQVisitorTest, RandomColoursStayBrightAndSaturated) {
   for (int i = 0; i < 2000; ++i) {
     const Color color = ColorKQVisitor::randomColor();
     ASSERT_GE(color.saturation(), 0.5);
@@ -47,18 +54,6 @@ TEST(ColorKQVisitorTest, RandomColoursStayBrightAndSaturated) {
     ASSERT_GE(color.hue(), 0.0);
     ASSERT_LT(color.hue(), 1.0);
   }
-}
-
-TEST(ColorKQVisitorTest, ModelsConvertBothWays) {
-  const Color orange = Color::hsba(30 / 360.0, 1.0, 1.0, 1.0);
-  EXPECT_DOUBLE_EQ(orange.red(), 1.0);
-  EXPECT_DOUBLE_EQ(orange.green(), 0.5);
-  EXPECT_DOUBLE_EQ(orange.blue(), 0.0);
-  const Color brand = ColorKQVisitor::kqBrandColor();
-  const Color back = Color::hsba(brand.hue(), brand.saturation(), brand.brightness(), 1.0);
-  EXPECT_NEAR(back.red(), brand.red(), 1e-12);
-  EXPECT_NEAR(back.green(), brand.green(), 1e-12);
-  EXPECT_NEAR(back.blue(), brand.blue(), 1e-12);
 }
 
 }  // namespace

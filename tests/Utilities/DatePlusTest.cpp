@@ -29,86 +29,68 @@ class DatePlusTest : public ::testing::Test {
   void TearDown() override { DatePlus::setDefaultFormat("yyyy-MM-dd"); }
 };
 
+// Guards against a zone name that the C library or ICU silently reads as UTC.
 TEST_F(DatePlusTest, TheZoneUnderTestIsTheOneAskedFor) {
   const char* zone = std::getenv("TZ");
   ASSERT_NE(zone, nullptr) << "run these tests with TZ set, as CTest does";
-  // Guards against a zone name that the C library or ICU silently reads as UTC.
   if (std::string(zone) != "UTC") {
     EXPECT_NE(localOffset(Date::dateWithTimeIntervalSince1970(k2016March1)), 0) << zone;
   }
 }
 
-TEST_F(DatePlusTest, ParsingReadsUtcAndFormattingWritesLocalTime) {
+TEST_F(DatePlusTest, ParsingReadsUtcAndFormattingWritesTheDevicesLocalTime) {
   const auto midnight = DatePlus::dateFromString("2016-03-01");
   ASSERT_TRUE(midnight);
   EXPECT_EQ(midnight->timeIntervalSince1970(), k2016March1);
-  const std::string expected = localOffset(*midnight) >= 0 ? "2016-03-01" : "2016-02-29";
-  EXPECT_EQ(DatePlus::stringFromDate(*midnight), expected);
-}
-
-TEST_F(DatePlusTest, FormattingIsInTheDevicesZone) {
+  EXPECT_EQ(DatePlus::stringFromDate(*midnight),
+            localOffset(*midnight) >= 0 ? "2016-03-01" : "2016-02-29");
   const Date noonUtc = Date::dateWithTimeIntervalSince1970(k2016March1 + 12 * 3600);
-  const long offset = localOffset(noonUtc);
   const auto seconds = static_cast<std::time_t>(noonUtc.timeIntervalSince1970());
   std::tm local{};
   localtime_r(&seconds, &local);
   char expected[32];
   std::strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S", &local);
-  EXPECT_EQ(DatePlus::stringFromDate(noonUtc, "yyyy-MM-dd HH:mm:ss"), expected)
-      << "offset " << offset;
+  EXPECT_EQ(DatePlus::stringFromDate(noonUtc, "yyyy-MM-dd HH:mm:ss"), expected);
 }
 
+// Instants close together across second boundaries on both sides of the epoch, written one
+// after the other with and without fractions: each text is its own instant's, whatever was
+// written just before (the pattern with milliseconds is the reference for the whole seconds).
 TEST_F(DatePlusTest, ConsecutiveWritesEachShowTheirOwnSecond) {
-  // Instants close together, across second boundaries on both sides of the epoch, written one
-  // after the other with patterns with and without fractions: each text must be its instant's,
-  // whatever was written just before. The pattern with milliseconds is the reference for the
-  // whole seconds.
-  const double instants[] = {k2016March1 + 0.1,
-                             k2016March1 + 0.9,
-                             k2016March1 + 1.0,
-                             k2016March1 + 0.999,
-                             k2016March1 + 61.5,
-                             -1.5,
-                             -0.001,
-                             0.0,
-                             0.5,
-                             -0.001,
-                             k2016March1 + 1.0};
+  const double instants[] = {1456790400.1, 1456790400.9, 1456790401.0, 1456790400.999,
+                             1456790461.5, -1.5,         -0.001,       0.0,
+                             0.5,          -0.001,       1456790401.0};
   std::vector<std::string> wholes;
   for (const double seconds : instants) {
     wholes.push_back(DatePlus::stringFromDate(Date::dateWithTimeIntervalSince1970(seconds),
                                               "yyyy-MM-dd HH:mm:ss"));
   }
   for (std::size_t i = 0; i < std::size(instants); ++i) {
+    SCOPED_TRACE(instants[i]);
     const Date date = Date::dateWithTimeIntervalSince1970(instants[i]);
     const std::string fraction = DatePlus::stringFromDate(date, "yyyy-MM-dd HH:mm:ss.SSS");
-    EXPECT_EQ(wholes[i], fraction.substr(0, wholes[i].size())) << "at " << instants[i];
-    // Another pattern right after a write of the same second.
+    EXPECT_EQ(wholes[i], fraction.substr(0, wholes[i].size()));
     EXPECT_EQ(DatePlus::stringFromDate(date, "yyyy-MM-dd HH:mm:ss"), wholes[i]);
-    EXPECT_EQ(DatePlus::stringFromDate(date, "HH:mm:ss"), wholes[i].substr(11))
-        << "at " << instants[i];
+    EXPECT_EQ(DatePlus::stringFromDate(date, "HH:mm:ss"), wholes[i].substr(11));
   }
 }
 
-TEST_F(DatePlusTest, UtcRoundTripKeepsTheInstantAndDropsTheFraction) {
-  const auto date =
+// The UTC reading keeps the instant and drops the fraction; the local one reads the device's
+// wall-clock time and writes back as the text it came from; a text that does not match gives
+// nothing.
+TEST_F(DatePlusTest, UtcAndLocalReadingsOfATimeStamp) {
+  const auto utc =
       DatePlus::utctoLocalFromString("2016-03-01 10:20:30.789", "yyyy-MM-dd HH:mm:ss.SSS");
-  ASSERT_TRUE(date);
-  EXPECT_EQ(date->timeIntervalSince1970(), k2016March1 + 10 * 3600 + 20 * 60 + 30);
-}
-
-TEST_F(DatePlusTest, LocalRoundTripReadsWallClockTimeOfTheDevice) {
-  const auto date = DatePlus::dateWithLocalTimeZone("2016-03-01 10:20:30", "yyyy-MM-dd HH:mm:ss");
-  ASSERT_TRUE(date);
+  ASSERT_TRUE(utc);
   const double wallClockAsUtc = k2016March1 + 10 * 3600 + 20 * 60 + 30;
-  EXPECT_EQ(date->timeIntervalSince1970(),
-            wallClockAsUtc - static_cast<double>(localOffset(*date)));
-  // Written back in local time it is the text it came from.
-  EXPECT_EQ(DatePlus::stringFromDate(*date, "yyyy-MM-dd HH:mm:ss"), "2016-03-01 10:20:30");
-}
-
-TEST_F(DatePlusTest, TextThatDoesNotMatchGivesNothing) {
+  EXPECT_EQ(utc->timeIntervalSince1970(), wallClockAsUtc);
   const std::string format = "yyyy-MM-dd HH:mm:ss";
+  const auto local = DatePlus::dateWithLocalTimeZone("2016-03-01 10:20:30", format);
+  ASSERT_TRUE(local);
+  EXPECT_EQ(local->timeIntervalSince1970(),
+            wallClockAsUtc - static_cast<double>(localOffset(*local)));
+  EXPECT_EQ(DatePlus::stringFromDate(*local, format), "2016-03-01 10:20:30");
+
   for (const char* text : {"", "garbage", "2016-03-01", "2016-03-01 10:20:30 trailing",
                            "2016-02-30 10:20:30", "2016-03-01 25:00:00", "01/03/2016 10:20:30"}) {
     EXPECT_FALSE(DatePlus::dateFromString(text, format)) << text;
@@ -129,11 +111,10 @@ TEST_F(DatePlusTest, TheDefaultFormatIsSharedAndCopied) {
   EXPECT_FALSE(DatePlus::dateFromString("2016-03-01"));
 }
 
-// A chat packet's time stamp ("yyyy-MM-dd HH:mm:ss" in full) is read by a shorter road than
-// other patterns. Quoting the pattern's dashes means the same pattern to ICU but takes the
-// general road, so the two must agree on every text: every quarter hour of the days around both
-// daylight-saving changes (a gap and an overlap where the zone has them), and the edges of the
-// calendar.
+// A chat packet's full time stamp is read by a shorter road than other patterns; quoting the
+// dashes means the same pattern to ICU but takes the general road, so the two must agree on
+// every text: each quarter hour of the days around both daylight-saving changes, and the
+// calendar's edges.
 TEST_F(DatePlusTest, FullTimeStampsReadAsThePatternWouldReadThem) {
   const std::string format = "yyyy-MM-dd HH:mm:ss";
   const std::string general = "yyyy'-'MM'-'dd HH:mm:ss";

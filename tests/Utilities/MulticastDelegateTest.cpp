@@ -46,59 +46,52 @@ struct Counter : Listener, Counts {
 
 struct Silent : Listener {};
 
-TEST(MulticastDelegateTest, AnEmptyListAnswersOnlyForTheClassItself) {
-  MulticastDelegate<Listener> multicast;
-  EXPECT_FALSE(multicast.respondsToSelector<Greets>());
-  EXPECT_TRUE(multicast.respondsToSelector<MulticastDelegate<Listener>>())
-      << "the class's own messages are always understood";
-  EXPECT_THROW(multicast.forward(&Greets::greet, "Ann"), std::invalid_argument);
-}
-
+// Only implementing delegates are called, in order, and the last result wins; a message no
+// delegate implements raises, but the class's own are always understood.
 TEST(MulticastDelegateTest, EveryImplementingDelegateIsCalledInOrderAndTheLastResultWins) {
   Calls calls;
   MulticastDelegate<Listener> multicast;
+  EXPECT_FALSE(multicast.respondsToSelector<Greets>());
+  EXPECT_TRUE(multicast.respondsToSelector<MulticastDelegate<Listener>>());
+  EXPECT_THROW(multicast.forward(&Greets::greet, "Ann"), std::invalid_argument);
   multicast.addDelegate(std::make_shared<Counter>(1, calls));
   multicast.addDelegate(std::make_shared<Silent>());
   multicast.addDelegate(std::make_shared<Greeter>("g", calls));
   multicast.addDelegate(std::make_shared<Counter>(2, calls));
+  EXPECT_TRUE(multicast.respondsToSelector<Greets>());
   EXPECT_EQ(multicast.forward(&Counts::count), 2);
-  EXPECT_EQ(calls, (Calls{"count1", "count2"})) << "the greeter and the silent one are skipped";
+  EXPECT_EQ(calls, (Calls{"count1", "count2"}));
   multicast.forward(&Greets::greet, "Bo");
   EXPECT_EQ(calls, (Calls{"count1", "count2", "g:Bo"}));
   EXPECT_THROW(multicast.forward(&Unimplemented::never), std::invalid_argument);
 }
 
-TEST(MulticastDelegateTest, ADelegateAddedTwiceIsCalledTwiceAndRemovedAtOnce) {
-  Calls calls;
-  MulticastDelegate<Listener> multicast;
-  auto greeter = std::make_shared<Greeter>("g", calls);
-  auto other = std::make_shared<Greeter>("o", calls);
-  multicast.addDelegate(greeter);
-  multicast.addDelegate(other);
-  multicast.addDelegate(greeter);
-  multicast.forward(&Greets::greet, "x");
-  EXPECT_EQ(calls, (Calls{"g:x", "o:x", "g:x"}));
-  multicast.removeDelegate(greeter);
-  EXPECT_EQ(multicast.delegates().size(), 1U);
-  multicast.removeDelegate(greeter);  // no longer there: nothing happens
-  calls.clear();
-  multicast.forward(&Greets::greet, "y");
-  EXPECT_EQ(calls, (Calls{"o:y"}));
-}
-
+// A delegate added twice is called twice and removed at once; the list keeps its delegates
+// alive and the reference it hands out shows later changes; null is refused.
 TEST(MulticastDelegateTest, TheListHoldsStrongReferencesAndIsLive) {
   Calls calls;
   MulticastDelegate<Listener> multicast;
   const auto& live = multicast.delegates();
-  std::weak_ptr<Greeter> watch;
+  auto greeter = std::make_shared<Greeter>("g", calls);
+  std::weak_ptr<Silent> watch;
   {
-    auto greeter = std::make_shared<Greeter>("g", calls);
-    watch = greeter;
-    multicast.addDelegate(greeter);
+    auto silent = std::make_shared<Silent>();
+    watch = silent;
+    multicast.addDelegate(silent);
   }
+  multicast.addDelegate(greeter);
+  multicast.addDelegate(std::make_shared<Greeter>("o", calls));
+  multicast.addDelegate(greeter);
   EXPECT_FALSE(watch.expired()) << "the list keeps its delegates alive";
-  multicast.addDelegate(std::make_shared<Silent>());
-  EXPECT_EQ(live.size(), 2U) << "the list returned earlier shows later additions";
+  EXPECT_EQ(live.size(), 4U) << "the list returned earlier shows later additions";
+  multicast.forward(&Greets::greet, "x");
+  EXPECT_EQ(calls, (Calls{"g:x", "o:x", "g:x"}));
+  multicast.removeDelegate(greeter);
+  multicast.removeDelegate(greeter);  // no longer there: nothing happens
+  EXPECT_EQ(live.size(), 2U);
+  calls.clear();
+  multicast.forward(&Greets::greet, "y");
+  EXPECT_EQ(calls, (Calls{"o:y"}));
   multicast.removeAllDelegates();
   EXPECT_TRUE(watch.expired());
   EXPECT_THROW(multicast.addDelegate(nullptr), std::invalid_argument);

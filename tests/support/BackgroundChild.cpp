@@ -33,12 +33,15 @@ BackgroundChild::BackgroundChild(const std::vector<std::string>& arguments,
   close(ends[1]);
   if (withInput) {
     close(input[0]);
-    input_ = input[1];
   }
   if (spawned != 0) {
     close(ends[0]);
+    if (withInput) {
+      close(input[1]);
+    }
     throw std::runtime_error("BackgroundChild: cannot run " + arguments.front());
   }
+  input_ = input[1];
   reader_ = std::thread([this, fd = ends[0]] {
     char buffer[4096];
     ssize_t count = 0;
@@ -83,7 +86,7 @@ bool BackgroundChild::waitForOutput(const std::string& text, int times) const {
   return countLocked(text) >= times;
 }
 
-void BackgroundChild::send(const std::string& text) {
+void BackgroundChild::send(const std::string& text) const {
   if (input_ >= 0 && write(input_, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
     throw std::runtime_error("BackgroundChild: cannot write its input");
   }
@@ -95,13 +98,10 @@ int BackgroundChild::finishInput() {
     input_ = -1;
   }
   std::unique_lock lock(mutex_);
-  if (changed_.wait_for(lock, kPatience, [&] { return ended_; })) {
-    lock.unlock();
-    return stop();  // already ending: SIGTERM changes nothing
-  }
+  const bool ended = changed_.wait_for(lock, kPatience, [&] { return ended_; });
   lock.unlock();
-  stop();
-  return -1;
+  const int status = stop();  // when it is already ending, SIGTERM changes nothing
+  return ended ? status : -1;
 }
 
 int BackgroundChild::stop() {
@@ -109,21 +109,19 @@ int BackgroundChild::stop() {
     close(input_);
     input_ = -1;
   }
-  if (stopped_) {
-    return status_;
-  }
-  stopped_ = true;
-  kill(pid_, SIGTERM);
-  {
+  if (!stopped_) {
+    stopped_ = true;
+    kill(pid_, SIGTERM);
     std::unique_lock lock(mutex_);
     if (!changed_.wait_for(lock, kPatience, [&] { return ended_; })) {
       kill(pid_, SIGKILL);
     }
+    lock.unlock();
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    reader_.join();
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  int status = 0;
-  waitpid(pid_, &status, 0);
-  reader_.join();
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return status_;
 }
 

@@ -15,9 +15,8 @@ namespace kq::test {
 class BackgroundChild {
  public:
   /// Starts `arguments` (the program first) with this process's environment plus
-  /// `environment`. Throws std::runtime_error when it cannot be started.
-  /// `withInput`: its standard input is a pipe that send() writes to (otherwise it reads
-  /// nothing).
+  /// `environment`; with `withInput` its standard input is a pipe that send() writes to,
+  /// otherwise it reads nothing. Throws std::runtime_error when it cannot be started.
   explicit BackgroundChild(const std::vector<std::string>& arguments,
                            const std::vector<std::string>& environment = {},
                            bool withInput = false);
@@ -25,17 +24,14 @@ class BackgroundChild {
   BackgroundChild(const BackgroundChild&) = delete;
   BackgroundChild& operator=(const BackgroundChild&) = delete;
 
-  /// Everything it has written so far.
-  [[nodiscard]] std::string output() const;
-  /// How many times its output holds `text` so far.
-  [[nodiscard]] int occurrences(const std::string& text) const;
+  [[nodiscard]] std::string output() const;  ///< everything it has written so far
+  [[nodiscard]] int occurrences(const std::string& text) const;  ///< in its output so far
   /// Waits (up to kPatience) until its output holds `text` `times` times; false when it ends
   /// or the time runs out first.
   bool waitForOutput(const std::string& text, int times = 1) const;
   /// Ends it with SIGTERM and returns its exit status (-1 when it did not exit normally).
   int stop();
-  /// Writes `text` to its standard input (made withInput).
-  void send(const std::string& text);
+  void send(const std::string& text) const;  ///< to its standard input (made withInput)
   /// Ends its standard input, then waits (up to kPatience) for it to exit; its exit status, or
   /// -1 when it did not exit normally or in time (it is then stopped).
   int finishInput();
