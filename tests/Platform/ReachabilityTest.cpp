@@ -10,8 +10,6 @@
 #include "tests/support/WebServiceFixture.h"
 
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
-#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
-#include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -159,28 +157,6 @@ TEST_F(ReachabilityTest, TheClientsListenerLogsUnreachableOnEachLoss) {
   }
   listener->setReachableBlock([](Reachability&) {});
   EXPECT_EQ(losses(), 2);
-}
-
-TEST_F(ReachabilityTest, StartingAChatWithoutInternetSaysSoAndWatchesTheProbeHost) {
-  test::CallbackRecorder recorder;
-  const auto manager = std::make_shared<KQVisitorSitesManager>();
-  manager->startChatWithChatId(
-      "77", [&recorder](std::optional<KQError> error, Json result, bool joined) {
-        recorder.record(error ? error->domain : "joined",
-                        {{"code", error ? error->code : 0},
-                         {"status", error ? Json(error->status().value_or(-1)) : Json()},
-                         {"result", result},
-                         {"joined", joined}});
-      });
-  // At once "Internet"; then the watcher of the probe host reports its first status, a loss.
-  const auto events = recorder.waitFor(2);
-  ASSERT_EQ(kinds(events), (std::vector<std::string>{"Internet", "Network"}));
-  EXPECT_EQ(events[0].value,
-            (Json{{"code", 400}, {"status", 8}, {"result", nullptr}, {"joined", false}}));
-  EXPECT_EQ(events[1].value,
-            (Json{{"code", 400}, {"status", 3}, {"result", nullptr}, {"joined", false}}));
-  EXPECT_TRUE(KQVisitorXMPPClient::instance().xmppStream()->isDisconnected())
-      << "nothing is joined without internet";
 }
 
 // The web service without internet, with the real check: with nothing reachable both reports
