@@ -1,15 +1,9 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
-#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
-#include <KQVisitorCore/XMPP/XMPPStream.h>
 
-#include "tests/support/FakeXMPPPeer.h"
+#include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/MainQueue.h"
-#include "tests/support/XMPPTestDelegates.h"
-
-#include <gtest/gtest.h>
 
 #include <regex>
 #include <thread>
@@ -17,40 +11,19 @@
 namespace kq {
 namespace {
 
-using test::FakeXMPPPeer;
-using test::runMainQueueUntil;
 using xmpp::XMPPJID;
 
 constexpr const char* kTimeStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})";
 
-class XMPPRoomKQVisitorTest : public ::testing::Test {
+class XMPPRoomKQVisitorTest : public test::FakePeerStreamTest {
  protected:
   void SetUp() override {
-    stream = xmpp::XMPPStream::create();
-    stream->setHostName("127.0.0.1");
-    stream->setHostPort(peer.port());
-    stream->setMyJID(XMPPJID::jidWithString("u1@localhost/TellioiPhone"));
-    stream->addDelegate(events, DispatchQueue::main());
+    FakePeerStreamTest::SetUp();
     room = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
                                             *XMPPJID::jidWithString("room42@conference.localhost"),
                                             DispatchQueue::main());
     room->activate(stream);
-    ASSERT_TRUE(stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone));
-    ASSERT_TRUE(peer.openStream("ANONYMOUS"));
-    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didConnect") == 1; }));
-    ASSERT_TRUE(stream->authenticate(std::make_shared<xmpp::XMPPAnonymousAuthentication>()));
-    peer.completeAuthentication("k9@localhost/TellioiPhone");
-    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didAuthenticate") == 1; }));
-  }
-
-  void TearDown() override {
-    room->deactivate();
-    stream->disconnect();
-    EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
-    EXPECT_TRUE(runMainQueueUntil([&] { return stream->registeredModules().empty(); }));
-    const std::weak_ptr<xmpp::XMPPStream> gone = stream;
-    stream.reset();
-    EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+    login("k9@localhost/TellioiPhone");
   }
 
   // Sends a marker presence and returns what the server read before it.
@@ -60,10 +33,7 @@ class XMPPRoomKQVisitorTest : public ::testing::Test {
     return text.substr(0, text.size() - std::string("<presence type=\"probe\"/>").size());
   }
 
-  FakeXMPPPeer peer;
-  std::shared_ptr<xmpp::XMPPStream> stream;
   std::shared_ptr<xmpp::XMPPRoom> room;
-  std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
 };
 
 TEST_F(XMPPRoomKQVisitorTest, ChatPacketHasItsAttributesInOrder) {
@@ -145,7 +115,7 @@ TEST_F(XMPPRoomKQVisitorTest, ChatStatesAreBodilessGroupMessages) {
 TEST_F(XMPPRoomKQVisitorTest, DisconnectClosesTheWholeStream) {
   disconnect(room);
   EXPECT_EQ(peer.receiveUntilClosed(), "</stream:stream>");
-  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
+  ASSERT_TRUE(waitFor("didDisconnect"));
   // Nothing to do for a room without a stream.
   room->deactivate();
   sendKQVisitorMessage(room, "Hi", "0", "W", "0", "A", "42");

@@ -1,4 +1,3 @@
-#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilities.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
@@ -8,23 +7,16 @@
 #include <KQVisitorCore/XMPP/XMPPRoster.h>
 #include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRosterMemoryStorage.h>
-#include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
 
 #include "tests/support/FakePeerStreamTest.h"
-#include "tests/support/FakeXMPPPeer.h"
-#include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
-#include "tests/support/XMPPTestDelegates.h"
-
-#include <gtest/gtest.h>
 
 namespace kq::xmpp {
 namespace {
 
-using test::FakeXMPPPeer;
 using test::runMainQueueUntil;
 
 // The id attribute of the first element in `text`.
@@ -33,23 +25,7 @@ std::string idOf(const std::string& text) {
   return text.substr(start, text.find('"', start) - start);
 }
 
-class XMPPModulesTest : public test::FakePeerStreamTest {
- protected:
-  // Connects (unless a module already started connecting) and logs in anonymously.
-  void login(bool connectFirst = true) {
-    if (connectFirst) {
-      ASSERT_TRUE(stream->connectWithTimeout(XMPPStreamTimeoutNone));
-    }
-    const int connected = events->count("didConnect");
-    ASSERT_TRUE(peer.openStream("ANONYMOUS"));
-    ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didConnect") > connected; }));
-    ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
-    peer.completeAuthentication("v1@localhost/TellioiPhone");
-    ASSERT_TRUE(runMainQueueUntil([&, seen = events->count("didAuthenticate")] {
-      return events->count("didAuthenticate") > seen;
-    }));
-  }
-};
+using XMPPModulesTest = test::FakePeerStreamTest;
 
 // Moves the clock on by `step` until `done`: a repeating timer that is rescheduling while the
 // clock moves skips the deadline it missed, so one step may not be enough.
@@ -74,6 +50,19 @@ TEST_F(XMPPModulesTest, ReconnectAfterAnAccidentOnlyAndOnTheClock) {
   EXPECT_FALSE(reconnect->activate(stream));  // once only
   login();
 
+  // Being told to disconnect is no accident; manualStart() connects all the same.
+  stream->disconnect();
+  ASSERT_TRUE(waitFor("didDisconnect"));
+  clock->advance(std::chrono::seconds(60));
+  test::drainMainQueue();
+  EXPECT_EQ(observer->accidents, 0);
+  EXPECT_EQ(observer->questions, 0);
+  EXPECT_FALSE(reconnect->isReconnecting());
+  reconnect->manualStart();
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 1; }));
+  connect("ANONYMOUS", false);
+  authenticate();
+
   // The server drops the connection: an accident.
   peer.closeConnection();
   ASSERT_TRUE(runMainQueueUntil([&] { return observer->accidents == 1; }));
@@ -82,57 +71,38 @@ TEST_F(XMPPModulesTest, ReconnectAfterAnAccidentOnlyAndOnTheClock) {
   // Nothing happens before the delay has passed on the clock.
   clock->advance(std::chrono::milliseconds(1900));
   test::drainMainQueue();
-  EXPECT_EQ(observer->questions, 0);
+  EXPECT_EQ(observer->questions, 1);
   clock->advance(std::chrono::milliseconds(200));
-  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 1; }));
-  login(false);
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 2; }));
+  connect("ANONYMOUS", false);
+  authenticate();
   EXPECT_FALSE(reconnect->isReconnecting());
 
   // While the server stays away, attempts repeat every interval.
   peer.closeConnection();
   peer.stopListening();
   ASSERT_TRUE(runMainQueueUntil([&] { return observer->accidents == 2; }));
-  // Two losses so far; each attempt against the closed port adds one.
-  const int losses = 2;
+  // Three losses so far; each attempt against the closed port adds one.
+  const int losses = 3;
   ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses; }));
   clock->advance(std::chrono::seconds(2));
-  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 2; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 3; }));
   ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses + 1; }));
   ASSERT_TRUE(
-      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 3; }));
+      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 4; }));
   ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == losses + 2; }));
 
   // A delegate that says no stops the attempt; stop() ends them.
   observer->allow = false;
   ASSERT_TRUE(
-      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 4; }));
+      advanceUntil(clock, std::chrono::seconds(5), [&] { return observer->questions == 5; }));
   test::drainMainQueue();
   EXPECT_TRUE(stream->isDisconnected());
   reconnect->stop();
   ASSERT_TRUE(runMainQueueUntil([&] { return !reconnect->isReconnecting(); }));
   clock->advance(std::chrono::seconds(30));
   test::drainMainQueue();
-  EXPECT_EQ(observer->questions, 4);
-}
-
-TEST_F(XMPPModulesTest, NoReconnectAfterBeingToldToDisconnectButManualStartConnects) {
-  test::ManualClockScope clock;
-  auto reconnect = std::make_shared<XMPPReconnect>();
-  auto observer = std::make_shared<test::ReconnectEvents>();
-  reconnect->addDelegate(observer, DispatchQueue::main());
-  reconnect->activate(stream);
-  login();
-  stream->disconnect();
-  ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didDisconnect") == 1; }));
-  clock->advance(std::chrono::seconds(60));
-  test::drainMainQueue();
-  EXPECT_EQ(observer->accidents, 0);
-  EXPECT_EQ(observer->questions, 0);
-  EXPECT_FALSE(reconnect->isReconnecting());
-
-  reconnect->manualStart();
-  ASSERT_TRUE(runMainQueueUntil([&] { return observer->questions == 1; }));
-  ASSERT_TRUE(peer.accept());
+  EXPECT_EQ(observer->questions, 5);
 }
 
 TEST_F(XMPPModulesTest, RosterFetchesAcceptsKnownContactsAndForwardsOtherRequests) {
@@ -304,6 +274,16 @@ class XMPPRoomTest : public XMPPModulesTest {
     return runMainQueueUntil([&] { return roomEvents->count(event) >= times; });
   }
 
+  // Joins as Visitor; the server confirms with our own presence.
+  void join() {
+    room->joinRoomUsingNickname("Visitor", std::nullopt);
+    peer.receiveUntil("</presence>");
+    peer.send(
+        "<presence from='room42@conference.localhost/Visitor'><x "
+        "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>");
+    ASSERT_TRUE(waitForRoom("didJoin"));
+  }
+
   std::shared_ptr<XMPPRoomMemoryStorage> storage = std::make_shared<XMPPRoomMemoryStorage>();
   std::shared_ptr<XMPPRoom> room;
   std::shared_ptr<test::RoomEvents> roomEvents = std::make_shared<test::RoomEvents>();
@@ -390,11 +370,8 @@ TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
 }
 
 TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
-  room->joinRoomUsingNickname("Visitor", std::nullopt);
-  peer.receiveUntil("</presence>");
+  join();
   peer.send(
-      "<presence from='room42@conference.localhost/Visitor'><x "
-      "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>"
       "<message type='groupchat' from='room42@conference.localhost/Operator' "
       "chat_id='42'><body>Hello</body></message>"
       "<message type='groupchat' from='other@conference.localhost/Operator'>"
@@ -437,9 +414,14 @@ TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
       << roomEvents->ownerErrors.at(1).XMLString();
 }
 
-// The room keeps what it sent as it went out: with what a module activated after the room added
-// to it, and unchanged by whatever its sender does with its message afterwards.
-TEST_F(XMPPRoomTest, ASentChatLineIsKeptAsItWentOut) {
+// A sent chat line is kept as it went out: with what a module activated after the room added to
+// it, and unchanged by whatever its sender does with its message afterwards.
+TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoomAndKeptAsSent) {
+  room->inviteUser(*XMPPJID::jidWithString("42@localhost"), std::string("come in"));
+  EXPECT_EQ(peer.receiveUntil("</message>"),
+            "<message to=\"room42@conference.localhost\"><x "
+            "xmlns=\"http://jabber.org/protocol/muc#user\"><invite to=\"42@localhost\">"
+            "<reason>come in</reason></invite></x></message>");
   class Stamper : public XMPPModule {
    protected:
     void streamWillSendElement(XMPPElement& element) override {
@@ -454,34 +436,17 @@ TEST_F(XMPPRoomTest, ASentChatLineIsKeptAsItWentOut) {
   message.addBody("typed");
   room->sendMessage(message);
   const std::string wire = peer.receiveUntil("</message>");
-  EXPECT_NE(wire.find("<stamped/>"), std::string::npos) << wire;
+  EXPECT_EQ(wire,
+            "<message to=\"room42@conference.localhost\" type=\"groupchat\"><body>typed</body>"
+            "<stamped/></message>");
   message.elementForName("body")->setStringValue("changed later");
   test::flushQueue(stream->streamQueue());
   const auto kept = storage->messages(room->roomJID());
   ASSERT_EQ(kept.size(), 1U);
   EXPECT_EQ(kept[0].XMLString(), wire);
-  stamper->deactivate();
-}
 
-TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoom) {
-  room->inviteUser(*XMPPJID::jidWithString("42@localhost"), std::string("come in"));
-  EXPECT_EQ(peer.receiveUntil("</message>"),
-            "<message to=\"room42@conference.localhost\"><x "
-            "xmlns=\"http://jabber.org/protocol/muc#user\"><invite to=\"42@localhost\">"
-            "<reason>come in</reason></invite></x></message>");
-  XMPPMessage message;
-  message.addBody("typed");
-  room->sendMessage(message);
-  EXPECT_EQ(peer.receiveUntil("</message>"),
-            "<message to=\"room42@conference.localhost\" type=\"groupchat\"><body>typed</body>"
-            "</message>");
   // A disconnect takes a joined room out.
-  room->joinRoomUsingNickname("Visitor", std::nullopt);
-  peer.receiveUntil("</presence>");
-  peer.send(
-      "<presence from='room42@conference.localhost/Visitor'><x "
-      "xmlns='http://jabber.org/protocol/muc#user'><status code='110'/></x></presence>");
-  ASSERT_TRUE(waitForRoom("didJoin"));
+  join();
   peer.closeConnection();
   ASSERT_TRUE(waitForRoom("didLeave"));
 }

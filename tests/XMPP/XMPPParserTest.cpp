@@ -91,38 +91,9 @@ TEST(XMPPParserTest, BadStreamsFailOnceAndReportNothingAfterwards) {
   }
 }
 
-TEST(XMPPParserTest, AnElementOverOneMebibyteIsRefused) {
-  Collected collected;
-  XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
-  parser.parseData(kHeader, std::char_traits<char>::length(kHeader));
-  const std::string small = "<message><body>" + std::string(1000, 'a') + "</body></message>";
-  parser.parseData(small.data(), small.size());
-  ASSERT_EQ(collected.elements.size(), 1U);
-
-  // Text inside an element, fed in pieces.
-  const std::string open = "<message><body>";
-  parser.parseData(open.data(), open.size());
-  const std::string piece(std::size_t{64} * 1024, 'b');
-  for (int i = 0; i < 20 && !collected.error; ++i) {
-    parser.parseData(piece.data(), piece.size());
-  }
-  ASSERT_TRUE(collected.error);
-  EXPECT_EQ(collected.error->code, XMPPParser::kErrorTooLarge);
-
-  // An attribute that never ends: libxml2 would buffer it, the cap still holds.
-  Collected second;
-  XMPPParser other(XMPPParser::Mode::Stream, second.callbacks());
-  other.parseData(kHeader, std::char_traits<char>::length(kHeader));
-  const std::string start = "<message a='";
-  other.parseData(start.data(), start.size());
-  for (int i = 0; i < 20 && !second.error; ++i) {
-    other.parseData(piece.data(), piece.size());
-  }
-  ASSERT_TRUE(second.error);
-  EXPECT_EQ(second.error->code, XMPPParser::kErrorTooLarge);
-}
-
-TEST(XMPPParserTest, ManySmallStanzasNeverAddUpToTheCap) {
+// Text over the cap is refused in the stream's tests. An attribute that never ends is buffered by
+// libxml2 rather than reported, and the cap holds for it too.
+TEST(XMPPParserTest, TheOneMebibyteCapIsPerElement) {
   Collected collected;
   XMPPParser parser(XMPPParser::Mode::Stream, collected.callbacks());
   parser.parseData(kHeader, std::char_traits<char>::length(kHeader));
@@ -132,6 +103,15 @@ TEST(XMPPParserTest, ManySmallStanzasNeverAddUpToTheCap) {
   }
   EXPECT_FALSE(collected.error);
   EXPECT_EQ(collected.elements.size(), 1500U);
+
+  const std::string start = "<message a='";
+  parser.parseData(start.data(), start.size());
+  const std::string piece(std::size_t{64} * 1024, 'b');
+  for (int i = 0; i < 20 && !collected.error; ++i) {
+    parser.parseData(piece.data(), piece.size());
+  }
+  ASSERT_TRUE(collected.error);
+  EXPECT_EQ(collected.error->code, XMPPParser::kErrorTooLarge);
 }
 
 TEST(XMPPParserTest, StopIgnoresTheRestOfTheInput) {

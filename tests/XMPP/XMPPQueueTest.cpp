@@ -68,8 +68,7 @@ TEST(XMPPQueueTest, TasksFromEveryThreadRunInTheOrderEachThreadGaveThem) {
   EXPECT_TRUE(allOnQueue);
 }
 
-// The queue's thread sleeps until another thread says there is work. A task given by another
-// thread while the queue is busy running an earlier one still runs, and so do the next ones.
+// The queue's thread sleeps until another thread says there is work.
 TEST(XMPPQueueTest, TasksGivenWhileATaskRunsAreNotLeftWaiting) {
   auto queue = XMPPQueue::create("kq.test.xmpp.busy");
   std::promise<void> later;
@@ -80,8 +79,7 @@ TEST(XMPPQueueTest, TasksGivenWhileATaskRunsAreNotLeftWaiting) {
   ASSERT_EQ(last.get_future().wait_for(test::kPatience), std::future_status::ready);
 }
 
-// A turn lets another thread run the queue's work while the queue is idle; the queue's own
-// tasks wait for it, and no turn is given while the queue runs something.
+// A turn lets another thread run the queue's work while the queue is idle.
 TEST(XMPPQueueTest, ATurnIsGivenOnlyWhileTheQueueIsIdleAndHoldsTheQueueBack) {
   auto queue = XMPPQueue::create("kq.test.xmpp.turn");
   std::atomic<bool> turnHeld{false};
@@ -128,25 +126,15 @@ TEST(XMPPQueueTest, ATurnIsGivenOnlyWhileTheQueueIsIdleAndHoldsTheQueueBack) {
 }
 
 TEST(XMPPQueueTest, ATaskThatReleasesTheQueueDropsTheTasksBehindIt) {
-  // Tells when what a task captured is released.
-  struct Capture {
-    explicit Capture(std::promise<void>& onRelease) : released(&onRelease) {}
-    Capture(Capture&& other) noexcept : released(std::exchange(other.released, nullptr)) {}
-    Capture(const Capture& other) = delete;
-    Capture& operator=(const Capture&) = delete;
-    Capture& operator=(Capture&&) = delete;
-    ~Capture() {
-      if (released != nullptr) {
-        released->set_value();
-      }
-    }
-    std::promise<void>* released;
-  };
   auto queue = XMPPQueue::create("kq.test.xmpp.release");
   XMPPQueue* raw = queue.get();
   std::promise<void> go;
   std::promise<void> released;
-  auto capture = std::make_shared<Capture>(released);
+  // Tells when what a task captured is released.
+  std::shared_ptr<int> capture(new int(0), [&released](const int* value) {
+    delete value;
+    released.set_value();
+  });
   raw->async([queue = std::move(queue), goFuture = go.get_future().share()]() mutable {
     goFuture.wait();
     queue.reset();
@@ -178,27 +166,23 @@ TEST(XMPPQueueTest, TimersTickOnTheQueuesOwnThreadInDeadlineOrder) {
     order.push_back(20);
   });
   timers[0]->invalidate();  // the 3 s timer never ticks
+  const auto ticked = [&] {
+    test::flushQueue(queue);
+    std::scoped_lock lock(mutex);
+    return order;
+  };
 
-  test::flushQueue(queue);
-  {
-    std::scoped_lock lock(mutex);
-    EXPECT_TRUE(order.empty()) << "nothing is due before the clock moves";
-  }
+  EXPECT_TRUE(ticked().empty()) << "nothing is due before the clock moves";
   clock->advance(1s);
-  test::flushQueue(queue);
-  {
-    std::scoped_lock lock(mutex);
-    EXPECT_EQ(order, (std::vector<int>{1, 1}));
-  }
+  EXPECT_EQ(ticked(), (std::vector<int>{1, 1}));
   clock->advance(5s);
   test::flushQueue(queue);
   repeating->invalidate();
   clock->advance(10s);
-  test::flushQueue(queue);
-  std::scoped_lock lock(mutex);
   // The repeating timer missed two of its beats while the clock jumped: it ticks once, not in
   // a burst, and not after it was stopped.
-  EXPECT_EQ(order, (std::vector<int>{1, 1, 2, 20}));
+  EXPECT_EQ(ticked(), (std::vector<int>{1, 1, 2, 20}));
+  std::scoped_lock lock(mutex);
   EXPECT_TRUE(allOnQueue);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
@@ -11,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 namespace kq::test {
 
@@ -38,6 +41,35 @@ class FakePeerStreamTest : public ::testing::Test {
     const std::weak_ptr<xmpp::XMPPStream> gone = stream;
     stream.reset();
     EXPECT_TRUE(runMainQueueUntil([&] { return gone.expired(); }));
+  }
+
+  bool waitFor(const std::string& event, int times = 1) {
+    return runMainQueueUntil([&] { return events->count(event) >= times; });
+  }
+
+  /// Connects (unless `start` is false: a module started already) up to did-connect.
+  void connect(std::string_view mechanisms = "ANONYMOUS PLAIN", bool start = true) {
+    const int before = events->count("didConnect");
+    if (start) {
+      ASSERT_TRUE(stream->connectWithTimeout(xmpp::XMPPStreamTimeoutNone));
+    }
+    ASSERT_TRUE(peer.openStream(mechanisms));
+    ASSERT_TRUE(waitFor("didConnect", before + 1));
+  }
+
+  /// Logs in anonymously; the server binds `boundJID`.
+  void authenticate(std::string_view boundJID = "a1b2c3@localhost/TellioiPhone") {
+    const int before = events->count("didAuthenticate");
+    ASSERT_TRUE(stream->authenticate(std::make_shared<xmpp::XMPPAnonymousAuthentication>()));
+    peer.completeAuthentication(boundJID);
+    ASSERT_TRUE(waitFor("didAuthenticate", before + 1));
+  }
+
+  void login(std::string_view boundJID = "a1b2c3@localhost/TellioiPhone") {
+    connect();
+    if (!HasFatalFailure()) {
+      authenticate(boundJID);
+    }
   }
 
   FakeXMPPPeer peer;

@@ -14,8 +14,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <sstream>
 #include <stdexcept>
-#include <vector>
 
 namespace kq::test {
 
@@ -78,45 +78,45 @@ bool FakeXMPPPeer::accept() {
   return true;
 }
 
+std::string_view FakeXMPPPeer::readMore(std::chrono::steady_clock::time_point deadline) {
+  if (connection_ < 0) {
+    return "no client";
+  }
+  if (!waitReadable(connection_, deadline)) {
+    return "timed out";
+  }
+  char chunk[1 << 16];
+  const ssize_t length = ::recv(connection_, chunk, sizeof chunk, 0);
+  if (length <= 0) {
+    return "the client closed";
+  }
+  buffer_.append(chunk, static_cast<std::size_t>(length));
+  return {};
+}
+
 std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (true) {
-    const auto found = buffer_.find(marker);
-    if (found != std::string::npos) {
-      std::string result = buffer_.substr(0, found + marker.size());
-      buffer_.erase(0, found + marker.size());
-      return result;
-    }
-    if (connection_ < 0 || !waitReadable(connection_, deadline)) {
-      ADD_FAILURE() << "FakeXMPPPeer: \"" << marker << "\" never arrived; got: " << buffer_;
+  std::size_t found = 0;
+  while ((found = buffer_.find(marker)) == std::string::npos) {
+    if (const auto failure = readMore(deadline); !failure.empty()) {
+      ADD_FAILURE() << "FakeXMPPPeer: \"" << marker << "\" never arrived (" << failure
+                    << "); got: " << buffer_;
       return std::exchange(buffer_, {});
     }
-    char chunk[4096];
-    const ssize_t length = ::recv(connection_, chunk, sizeof chunk, 0);
-    if (length <= 0) {
-      ADD_FAILURE() << "FakeXMPPPeer: the client closed before \"" << marker
-                    << "\"; got: " << buffer_;
-      return std::exchange(buffer_, {});
-    }
-    buffer_.append(chunk, static_cast<std::size_t>(length));
   }
+  std::string result = buffer_.substr(0, found + marker.size());
+  buffer_.erase(0, result.size());
+  return result;
 }
 
 std::string FakeXMPPPeer::receiveCount(std::size_t count) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  std::vector<char> chunk(1 << 16);
   while (buffer_.size() < count) {
-    if (connection_ < 0 || !waitReadable(connection_, deadline)) {
-      ADD_FAILURE() << "FakeXMPPPeer: " << count << " bytes never arrived; got " << buffer_.size();
+    if (const auto failure = readMore(deadline); !failure.empty()) {
+      ADD_FAILURE() << "FakeXMPPPeer: " << count << " bytes never arrived (" << failure << "); got "
+                    << buffer_.size();
       break;
     }
-    const ssize_t length = ::recv(connection_, chunk.data(), chunk.size(), 0);
-    if (length <= 0) {
-      ADD_FAILURE() << "FakeXMPPPeer: the client closed after " << buffer_.size() << " of " << count
-                    << " bytes";
-      break;
-    }
-    buffer_.append(chunk.data(), static_cast<std::size_t>(length));
   }
   std::string result = buffer_.substr(0, std::min(count, buffer_.size()));
   buffer_.erase(0, result.size());
@@ -125,24 +125,14 @@ std::string FakeXMPPPeer::receiveCount(std::size_t count) {
 
 std::string FakeXMPPPeer::receiveUntilClosed() {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (connection_ >= 0) {
-    if (!waitReadable(connection_, deadline)) {
-      ADD_FAILURE() << "FakeXMPPPeer: the client never closed; got: " << buffer_;
-      break;
-    }
-    char chunk[4096];
-    const ssize_t length = ::recv(connection_, chunk, sizeof chunk, 0);
-    if (length <= 0) {
-      break;
-    }
-    buffer_.append(chunk, static_cast<std::size_t>(length));
+  std::string_view failure;
+  do {
+    failure = readMore(deadline);
+  } while (failure.empty());
+  if (failure == "timed out") {
+    ADD_FAILURE() << "FakeXMPPPeer: the client never closed; got: " << buffer_;
   }
   return std::exchange(buffer_, {});
-}
-
-bool FakeXMPPPeer::clientClosed() {
-  receiveUntilClosed();
-  return !::testing::Test::HasFailure();
 }
 
 void FakeXMPPPeer::send(std::string_view text) const {
@@ -183,25 +173,20 @@ std::string FakeXMPPPeer::features(std::string_view mechanisms, bool tls) {
     text += "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
   }
   text += "<mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>";
-  std::size_t start = 0;
-  while (start < mechanisms.size()) {
-    std::size_t end = mechanisms.find(' ', start);
-    if (end == std::string_view::npos) {
-      end = mechanisms.size();
-    }
-    text += "<mechanism>" + std::string(mechanisms.substr(start, end - start)) + "</mechanism>";
-    start = end + 1;
+  std::istringstream words{std::string(mechanisms)};
+  for (std::string word; words >> word;) {
+    text += "<mechanism>" + word + "</mechanism>";
   }
   text += "</mechanisms></stream:features>";
   return text;
 }
 
-bool FakeXMPPPeer::openStream(std::string_view mechanisms) {
+bool FakeXMPPPeer::openStream(std::string_view mechanisms, bool tls) {
   if (!accept()) {
     return false;
   }
   receiveUntil("'http://etherx.jabber.org/streams'>");
-  send(serverHeader() + features(mechanisms));
+  send(serverHeader() + features(mechanisms, tls));
   return !::testing::Test::HasFailure();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,8 +29,6 @@ class FakeXMPPPeer {
   std::string receiveCount(std::size_t count);
   /// Everything received until the client closes the connection (or kPatience passes).
   std::string receiveUntilClosed();
-  /// True when the client closed its end (after what it sent was read).
-  bool clientClosed();
   void send(std::string_view text) const;
   /// Closes the connection to the client (the listening socket stays).
   void closeConnection();
@@ -43,12 +42,15 @@ class FakeXMPPPeer {
   /// Stream features offering SASL `mechanisms` (space-separated), and STARTTLS when `tls`.
   static std::string features(std::string_view mechanisms, bool tls = false);
   /// Accepts a client and answers its stream header with features offering `mechanisms`.
-  bool openStream(std::string_view mechanisms = "ANONYMOUS PLAIN");
+  bool openStream(std::string_view mechanisms = "ANONYMOUS PLAIN", bool tls = false);
   /// Reads the client's <auth/>, answers success, reads the restarted stream header, offers
   /// binding and binds the resource to `boundJID`. Returns the bind request.
   std::string completeAuthentication(std::string_view boundJID);
 
  private:
+  /// Appends what arrives before `deadline` to the buffer: "" when something did, else why not.
+  std::string_view readMore(std::chrono::steady_clock::time_point deadline);
+
   int listener_ = -1;
   int connection_ = -1;
   std::uint16_t port_ = 0;
