@@ -382,11 +382,12 @@ BENCHMARK(RoundTrip_openssl)
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!ProsodyServer::isAvailable()) {
-    std::fprintf(stderr, "Prosody is not installed: run scripts/install-deps first\n");
+  try {
+    prosody = std::make_unique<ProsodyServer>(ProsodyServer::Options());
+  } catch (const std::exception& exception) {  // says what to install when it is missing
+    std::fprintf(stderr, "kq_bench_xmpp_e2e: %s\n", exception.what());
     return 1;
   }
-  prosody = std::make_unique<ProsodyServer>(ProsodyServer::Options());
   kq::KQVisitorConfig config = kq::KQVisitorConfig::shared();
   config.xmppHost = "127.0.0.1";
   config.xmppPort = prosody->port();

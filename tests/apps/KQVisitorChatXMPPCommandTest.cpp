@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 namespace kq {
 namespace {
 
@@ -82,37 +84,27 @@ TEST_F(KQVisitorChatXMPPCommandTest, ChatsInTheRoomFromStandardInputAndLeavesOnc
   EXPECT_TRUE(all.back()["error"].is_null());
 }
 
-TEST_F(KQVisitorChatXMPPCommandTest, LinesThatCannotBeDeliveredAreReportedAndFailTheRun) {
+TEST_F(KQVisitorChatXMPPCommandTest, ARunThatNeverLogsInFailsSaysWhatToCheckAndReportsItsLines) {
   writeConfig(test::unusedPort(), "");
-  const auto result = chat({"--chat-id", "31", "--nick", "Ann", "--json"}, "Hello\n");
-  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  const auto all = test::jsonLines(result.out);
-  ASSERT_FALSE(named(all, "disconnect").empty()) << result.out;
-  EXPECT_NE(named(all, "disconnect").front()["error"].get<std::string>().find("Cannot connect"),
-            std::string::npos);
-  ASSERT_EQ(named(all, "unsent").size(), 1U);
-  EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
-}
-
-// A user id that makes no address: the run ends inside its first step, before standard input is
-// read at all. The line already typed is still reported.
-TEST_F(KQVisitorChatXMPPCommandTest, ALineTypedBeforeTheRunEndsInItsFirstStepIsReported) {
-  writeConfig(test::unusedPort(), "");
-  const auto result =
-      chat({"--chat-id", "31", "--user-id", "a@b", "--nick", "Ann", "--json"}, "Hello\n");
-  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  const auto all = test::jsonLines(result.out);
-  ASSERT_EQ(named(all, "unsent").size(), 1U) << result.out;
-  EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
-}
-
-TEST_F(KQVisitorChatXMPPCommandTest, NeverLoggingInFailsTheRunAndSaysWhatToCheck) {
-  writeConfig(test::unusedPort(), "");
-  const auto result = chat({"--json"}, "");
-  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+  auto result = chat({"--json"}, "");
+  EXPECT_EQ(result.exitStatus, 1) << "also with nothing left undelivered: " << result.out;
   EXPECT_TRUE(named(test::jsonLines(result.out), "login").empty()) << result.out;
   EXPECT_NE(result.err.find("never logged in"), std::string::npos) << result.err;
   EXPECT_NE(result.err.find("xmppHost, xmppPort and caFile"), std::string::npos) << result.err;
+
+  // The line typed is reported whether the connection fails or the run ends inside its first
+  // step (a user id that makes no address), before standard input is read at all.
+  for (const auto& [userId, error] : std::map<std::string, std::string>{
+           {"visitor", "Cannot connect to"}, {"a@b", "cannot connect"}}) {
+    result = chat({"--chat-id", "31", "--user-id", userId, "--nick", "Ann", "--json"}, "Hello\n");
+    EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
+    const auto all = test::jsonLines(result.out);
+    ASSERT_FALSE(named(all, "disconnect").empty()) << result.out;
+    EXPECT_NE(named(all, "disconnect").front()["error"].get<std::string>().find(error),
+              std::string::npos);
+    ASSERT_EQ(named(all, "unsent").size(), 1U) << result.out;
+    EXPECT_EQ(named(all, "unsent").front()["body"], "Hello");
+  }
 }
 
 TEST_F(KQVisitorChatXMPPCommandTest, BadArgumentsExitWithStatusTwo) {

@@ -40,27 +40,20 @@ int spawnChild(pid_t& child, const std::vector<std::string>& arguments,
 
 ChildResult runChild(const std::vector<std::string>& arguments,
                      const std::vector<std::string>& environment, const std::string& input) {
-  // Its output goes to files, read once it has ended: it can never block on a full pipe. The
-  // input is small: it fits the pipe's buffer, so writing it all before the child reads cannot
-  // block.
+  // Its input and output are files: it can never block on a full pipe.
   const TemporaryDirectory folder;
+  const std::string in = folder.file("in");
   const std::string out = folder.file("out");
   const std::string err = folder.file("err");
-  int inPipe[2];
-  if (pipe2(inPipe, O_CLOEXEC) != 0 ||
-      write(inPipe[1], input.data(), input.size()) != static_cast<ssize_t>(input.size())) {
-    throw std::runtime_error("runChild: cannot pass the child its input");
-  }
-  close(inPipe[1]);
+  writeFile(in, input);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, inPipe[0], STDIN_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, in.c_str(), O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(), O_WRONLY | O_CREAT, 0600);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(), O_WRONLY | O_CREAT, 0600);
   pid_t child = 0;
   const int spawned = spawnChild(child, arguments, environment, actions);
   posix_spawn_file_actions_destroy(&actions);
-  close(inPipe[0]);
   if (spawned != 0) {
     throw std::runtime_error("runChild: cannot run " + arguments.front());
   }
