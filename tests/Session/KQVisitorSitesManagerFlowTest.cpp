@@ -7,9 +7,11 @@
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
+#include "tests/support/ProsodyServer.h"
 #include "tests/support/RecordingHTTPServer.h"
 #include "tests/support/WebServiceFixture.h"
 
@@ -230,7 +232,15 @@ TEST_F(KQVisitorSitesManagerFlowTest, EveryFailureAnswersOnceWithItsMessageCodeA
               3);
 }
 
+// The visitor's stream is logged in to a real XMPP server in both rounds: a join over XMPP would
+// succeed there if it were made.
 TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecondsLaterAsItRuns) {
+  test::ProsodyServer::Options plain;
+  plain.tls = false;
+  test::ProsodyServer prosody(plain);
+  auto& client = KQVisitorXMPPClient::instance();
+  client.xmppStream()->setHostName("127.0.0.1");
+  client.xmppStream()->setHostPort(prosody.port());
   for (const bool overHTTP : {true, false}) {
     SCOPED_TRACE(overHTTP ? "over HTTP" : "over XMPP");
     test::ManualClockScope clock;
@@ -241,6 +251,8 @@ TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecon
     const auto room = manager->getCurrentRoom();
     ASSERT_TRUE(room);
     EXPECT_EQ(room->roomId(), "77");
+    ASSERT_TRUE(client.connectUser(KQVisitorWebService::sharedInstance().currentUser()));
+    ASSERT_TRUE(test::runMainQueueUntil([&] { return client.xmppStream()->isAuthenticated(); }));
     KQVisitorWebService::sharedInstance().setIsHTTPClient(overHTTP);  // read when the join is due
     server.setDefaultResponse({200, R"(["","0"])", "application/json; charset=utf-8", {}});
     tick(clock, 4900ms);
@@ -249,21 +261,24 @@ TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecon
     if (!overHTTP) {
       ASSERT_TRUE(room->xmppRoom());
       EXPECT_EQ(room->xmppRoom()->roomJID().full(), "room77@conference.localhost");
+      EXPECT_TRUE(test::runMainQueueUntil([&] { return room->isConnected(); }));
       room->closeRoom();
       room->setXmppRoom(nullptr);
-      continue;
+    } else {
+      EXPECT_TRUE(room->isHttpRoom()) << "an HTTP chat was joined over XMPP";
+      EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
+      tick(clock, 2s);
+      ASSERT_TRUE(test::runMainQueueUntil([&] { return polls() == 1; }));
+      const std::size_t before = server.requests().size();
+      EXPECT_TRUE(room->sendMessage("Hi"));
+      ASSERT_TRUE(server.waitForRequests(before + 1));
+      EXPECT_TRUE(calls().back().starts_with("InsertChatMessage?parMessage=Hi&parChatId=77&"))
+          << calls().back();
+      room->closeRoom();
+      manager->setKqWebsite(nullptr);  // a new website and room for the next round
     }
-    EXPECT_TRUE(room->isHttpRoom()) << "an HTTP chat was joined over XMPP";
-    EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
-    tick(clock, 2s);
-    ASSERT_TRUE(test::runMainQueueUntil([&] { return polls() == 1; }));
-    const std::size_t before = server.requests().size();
-    EXPECT_TRUE(room->sendMessage("Hi"));
-    ASSERT_TRUE(server.waitForRequests(before + 1));
-    EXPECT_TRUE(calls().back().starts_with("InsertChatMessage?parMessage=Hi&parChatId=77&"))
-        << calls().back();
-    room->closeRoom();
-    manager->setKqWebsite(nullptr);  // a new website and room for the next round
+    client.disconnect();
+    ASSERT_TRUE(test::runMainQueueUntil([&] { return client.xmppStream()->isDisconnected(); }));
   }
   KQVisitorWebService::sharedInstance().setIsHTTPClient(true);
 }
