@@ -66,15 +66,10 @@ void ProsodyServer::start() {
 }
 
 void ProsodyServer::stop() {
-  signal(SIGCONT);  // a frozen server would not act on SIGTERM
-  process_.reset();
-}
-
-void ProsodyServer::signal(int number) const {
-  const std::string pid = readFile(directory_.file("prosody.pid"));
-  if (process_ && !pid.empty()) {
-    ::kill(std::stoi(pid), number);
+  if (process_) {
+    process_->signal(SIGCONT);  // a frozen server would not act on SIGTERM
   }
+  process_.reset();
 }
 
 bool ProsodyServer::launch() {

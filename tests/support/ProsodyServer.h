@@ -38,14 +38,14 @@ class ProsodyServer {
   /// Starts it again on the same port, with the same certificate and data.
   void start();
   /// Freezes the server (SIGSTOP): the kernel still accepts connections and data, nobody
-  /// answers, as with a server or a network that died silently.
-  void pause() const { signal(SIGSTOP); }
-  void resume() const { signal(SIGCONT); }  ///< lets a frozen server run again
+  /// answers, as with a server or a network that died silently. (The script execs Prosody: the
+  /// child process is the server itself.)
+  void pause() const { process_->signal(SIGSTOP); }
+  void resume() const { process_->signal(SIGCONT); }  ///< lets a frozen server run again
 
  private:
   bool launch();
   [[nodiscard]] bool streamAnswers() const;
-  void signal(int number) const;
 
   Options options_;
   TemporaryDirectory directory_;
