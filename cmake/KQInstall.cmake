@@ -9,6 +9,7 @@ install(TARGETS KQVisitorCore EXPORT KQVisitorCoreTargets
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/KQVisitorCore/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KQVisitorCore
   FILES_MATCHING PATTERN "*.h"
+  PATTERN "detail" EXCLUDE
   PATTERN "Guarded.h" EXCLUDE
   PATTERN "OwnedThread.h" EXCLUDE
   PATTERN "TimedTasks.h" EXCLUDE

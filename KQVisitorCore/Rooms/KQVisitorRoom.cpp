@@ -10,10 +10,11 @@
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
-#include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
+#include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>
+#include <KQVisitorCore/Rooms/detail/KQVisitorXMPPRoomTransport.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
@@ -51,7 +52,8 @@ std::string describeRoom(const xmpp::XMPPRoom& room) {
 
 struct KQVisitorRoom::State {
   std::optional<std::string> roomId;
-  std::shared_ptr<xmpp::XMPPRoom> xmppRoom;
+  std::shared_ptr<KQVisitorXMPPRoomTransport> xmpp;  // set with the XMPPRoom
+  std::shared_ptr<KQVisitorHTTPRoomTransport> http;  // made at first use
   std::weak_ptr<KQVisitorSite> site;
   Occupants roomOcuupants;
   Messages messages;
@@ -71,15 +73,12 @@ struct KQVisitorRoom::State {
   bool isRoomNeedUpate = false;
   std::optional<std::string> isRoomExist;
   bool isDelayed = false;
-  std::vector<std::shared_ptr<Timer>> refreshTimers;  // the last one started is the newest
-  bool pollByLibrary = false;  // the timers were started by the chat's start, not by the host
-  bool pollInFlight = false;   // a poll has been sent and not answered yet
 };
 
 KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
 
 KQVisitorRoom::~KQVisitorRoom() {
-  if (const auto room = state_->get(&State::xmppRoom)) {
+  if (const auto room = xmppRoom()) {
     if (room->isJoined()) {
       room->leaveRoom();
     }
@@ -103,11 +102,30 @@ void KQVisitorRoom::setRoomId(std::optional<std::string> roomId) {
 }
 
 std::shared_ptr<xmpp::XMPPRoom> KQVisitorRoom::xmppRoom() const {
-  return state_->get(&State::xmppRoom);
+  const auto xmpp = state_->get(&State::xmpp);
+  return xmpp ? xmpp->room() : nullptr;
 }
 
 void KQVisitorRoom::setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom) {
-  state_->set(&State::xmppRoom, std::move(xmppRoom));
+  state_->set(&State::xmpp, xmppRoom ? std::make_shared<KQVisitorXMPPRoomTransport>(
+                                           weak_from_this(), std::move(xmppRoom))
+                                     : nullptr);
+}
+
+std::shared_ptr<KQVisitorHTTPRoomTransport> KQVisitorRoom::http() {
+  return state_->with([this](State& state) {
+    if (!state.http) {
+      state.http = std::make_shared<KQVisitorHTTPRoomTransport>(weak_from_this());
+    }
+    return state.http;
+  });
+}
+
+std::shared_ptr<KQVisitorRoomTransport> KQVisitorRoom::transport() {
+  if (auto xmpp = state_->get(&State::xmpp)) {
+    return xmpp;
+  }
+  return http();
 }
 
 std::shared_ptr<KQVisitorSite> KQVisitorRoom::site() const {
@@ -324,13 +342,13 @@ void KQVisitorRoom::sendRoomUpdatesWithStatus(std::int64_t status, const std::an
 // --- XMPP mode --------------------------------------------------------------------------------
 
 void KQVisitorRoom::connect() {
-  const auto [id, room] =
-      state_->with([](const State& state) { return std::pair(state.roomId, state.xmppRoom); });
+  const auto [id, xmpp] =
+      state_->with([](const State& state) { return std::pair(state.roomId, state.xmpp); });
   if (!id || isConnected()) {
     return;
   }
-  if (room) {
-    room->joinRoomUsingNickname(describe(usernameOf(getVisitor())), std::nullopt);
+  if (xmpp) {  // an HTTP room joins when its polling starts
+    xmpp->join(describe(usernameOf(getVisitor())));
   }
   sendRoomUpdatesWithStatus(KQRoomUpdateJoining, {});
 }
@@ -345,8 +363,8 @@ void KQVisitorRoom::closeRoomSession() {
 }
 
 void KQVisitorRoom::leaveAndRemoveDelegates() {
-  if (const auto room = xmppRoom()) {
-    room->leaveRoom();
+  if (const auto xmpp = state_->get(&State::xmpp)) {
+    xmpp->leave();
   }
   removeRoomDelegate(&KQVisitorXMPPClient::instance());
   removeRoomDelegate(this);
@@ -355,7 +373,9 @@ void KQVisitorRoom::leaveAndRemoveDelegates() {
 void KQVisitorRoom::closeRoom() {
   const auto keepAlive = shared_from_this();  // the tables below may hold the last references
   setIsRoomJoined(false);
-  stopPolling();
+  if (const auto poller = state_->get(&State::http)) {
+    poller->leave();
+  }
   const auto manager = sitesManager();
   manager->clearCurrentRoom();
   manager->leaveRoom(keepAlive);
@@ -367,32 +387,17 @@ void KQVisitorRoom::closeRoom() {
 }
 
 void KQVisitorRoom::destroyRoom() {
-  const auto [id, room, owner] = state_->with([](const State& state) {
-    return std::tuple(state.roomId, state.xmppRoom, state.site.lock());
-  });
+  const auto [id, owner] =
+      state_->with([](const State& state) { return std::pair(state.roomId, state.site.lock()); });
   // The room id goes in the user-id slot: the service reads it there.
-  sendKQVisitorRoomDestroyMessageUserid(room, id, siteIdOf(owner), usernameOf(getVisitor()), id);
+  sendKQVisitorRoomDestroyMessageUserid(xmppRoom(), id, siteIdOf(owner), usernameOf(getVisitor()),
+                                        id);
 }
 
 // --- Messages ---------------------------------------------------------------------------------
 
 bool KQVisitorRoom::sendMessage(const std::string& text) {
-  const auto [room, destroyed, id, owner] = state_->with([](const State& state) {
-    return std::tuple(state.xmppRoom, state.isRoomDestroyed, state.roomId, state.site.lock());
-  });
-  if (!room) {
-    sendHTTPMessage(text);
-    return true;
-  }
-  if (destroyed) {
-    return false;
-  }
-  const auto stream = room->xmppStream();
-  if (!stream || !stream->isConnected()) {
-    return false;
-  }
-  sendKQVisitorMessage(room, text, "0", siteIdOf(owner), "0", usernameOf(getVisitor()), id);
-  return true;
+  return transport()->send(text);
 }
 
 std::int64_t KQVisitorRoom::getMessageType(const std::optional<std::string>& senderId,
@@ -415,10 +420,10 @@ bool KQVisitorRoom::ignoreMessage(const std::string& text) {
 
 void KQVisitorRoom::inviteUser(const std::optional<xmpp::XMPPJID>& /*jid*/,
                                const std::string& message) {
-  const auto [id, room, owner, operatorId] = state_->with([](const State& state) {
-    return std::tuple(state.roomId, state.xmppRoom, state.site.lock(), state.operatorId);
+  const auto [id, owner, operatorId] = state_->with([](const State& state) {
+    return std::tuple(state.roomId, state.site.lock(), state.operatorId);
   });
-  sendKQVisitorInvite(room, message, "0", siteIdOf(owner), "0", usernameOf(getVisitor()), id,
+  sendKQVisitorInvite(xmppRoom(), message, "0", siteIdOf(owner), "0", usernameOf(getVisitor()), id,
                       operatorId);
 }
 
@@ -500,77 +505,46 @@ void KQVisitorRoom::sendGoneChatState() {
 // --- HTTP mode --------------------------------------------------------------------------------
 
 void KQVisitorRoom::joinHTTPRoom() {
-  startPolling(false);
+  http()->join({});
 }
 
-void KQVisitorRoom::startPolling(bool byLibrary) {
-  const auto interval = std::chrono::duration_cast<Clock::Duration>(
-      std::chrono::duration<double>(KQVisitorConfig::shared().httpPollInterval));
-  // Decided and started under the lock, so that two starts at once make one poller; the
-  // timers taken over are stopped outside it (invalidate() waits for a tick, which locks).
-  std::vector<std::shared_ptr<Timer>> takenOver;
-  state_->with([&](State& state) {
-    std::erase_if(state.refreshTimers, [](const auto& timer) { return !timer->isValid(); });
-    if (!state.refreshTimers.empty()) {
-      if (byLibrary) {
-        return;  // the room polls already
-      }
-      if (state.pollByLibrary) {
-        takenOver = std::exchange(state.refreshTimers, {});  // the host's poller replaces it
-      }
-    }
-    // The tick holds the room, as a run loop's timer holds its target, until it is stopped.
-    // A timer the host started before goes on polling beside the new one, until the chat ends.
-    state.refreshTimers.push_back(Timer::scheduledTimer(
-        DispatchQueue::main(), interval, true,
-        [self = shared_from_this()](Timer& /*timer*/) { self->recieveHTTPMessage(); }));
-    state.pollByLibrary = byLibrary;
-  });
-  for (const auto& timer : takenOver) {
-    timer->invalidate();
-  }
-}
-
-void KQVisitorRoom::stopPolling() {
-  // Stopped outside the lock: invalidate() waits for a tick in progress, which takes it.
-  for (const auto& timer :
-       state_->with([](State& state) { return std::exchange(state.refreshTimers, {}); })) {
-    timer->invalidate();
-  }
+void KQVisitorRoom::startPolling() {
+  http()->startPolling(true);
 }
 
 void KQVisitorRoom::recieveHTTPMessage() {
-  const bool busy =
-      state_->with([](State& state) { return std::exchange(state.pollInFlight, true); });
-  if (busy) {
-    return;  // the answer under way would be handed out twice
-  }
-  sitesManager()->getHTTPMessage(
-      [self = shared_from_this()](const std::optional<KQError>& error,
-                                  const std::shared_ptr<KQVisitorMessage>& message) {
-        self->state_->set(&State::pollInFlight, false);
-        self->refreshCompletion(error, message);
-      });
+  http()->poll();
 }
 
 void KQVisitorRoom::sendHTTPMessage(const std::string& text) {
-  sitesManager()->sendHTTPMessage(
-      text, [self = shared_from_this()](const std::optional<KQError>& error,
-                                        const std::shared_ptr<KQVisitorMessage>& message) {
-        self->refreshCompletion(error, message);
-      });
-}
-
-void KQVisitorRoom::refreshCompletion(const std::optional<KQError>& error,
-                                      const std::shared_ptr<KQVisitorMessage>& result) {
-  if (!error) {
-    NotificationCenter::defaultCenter().post("KQVisitor_HTTP_Refresh", std::any(result));
-  }
+  http()->send(text);
 }
 
 void KQVisitorRoom::leaveHTTPRoom() {
   sitesManager()->closeHTTPSession([](auto, auto) {});
-  stopPolling();
+  http()->leave();
+}
+
+void KQVisitorRoom::receiveHTTPLine(const std::shared_ptr<KQVisitorMessage>& line) {
+  const bool first = state_->with([&line](State& state) {
+    const bool greetingOnly = state.messages.size() == 1;
+    if (greetingOnly) {  // the greeting, as a rule: it takes the first message's time
+      state.messages.front()->setTimeStamp(line->timeStamp());
+    }
+    ++state.unreadMessagesCount;
+    state.messages.push_back(line);
+    return greetingOnly;
+  });
+  DispatchQueue::main()->async([self = shared_from_this(), line, first] {
+    if (first) {
+      NotificationCenter::defaultCenter().post("RoomStatusFirstMessage", self->self());
+    }
+    if (line->messageType() == KQVisitorMessageTypeVisitor) {
+      self->sendRoomUpdatesWithStatus(KQRoomUpdateOwnMessage, std::any(line));
+    } else {
+      self->sendRoomUpdatesWithStatus(KQRoomUpdateNewMessage, self->self());
+    }
+  });
 }
 
 // --- Ending -----------------------------------------------------------------------------------

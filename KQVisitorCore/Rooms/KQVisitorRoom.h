@@ -20,6 +20,8 @@
 
 namespace kq {
 
+class KQVisitorHTTPRoomTransport;
+class KQVisitorRoomTransport;
 class KQVisitorSite;
 template <class T>
 class Guarded;
@@ -40,12 +42,18 @@ enum KQRoomUpdateStatus : std::int64_t {
 };
 
 /// One conversation between the visitor and an operator, over an XMPP multi-user-chat room
-/// (xmppRoom() set) or, without one, over HTTP polling through the sites manager.
+/// (xmppRoom() set) or, without one, over HTTP polling of the chat service.
+///
+/// Either way a line takes one road: sendMessage() hands it to the room's transport, and each
+/// line that arrives, the operator's and the visitor's own, is stored in messages() and
+/// announced to the update callbacks on the main queue (status 3 for the operator's, 13 for the
+/// visitor's own). Over HTTP a room sends and polls with its own chat id.
 ///
 /// Threads: room events, update callbacks, the poll (every 2.0 s by default) and the 4.0 s idle
-/// removal run on the main queue; the completions of the HTTP operations append to messages() on
-/// the HTTP session's thread. Every field may be read and written from any thread; no callback and
-/// no notification is called with a lock held.
+/// removal run on the main queue; over HTTP a line is appended to messages() and the refresh
+/// notification posted on the HTTP session's thread, before its update reaches the main queue.
+/// Every field may be read and written from any thread; no callback and no notification is
+/// called with a lock held.
 ///
 /// Ownership: the room keeps its XMPPRoom (and the room's activation on the stream) alive from
 /// the join until the room itself ends; closing it leaves the chat room and removes its
@@ -73,6 +81,12 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   static constexpr const char* kDNDText = "[DND]";
   static constexpr const char* kIgnoreText = "[Ignore]";
   static constexpr const char* kNickChangeText = "[NICKCHANGE]";
+
+  /// The errors of the HTTP operations: the text is the domain, the code kHTTPErrorCode, and
+  /// there is no user information.
+  static constexpr const char* kCannotInsertMessage = "Can not insert message";
+  static constexpr const char* kNoMessageRecieved = "No message recieved";
+  static constexpr long kHTTPErrorCode = 1001;
 
   KQVisitorRoom();
   KQVisitorRoom(const KQVisitorRoom&) = delete;
@@ -223,15 +237,17 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// over. A timer this call started before is let go of but keeps running, so a host that
   /// calls it twice polls twice as often: call it once per chat.
   void joinHTTPRoom();
-  /// Fetches the next operator message through the sites manager. While an earlier fetch has
-  /// not been answered, nothing is sent: two polls from the same cursor would hand the same
-  /// message out twice (a slow service, or a short httpPollInterval).
+  /// Fetches the next operator message ("GetChatMessagesAlt" with this room's chat id and
+  /// httpMessageId). While an earlier fetch has not been answered, nothing is sent: two polls
+  /// from the same cursor would hand the same message out twice (a slow service, or a short
+  /// httpPollInterval).
   void recieveHTTPMessage();
-  /// Sends `text` through the sites manager.
+  /// Sends `text` ("InsertChatMessage" with this room's chat id and operator).
   void sendHTTPMessage(const std::string& text);
-  /// Closes the chat on the server (the answer is not awaited) and stops polling: the last
-  /// timer at once, any earlier one at its next tick, without sending anything. The same
-  /// happens to polling when the room is closed (closeRoom(), a logout).
+  /// Closes the session's current chat on the server (KQVisitorSitesManager::closeHTTPSession,
+  /// the answer is not awaited) and stops polling: the last timer at once, any earlier one at
+  /// its next tick, without sending anything. The same happens to polling when the room is
+  /// closed (closeRoom(), a logout).
   void leaveHTTPRoom();
 
   // --- Ending -----------------------------------------------------------------------------
@@ -260,14 +276,18 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
 
  private:
   friend class KQVisitorSitesManager;
+  friend class KQVisitorHTTPRoomTransport;
   struct State;
-  // Polls as joinHTTPRoom() does, for the chat's start (`byLibrary`): nothing when the room
-  // polls already.
-  void startPolling(bool byLibrary);
-  void stopPolling();
+  // Polls as joinHTTPRoom() does, for the chat's start: nothing when the room polls already.
+  void startPolling();
   void leaveAndRemoveDelegates();
-  void refreshCompletion(const std::optional<KQError>& error,
-                         const std::shared_ptr<KQVisitorMessage>& result);
+  // The HTTP transport, made at first use; it polls whenever asked, also beside an XMPP room.
+  std::shared_ptr<KQVisitorHTTPRoomTransport> http();
+  // The XMPP room's transport when there is one, otherwise the HTTP one.
+  std::shared_ptr<KQVisitorRoomTransport> transport();
+  // Stores a line the HTTP transport brought (on the service's thread) and announces it on the
+  // main queue, as a line received over XMPP is.
+  void receiveHTTPLine(const std::shared_ptr<KQVisitorMessage>& line);
   std::any self();
 
   const std::unique_ptr<Guarded<State>> state_;

@@ -13,6 +13,7 @@
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+#include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>
 
 #include <algorithm>
 
@@ -31,10 +32,6 @@ struct KQVisitorSitesManager::State {
 };
 
 namespace {
-
-KQError httpError(const char* text) {
-  return KQError{text, KQVisitorSitesManager::kHTTPErrorCode, nullptr};
-}
 
 // The sites manager of the client: the HTTP operations act on its current room, whichever
 // manager they are called on.
@@ -202,90 +199,15 @@ void KQVisitorSitesManager::closeAllOperatorRooms() {
 // --- Chat over HTTP ---------------------------------------------------------------------------
 
 void KQVisitorSitesManager::sendHTTPMessage(const std::string& text, MessageCallback callback) {
-  const auto room = sharedCurrentRoom();
-  nlohmann::ordered_json parameters;
-  parameters["parMessage"] = text;
-  parameters["parChatId"] = jsonValue(room ? room->roomId() : std::nullopt);
-  parameters["parUserId"] = "0";
-  parameters["parAssignedUserId"] = jsonValue(room ? room->operatorId() : std::nullopt);
-  parameters["parTimestamp"] = Date::now();
-  auto shared = std::make_shared<MessageCallback>(std::move(callback));
-  KQVisitorWebService::sharedInstance().requestDataWithParameters(
-      parameters, "GET", "InsertChatMessage",
-      [shared, text](std::nullptr_t, const nlohmann::ordered_json& result) {
-        if (result.is_null()) {
-          (*shared)(httpError(kCannotInsertMessage), nullptr);
-          return;
-        }
-        auto message = std::make_shared<KQVisitorMessage>();
-        message->setMessage(text);
-        message->setMessageType(KQVisitorMessageTypeVisitor);
-        message->setTimeStamp(Date::now());
-        message->setSender(KQVisitorWebService::sharedInstance().currentUser());
-        if (const auto current = sharedCurrentRoom()) {
-          current->addMessage(message);
-        }
-        (*shared)(std::nullopt, message);
-      },
-      [shared](std::nullptr_t, const KQError& error) { (*shared)(error, nullptr); });
+  KQVisitorHTTPRoomTransport::insertMessage(sharedCurrentRoom(), text, std::move(callback));
 }
 
 void KQVisitorSitesManager::getHTTPMessage(MessageCallback callback) {
-  const auto room = sharedCurrentRoom();
-  nlohmann::ordered_json parameters;
-  parameters["parChatId"] = jsonValue(room ? room->roomId() : std::nullopt);
-  parameters["parMessageId"] =
-      jsonValue(room ? std::optional(room->httpMessageId()) : std::nullopt);
-  auto shared = std::make_shared<MessageCallback>(std::move(callback));
-  KQVisitorWebService::sharedInstance().requestDataWithParameters(
-      parameters, "GET", "GetChatMessagesAlt",
-      [shared, room](std::nullptr_t, const nlohmann::ordered_json& result) {
-        // An answer of another shape than [text, id] counts as no message.
-        const std::optional<std::string> text =
-            result.is_array() && !result.empty() ? textOf(result[0]) : std::nullopt;
-        if (!text || text->empty()) {
-          (*shared)(httpError(kNoMessageRecieved), nullptr);
-          return;
-        }
-        // An answer without the next id keeps the cursor: going back would hand out again
-        // what the visitor has seen.
-        if (auto next = result.size() > 1 ? textOf(result[1]) : std::nullopt; room && next) {
-          room->setHttpMessageId(std::move(next));
-        }
-        auto sender = std::make_shared<KQVisitorUser>();
-        sender->setUsername(room ? room->operatorName() : std::nullopt);
-        auto message = std::make_shared<KQVisitorMessage>();
-        message->setMessage(*text);
-        message->setMessageType(KQVisitorMessageTypeOperator);
-        message->setTimeStamp(Date::now());
-        message->setSender(std::move(sender));
-        message->setManagerId("0");
-        if (const auto current = sharedCurrentRoom()) {
-          current->addMessage(message);
-        }
-        (*shared)(std::nullopt, message);
-      },
-      [shared](std::nullptr_t, const KQError& error) { (*shared)(error, nullptr); });
+  KQVisitorHTTPRoomTransport::fetchMessage(sharedCurrentRoom(), std::move(callback));
 }
 
 void KQVisitorSitesManager::closeHTTPSession(MessageCallback callback) {
-  const auto room = sharedCurrentRoom();
-  const auto chatId = room ? room->roomId() : std::nullopt;
-  if (!chatId) {
-    callback(httpError(kCannotInsertMessage), nullptr);
-    return;
-  }
-  nlohmann::ordered_json parameters;
-  parameters["parChatId"] = *chatId;
-  parameters["parChatEndTime"] = Date::now();
-  auto shared = std::make_shared<MessageCallback>(std::move(callback));
-  KQVisitorWebService::sharedInstance().requestDataWithParameters(
-      parameters, "GET", "ET",
-      [shared](std::nullptr_t, const nlohmann::ordered_json& result) {
-        (*shared)(result.is_null() ? std::optional(httpError(kCannotInsertMessage)) : std::nullopt,
-                  nullptr);
-      },
-      [shared](std::nullptr_t, const KQError& error) { (*shared)(error, nullptr); });
+  KQVisitorHTTPRoomTransport::endChat(sharedCurrentRoom(), std::move(callback));
 }
 
 void KQVisitorSitesManager::closeSession(const std::any& /*sender*/) {
@@ -622,7 +544,7 @@ void KQVisitorSitesManager::pollChat(const std::shared_ptr<KQVisitorRoom>& room,
                                      const std::optional<std::string>& chatId) {
   room->setRoomId(chatId);
   joinRoom(room);
-  room->startPolling(true);
+  room->startPolling();
 }
 
 }  // namespace kq

@@ -4,6 +4,7 @@
 #include <KQVisitorCore/Model/KQVisitorSite.h>
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 
 #include <nlohmann/json.hpp>
 
@@ -16,7 +17,6 @@
 
 namespace kq {
 
-class KQVisitorRoom;
 template <class T>
 class Guarded;
 
@@ -46,9 +46,9 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
 
   /// The errors the HTTP operations make: the text is the domain, the code kHTTPErrorCode, and
   /// there is no user information.
-  static constexpr const char* kCannotInsertMessage = "Can not insert message";
-  static constexpr const char* kNoMessageRecieved = "No message recieved";
-  static constexpr long kHTTPErrorCode = 1001;
+  static constexpr const char* kCannotInsertMessage = KQVisitorRoom::kCannotInsertMessage;
+  static constexpr const char* kNoMessageRecieved = KQVisitorRoom::kNoMessageRecieved;
+  static constexpr long kHTTPErrorCode = KQVisitorRoom::kHTTPErrorCode;
 
   /// Branding off, no website, no rooms.
   KQVisitorSitesManager();
@@ -149,6 +149,9 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   void closeAllOperatorRooms();
 
   // --- Chat over HTTP (all on the current room) --------------------------------------------
+
+  /// The operations of the current room's HTTP transport (KQVisitorRoom): each line made is
+  /// stored in that room and announced to its update callbacks on the main queue.
 
   /// "InsertChatMessage": on an answer, a message of type 1 from the visitor is appended to the
   /// current room and passed on; an empty answer is kCannotInsertMessage; a transport error

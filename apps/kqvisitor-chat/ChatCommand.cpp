@@ -124,10 +124,6 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
             "KQVISITOR_CONFIG and that the XMPP server is running.");
       }
     });
-    // Posted on the HTTP session's thread after each poll or send that brought a message.
-    center.addObserver("KQVisitor_HTTP_Refresh", [self](const kq::Notification& /*unused*/) {
-      kq::DispatchQueue::main()->async([self] { self->showNewMessages(); });
-    });
     say("Looking up " +
         *(options_.language == "ar" && options_.domainArabic ? options_.domainArabic
                                                              : options_.domain) +

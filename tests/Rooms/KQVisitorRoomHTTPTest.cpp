@@ -2,6 +2,7 @@
 #include <KQVisitorCore/Model/KQVisitorSite.h>
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
+#include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
@@ -22,10 +23,12 @@ namespace kq {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using test::RecordingHTTPServer;
 
 // The session's current room, chatting over HTTP with the shared web service pointed at a
-// recording server. Counts the refresh notifications, which arrive on the HTTP thread.
+// recording server. Counts the refresh notifications, which arrive on the HTTP thread, and
+// records the room's updates, which must arrive on the main queue as they do over XMPP.
 class KQVisitorRoomHTTPTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -45,9 +48,16 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
               std::any_cast<std::shared_ptr<KQVisitorMessage>>(notification.object));
           changed.notify_all();
         });
+    room->addRoomUpdatesCallBack(std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
+        [this](const std::any& object, std::int64_t status) {
+          ASSERT_TRUE(DispatchQueue::main()->isCurrent());
+          const auto* line = std::any_cast<std::shared_ptr<KQVisitorMessage>>(&object);
+          updates.emplace_back(status, line ? (*line)->message().value_or("") : "");
+        }));
   }
 
   void TearDown() override {
+    test::drainMainQueue();  // the updates of the last lines
     NotificationCenter::defaultCenter().removeObserver(observer);
     KQVisitorXMPPClient::instance().setSitesManager(nullptr);
     KQVisitorWebService::sharedInstance().setCurrentUser(nullptr);
@@ -80,7 +90,8 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
   NotificationCenter::Token observer = 0;
   std::mutex mutex;
   std::condition_variable changed;
-  std::vector<std::shared_ptr<KQVisitorMessage>> refreshed;  // guarded by mutex
+  std::vector<std::shared_ptr<KQVisitorMessage>> refreshed;   // guarded by mutex
+  std::vector<std::pair<std::int64_t, std::string>> updates;  // main queue: status, own line
 };
 
 TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingStopsEveryTimer) {
@@ -113,6 +124,11 @@ TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingSt
   EXPECT_EQ(received[0]->managerId(), "0");
   EXPECT_EQ(received[0]->sender()->username(), "Omar");
   EXPECT_EQ(room->messages().size(), 2U);
+  test::drainMainQueue();
+  using Update = std::pair<std::int64_t, std::string>;
+  EXPECT_EQ(updates,
+            (std::vector<Update>{{KQRoomUpdateNewMessage, ""}, {KQRoomUpdateNewMessage, ""}}));
+  EXPECT_EQ(room->unreadMessagesCount(), 2);
 
   // A second join polls beside the first; leaving stops both and closes the chat on the server.
   room->joinHTTPRoom();
@@ -190,11 +206,24 @@ TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
   EXPECT_EQ(sent.second->messageType(), KQVisitorMessageTypeVisitor);
   EXPECT_EQ(sent.second->sender(), visitor);
   EXPECT_EQ(room->lastMessage(), sent.second);
+  test::drainMainQueue();
+  ASSERT_FALSE(updates.empty());
+  EXPECT_EQ(updates.back(), std::make_pair(std::int64_t{KQRoomUpdateOwnMessage}, "hello"s));
   const auto insert = server.requests().back().target;
   EXPECT_NE(insert.find("/InsertChatMessage?parMessage=hello&parChatId=7&parUserId=0&"
                         "parAssignedUserId=42&parTimestamp="),
             std::string::npos)
       << insert;
+
+  // A room that is not the session's current one sends with its own chat id.
+  const auto other = std::make_shared<KQVisitorRoom>();
+  other->setRoomId("8");
+  server.enqueueResponse({200, R"("2")", "application/json; charset=utf-8", {}});
+  EXPECT_TRUE(other->sendMessage("hi8"));
+  ASSERT_EQ(waitForRefreshes(1).size(), 1U);
+  EXPECT_NE(server.requests().back().target.find("?parMessage=hi8&parChatId=8&"), std::string::npos)
+      << server.requests().back().target;
+  EXPECT_EQ(other->lastMessage()->message(), "hi8");
 
   // Closing with no current room makes no call; closeSession clears the room before leaving.
   const std::size_t before = server.requests().size();
