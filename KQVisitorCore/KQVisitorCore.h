@@ -21,7 +21,6 @@
 #include <KQVisitorCore/Platform/LocalNotification.h>
 #include <KQVisitorCore/Platform/Localization.h>
 #include <KQVisitorCore/Platform/Log.h>
-#include <KQVisitorCore/Platform/ManualClock.h>
 #include <KQVisitorCore/Platform/Notification.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
 #include <KQVisitorCore/Platform/PercentEscapes.h>

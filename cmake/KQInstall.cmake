@@ -4,18 +4,17 @@ include(CMakePackageConfigHelpers)
 install(TARGETS KQVisitorCore EXPORT KQVisitorCoreTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-# Internal headers (the library's own threads, queues, delegate lists and stream parser) stay out
-# of the installed tree; no installed header includes them.
+# Internal headers live in detail/ folders and stay out of the installed tree; no installed
+# header includes them (the installed-package test compiles each installed header alone). The
+# XMPP core's internal headers are listed by name until they move there too.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/KQVisitorCore/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KQVisitorCore
   FILES_MATCHING PATTERN "*.h"
   PATTERN "detail" EXCLUDE
-  PATTERN "Guarded.h" EXCLUDE
-  PATTERN "OwnedThread.h" EXCLUDE
-  PATTERN "TimedTasks.h" EXCLUDE
   PATTERN "XMPPDelegateList.h" EXCLUDE
   PATTERN "XMPPParser.h" EXCLUDE
-  PATTERN "XMPPQueue.h" EXCLUDE)
+  PATTERN "XMPPQueue.h" EXCLUDE
+  PATTERN "XMPPTransport.h" EXCLUDE)
 
 set(KQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KQVisitorCore)
 install(EXPORT KQVisitorCoreTargets NAMESPACE KQVisitorCore:: DESTINATION ${KQ_CMAKE_DIR})

@@ -1,7 +1,7 @@
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
 
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
-#include <KQVisitorCore/Network/WebServiceText.h>
+#include <KQVisitorCore/Network/detail/WebServiceText.h>
 #include <KQVisitorCore/Platform/HTTPSession.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/PercentEscapes.h>

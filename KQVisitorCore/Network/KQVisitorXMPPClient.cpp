@@ -2,12 +2,12 @@
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/HostApplication.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>

@@ -1,6 +1,6 @@
 #include <KQVisitorCore/Network/StringKQVisitorWebService.h>
 
-#include <KQVisitorCore/Network/WebServiceText.h>
+#include <KQVisitorCore/Network/detail/WebServiceText.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 
 #include <nlohmann/json.hpp>

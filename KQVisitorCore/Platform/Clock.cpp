@@ -1,7 +1,7 @@
 #include <KQVisitorCore/Platform/Clock.h>
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
-#include <KQVisitorCore/Platform/ManualClock.h>
+#include <KQVisitorCore/Platform/detail/ManualClock.h>
 
 #include <algorithm>
 #include <map>

@@ -1,7 +1,7 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 
-#include <KQVisitorCore/Platform/OwnedThread.h>
-#include <KQVisitorCore/Platform/TimedTasks.h>
+#include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/TimedTasks.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,11 +17,13 @@
 
 namespace kq {
 
-struct DispatchQueue::Impl {
-  explicit Impl(std::string name);
-  ~Impl();
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
+struct detail::DispatchQueueImpl {
+  using Task = DispatchQueue::Task;
+  using TimePoint = DispatchQueue::TimePoint;
+  explicit DispatchQueueImpl(std::string name);
+  ~DispatchQueueImpl();
+  DispatchQueueImpl(const DispatchQueueImpl&) = delete;
+  DispatchQueueImpl& operator=(const DispatchQueueImpl&) = delete;
 
   // Moves every timed task whose deadline has passed to the end of `ready`, earliest first.
   void promoteDue(TimePoint now);
@@ -46,12 +48,12 @@ struct DispatchQueue::Impl {
 
 namespace {
 
-thread_local const DispatchQueue::Impl* currentQueue = nullptr;
+thread_local const detail::DispatchQueueImpl* currentQueue = nullptr;
 
 // Marks the calling thread as running `queue` for the lifetime of the scope.
 class CurrentQueueScope {
  public:
-  explicit CurrentQueueScope(const DispatchQueue::Impl* queue) : previous_(currentQueue) {
+  explicit CurrentQueueScope(const detail::DispatchQueueImpl* queue) : previous_(currentQueue) {
     currentQueue = queue;
   }
   ~CurrentQueueScope() { currentQueue = previous_; }
@@ -59,14 +61,15 @@ class CurrentQueueScope {
   CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
 
  private:
-  const DispatchQueue::Impl* previous_;
+  const detail::DispatchQueueImpl* previous_;
 };
 
 // The tasks a thread's open batch holds back, per queue in the order the queues were first
 // given one.
 struct HeldTasks {
   int depth = 0;
-  std::vector<std::pair<std::shared_ptr<DispatchQueue::Impl>, std::vector<DispatchQueue::Task>>>
+  std::vector<
+      std::pair<std::shared_ptr<detail::DispatchQueueImpl>, std::vector<DispatchQueue::Task>>>
       queues;
 };
 
@@ -77,25 +80,25 @@ std::mutex& registryMutex() {
   return *mutex;
 }
 
-std::vector<DispatchQueue::Impl*>& registry() {
-  static auto* queues = new std::vector<DispatchQueue::Impl*>;
+std::vector<detail::DispatchQueueImpl*>& registry() {
+  static auto* queues = new std::vector<detail::DispatchQueueImpl*>;
   return *queues;
 }
 
 }  // namespace
 
-DispatchQueue::Impl::Impl(std::string name) : label(std::move(name)) {
+detail::DispatchQueueImpl::DispatchQueueImpl(std::string name) : label(std::move(name)) {
   std::scoped_lock lock(registryMutex());
   registry().push_back(this);
 }
 
-DispatchQueue::Impl::~Impl() {
+detail::DispatchQueueImpl::~DispatchQueueImpl() {
   std::scoped_lock lock(registryMutex());
   auto& queues = registry();
   queues.erase(std::remove(queues.begin(), queues.end(), this), queues.end());
 }
 
-void DispatchQueue::Impl::submit(Task task) {
+void detail::DispatchQueueImpl::submit(Task task) {
   {
     std::scoped_lock lock(mutex);
     if (stopping) {
@@ -106,17 +109,17 @@ void DispatchQueue::Impl::submit(Task task) {
   wake.notify_one();
 }
 
-void DispatchQueue::Impl::promoteDue(TimePoint now) {
+void detail::DispatchQueueImpl::promoteDue(TimePoint now) {
   while (Task task = timed.takeDue(now)) {
     ready.push_back(std::move(task));
   }
 }
 
-DispatchQueue::TimePoint DispatchQueue::Impl::nextDeadline() const {
+DispatchQueue::TimePoint detail::DispatchQueueImpl::nextDeadline() const {
   return timed.nextDeadline();
 }
 
-std::size_t DispatchQueue::Impl::runPass(std::unique_lock<std::mutex>& lock) {
+std::size_t detail::DispatchQueueImpl::runPass(std::unique_lock<std::mutex>& lock) {
   promoteDue(Clock::shared()->now());
   std::size_t count = ready.size();
   std::size_t ran = 0;
@@ -132,7 +135,7 @@ std::size_t DispatchQueue::Impl::runPass(std::unique_lock<std::mutex>& lock) {
   return ran;
 }
 
-void DispatchQueue::Impl::threadMain() {
+void detail::DispatchQueueImpl::threadMain() {
   CurrentQueueScope scope(this);
   owner = std::this_thread::get_id();
   std::unique_lock lock(mutex);

@@ -16,6 +16,10 @@ namespace kq {
 /// order they were submitted; delayed tasks join the end of the queue when their deadline (on
 /// Clock::shared()) has passed, earliest deadline first.
 ///
+namespace detail {
+struct DispatchQueueImpl;  // the dispatchqueue's state, private to DispatchQueue.cpp
+}  // namespace detail
+
 /// Two kinds exist. The main queue has no thread: the host application runs it on its main
 /// thread with run() or pumps it from its own event loop with pump(). Every other queue is
 /// created with create() and owns one thread. Tasks are never run inside the call that submits
@@ -90,10 +94,8 @@ class KQ_EXPORT DispatchQueue final : public TimerQueue {
     static void flush();
   };
 
-  /// The queue's state, private to DispatchQueue.cpp.
-  struct Impl;
-
  private:
+  using Impl = detail::DispatchQueueImpl;
   explicit DispatchQueue(std::shared_ptr<Impl> impl);
 
   std::shared_ptr<Impl> impl_;

@@ -3,8 +3,8 @@
 #include <KQVisitorCore/Platform/Clock.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
-#include <KQVisitorCore/Platform/OwnedThread.h>
 #include <KQVisitorCore/Platform/Reachability.h>
+#include <KQVisitorCore/Platform/detail/OwnedThread.h>
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
@@ -233,8 +233,10 @@ int reportProgress(void* user, curl_off_t /*downloadTotal*/, curl_off_t download
 
 // --- The session ------------------------------------------------------------------------------
 
-struct HTTPSession::Impl {
-  explicit Impl(Configuration settings) : configuration(std::move(settings)) {
+struct detail::HTTPSessionImpl {
+  using Configuration = HTTPSession::Configuration;
+  using TaskIdentifier = HTTPSession::TaskIdentifier;
+  explicit HTTPSessionImpl(Configuration settings) : configuration(std::move(settings)) {
     initializeCurlOnce();
     multi.reset(curl_multi_init());
     share.reset(curl_share_init());
@@ -262,10 +264,10 @@ struct HTTPSession::Impl {
     }
   }
 
-  Impl(const Impl&) = delete;
-  Impl& operator=(const Impl&) = delete;
+  HTTPSessionImpl(const HTTPSessionImpl&) = delete;
+  HTTPSessionImpl& operator=(const HTTPSessionImpl&) = delete;
 
-  ~Impl() {
+  ~HTTPSessionImpl() {
     // Handles must leave the multi handle, and let go of the share, before either is cleaned up.
     for (auto& [easy, transfer] : active) {
       curl_multi_remove_handle(multi.get(), easy);
@@ -314,7 +316,7 @@ struct HTTPSession::Impl {
   std::string storeProblem;
 };
 
-X509_STORE* HTTPSession::Impl::trustStore() {
+X509_STORE* detail::HTTPSessionImpl::trustStore() {
   if (storeLoaded) {
     return store.get();
   }
@@ -358,10 +360,10 @@ X509_STORE* HTTPSession::Impl::trustStore() {
   return store.get();
 }
 
-CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, void* user) {
+CURLcode detail::HTTPSessionImpl::prepareTLSContext(CURL* /*easy*/, void* context, void* user) {
   // Called for each new TLS connection: hand it the session's store instead of loading
   // certificates again.
-  auto* impl = static_cast<Impl*>(user);
+  auto* impl = static_cast<HTTPSessionImpl*>(user);
   X509_STORE* store = impl->trustStore();
   if (store == nullptr || X509_STORE_up_ref(store) != 1) {
     return CURLE_SSL_CACERT_BADFILE;
@@ -370,7 +372,7 @@ CURLcode HTTPSession::Impl::prepareTLSContext(CURL* /*easy*/, void* context, voi
   return CURLE_OK;
 }
 
-std::optional<KQError> HTTPSession::Impl::takeHandle(Transfer& transfer) {
+std::optional<KQError> detail::HTTPSessionImpl::takeHandle(Transfer& transfer) {
   if (!idle.empty()) {
     transfer.easy = std::move(idle.back());
     idle.pop_back();
@@ -411,7 +413,7 @@ std::optional<KQError> HTTPSession::Impl::takeHandle(Transfer& transfer) {
   return std::nullopt;
 }
 
-void HTTPSession::Impl::recycle(EasyHandle easy) {
+void detail::HTTPSessionImpl::recycle(EasyHandle easy) {
   if (!easy || idle.size() >= kIdleHandleLimit) {
     return;
   }
@@ -431,13 +433,13 @@ void HTTPSession::Impl::recycle(EasyHandle easy) {
   idle.push_back(std::move(easy));
 }
 
-std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
+std::optional<KQError> detail::HTTPSessionImpl::configure(Transfer& transfer) {
   const HTTPRequest& request = transfer.request;
   if (auto reason = malformedRequestReason(request)) {
-    return transportError(kErrorBadRequest, *reason, request.url);
+    return transportError(HTTPSession::kErrorBadRequest, *reason, request.url);
   }
   if (!unusable.empty()) {
-    return transportError(kErrorClientUnusable, unusable, request.url);
+    return transportError(HTTPSession::kErrorClientUnusable, unusable, request.url);
   }
   if (auto error = takeHandle(transfer)) {
     return error;
@@ -508,7 +510,7 @@ std::optional<KQError> HTTPSession::Impl::configure(Transfer& transfer) {
   return std::nullopt;
 }
 
-void HTTPSession::Impl::startTransfers(std::vector<std::unique_ptr<Transfer>>& transfers) {
+void detail::HTTPSessionImpl::startTransfers(std::vector<std::unique_ptr<Transfer>>& transfers) {
   const auto now = transfers.empty() ? Clock::TimePoint() : Clock::shared()->now();
   for (auto& transfer : transfers) {
     transfer->lastActivity = now;
@@ -520,14 +522,14 @@ void HTTPSession::Impl::startTransfers(std::vector<std::unique_ptr<Transfer>>& t
     if (const CURLMcode code = curl_multi_add_handle(multi.get(), easy); code != CURLM_OK) {
       const std::string url = transfer->request.url;
       finish(std::move(transfer),
-             transportError(kErrorClientUnusable, curl_multi_strerror(code), url));
+             transportError(HTTPSession::kErrorClientUnusable, curl_multi_strerror(code), url));
       continue;
     }
     active.emplace(easy, std::move(transfer));
   }
 }
 
-void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
+void detail::HTTPSessionImpl::finish(CURL* easy, CURLcode result) {
   const auto found = active.find(easy);
   if (found == active.end()) {
     return;
@@ -577,14 +579,15 @@ void HTTPSession::Impl::finish(CURL* easy, CURLcode result) {
   recycle(std::move(transfer->easy));
 }
 
-void HTTPSession::Impl::finish(std::unique_ptr<Transfer> transfer, std::optional<KQError> error) {
+void detail::HTTPSessionImpl::finish(std::unique_ptr<Transfer> transfer,
+                                     std::optional<KQError> error) {
   auto completion = std::move(transfer->completion);
   recycle(std::move(transfer->easy));  // the easy handle goes back before the caller hears
   transfer.reset();
   completion(std::nullopt, std::nullopt, std::move(error));
 }
 
-void HTTPSession::Impl::cancel(const std::vector<TaskIdentifier>& identifiers) {
+void detail::HTTPSessionImpl::cancel(const std::vector<TaskIdentifier>& identifiers) {
   for (const TaskIdentifier identifier : identifiers) {
     const auto found = std::find_if(active.begin(), active.end(), [&](const auto& entry) {
       return entry.second->identifier == identifier;
@@ -592,13 +595,13 @@ void HTTPSession::Impl::cancel(const std::vector<TaskIdentifier>& identifiers) {
     if (found == active.end()) {
       continue;
     }
-    found->second->abortError =
-        transportError(kErrorCancelled, "The task was cancelled.", found->second->request.url);
+    found->second->abortError = transportError(
+        HTTPSession::kErrorCancelled, "The task was cancelled.", found->second->request.url);
     finish(found->first, CURLE_ABORTED_BY_CALLBACK);
   }
 }
 
-int HTTPSession::Impl::expireIdleTransfers() {
+int detail::HTTPSessionImpl::expireIdleTransfers() {
   // Fails the transfers that have been idle past their time-out; answers how long until the
   // next one would (INT_MAX when none is running).
   if (active.empty()) {
@@ -622,7 +625,7 @@ int HTTPSession::Impl::expireIdleTransfers() {
   for (CURL* easy : expired) {
     Transfer& transfer = *active.at(easy);
     transfer.abortError =
-        transportError(kErrorTimedOut,
+        transportError(HTTPSession::kErrorTimedOut,
                        "The request timed out: nothing was sent or received for " +
                            std::to_string(transfer.request.timeoutInterval.count()) + " ms.",
                        transfer.request.url);
@@ -635,7 +638,7 @@ int HTTPSession::Impl::expireIdleTransfers() {
   return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, INT_MAX));
 }
 
-void HTTPSession::Impl::wake() {
+void detail::HTTPSessionImpl::wake() {
   // Only the way the thread sleeps needs waking: a wake-up of libcurl's poll costs a write and
   // two reads on its socket pair, so a thread that waits on the condition is not sent one.
   bool inPoll = false;
@@ -650,20 +653,20 @@ void HTTPSession::Impl::wake() {
   }
 }
 
-void HTTPSession::Impl::failActive(const std::string& what, CURLMcode code) {
+void detail::HTTPSessionImpl::failActive(const std::string& what, CURLMcode code) {
   // libcurl's loop itself failed: the running transfers cannot go on. Later tasks try again.
   log("HTTPSession: libcurl failed while ", what, ": ", curl_multi_strerror(code));
   while (!active.empty()) {
     Transfer& transfer = *active.begin()->second;
     transfer.abortError = transportError(
-        kErrorClientUnusable,
+        HTTPSession::kErrorClientUnusable,
         "The HTTP client failed while " + what + ": " + curl_multi_strerror(code) + ".",
         transfer.request.url);
     finish(active.begin()->first, CURLE_FAILED_INIT);
   }
 }
 
-void HTTPSession::Impl::threadMain() {
+void detail::HTTPSessionImpl::threadMain() {
   threadId = std::this_thread::get_id();
   // Kept across turns, and swapped with the queue, so that a turn allocates nothing for them.
   std::vector<std::unique_ptr<Transfer>> arrived;
@@ -741,12 +744,14 @@ void HTTPSession::Impl::threadMain() {
     for (auto& transfer : arrived) {
       const std::string url = transfer->request.url;
       finish(std::move(transfer),
-             transportError(kErrorCancelled, "The session was closed before the task ended.", url));
+             transportError(HTTPSession::kErrorCancelled,
+                            "The session was closed before the task ended.", url));
     }
     while (!active.empty()) {
       Transfer& transfer = *active.begin()->second;
-      transfer.abortError = transportError(
-          kErrorCancelled, "The session was closed before the task ended.", transfer.request.url);
+      transfer.abortError =
+          transportError(HTTPSession::kErrorCancelled,
+                         "The session was closed before the task ended.", transfer.request.url);
       finish(active.begin()->first, CURLE_ABORTED_BY_CALLBACK);
     }
   }
@@ -813,10 +818,10 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
     // completes, off the caller's stack.
     OwnedThread::runAlone(
         impl_->configuration.label, [transfer = std::shared_ptr<Transfer>(std::move(dropped))] {
-          transfer->completion(
-              std::nullopt, std::nullopt,
-              transportError(kErrorCancelled, "The session was closed before the task ended.",
-                             transfer->request.url));
+          transfer->completion(std::nullopt, std::nullopt,
+                               transportError(HTTPSession::kErrorCancelled,
+                                              "The session was closed before the task ended.",
+                                              transfer->request.url));
         });
     return identifier;
   }

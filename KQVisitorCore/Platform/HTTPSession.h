@@ -28,6 +28,10 @@ namespace kq {
 ///
 /// Thread-safe: tasks may be started from any thread, also from inside a completion.
 ///
+namespace detail {
+struct HTTPSessionImpl;  // the session's state, private to HTTPSession.cpp
+}  // namespace detail
+
 /// A request fails with kErrorTimedOut once nothing has been sent or received for its
 /// timeoutInterval, measured on Clock::shared().
 class KQ_EXPORT HTTPSession {
@@ -112,10 +116,8 @@ class KQ_EXPORT HTTPSession {
   /// True on the session's thread, where completions run.
   [[nodiscard]] bool isCurrent() const;
 
-  /// The session's state, private to HTTPSession.cpp.
-  struct Impl;
-
  private:
+  using Impl = detail::HTTPSessionImpl;
   explicit HTTPSession(std::shared_ptr<Impl> impl);
   std::shared_ptr<Impl> impl_;
 };

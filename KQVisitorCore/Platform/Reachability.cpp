@@ -2,7 +2,7 @@
 
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
-#include <KQVisitorCore/Platform/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/OwnedThread.h>
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -130,11 +130,13 @@ struct Notifier {
   FileDescriptor notifications;
   FileDescriptor wake;
   OwnedThread thread;
-  bool stopped = false;  // guarded by Reachability::Impl::mutex
+  bool stopped = false;  // guarded by detail::ReachabilityImpl::mutex
 };
 
-struct Reachability::Impl {
-  Impl(std::string destination, bool reportsFirstStatus)
+struct detail::ReachabilityImpl {
+  using NetworkReachable = Reachability::NetworkReachable;
+  using NetworkUnreachable = Reachability::NetworkUnreachable;
+  ReachabilityImpl(std::string destination, bool reportsFirstStatus)
       : host(std::move(destination)), reportsInitialStatus(reportsFirstStatus) {}
 
   void run(const std::shared_ptr<Notifier>& current, std::optional<NetworkStatus> initial);
@@ -150,7 +152,7 @@ struct Reachability::Impl {
   std::shared_ptr<Notifier> notifier;  // guarded by mutex
 };
 
-void Reachability::Impl::deliver(const Notifier& current, NetworkStatus status) {
+void detail::ReachabilityImpl::deliver(const Notifier& current, NetworkStatus status) {
   std::function<void(Reachability&)> block;
   Reachability* target = nullptr;
   {
@@ -167,8 +169,8 @@ void Reachability::Impl::deliver(const Notifier& current, NetworkStatus status) 
   }
 }
 
-void Reachability::Impl::run(const std::shared_ptr<Notifier>& current,
-                             std::optional<NetworkStatus> initial) {
+void detail::ReachabilityImpl::run(const std::shared_ptr<Notifier>& current,
+                                   std::optional<NetworkStatus> initial) {
   NetworkStatus status = initial ? *initial : routeStatus(host);
   if (reportsInitialStatus) {
     deliver(*current, status);

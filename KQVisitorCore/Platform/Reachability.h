@@ -23,6 +23,10 @@ enum class NetworkStatus : int {
 /// notifications (links, addresses and routes coming and going), on a thread of the object's
 /// own that sleeps until the kernel reports something: nothing is polled.
 ///
+namespace detail {
+struct ReachabilityImpl;  // the reachability's state, private to Reachability.cpp
+}  // namespace detail
+
 /// Thread-safe. Objects are shared (the watcher of a chat start is kept alive by the listener
 /// that holds it); destroying one stops its notifier.
 class KQ_EXPORT Reachability {
@@ -74,10 +78,8 @@ class KQ_EXPORT Reachability {
     return currentReachabilityStatus() != NetworkStatus::NotReachable;
   }
 
-  /// The object's state, private to Reachability.cpp.
-  struct Impl;
-
  private:
+  using Impl = detail::ReachabilityImpl;
   explicit Reachability(std::shared_ptr<Impl> impl);
   std::shared_ptr<Impl> impl_;
 };

@@ -6,11 +6,11 @@
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>

@@ -6,12 +6,12 @@
 #include <KQVisitorCore/Platform/DateJSON.h>
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/HTTPSession.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Localization.h>
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>
 

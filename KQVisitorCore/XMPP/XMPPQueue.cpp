@@ -1,7 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 
-#include <KQVisitorCore/Platform/OwnedThread.h>
-#include <KQVisitorCore/Platform/TimedTasks.h>
+#include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/TimedTasks.h>
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>

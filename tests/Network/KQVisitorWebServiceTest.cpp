@@ -1,5 +1,5 @@
 #include <KQVisitorCore/Network/KQVisitorWebService.h>
-#include <KQVisitorCore/Network/WebServiceText.h>
+#include <KQVisitorCore/Network/detail/WebServiceText.h>
 
 #include "tests/support/WebServiceFixture.h"
 

@@ -1,4 +1,5 @@
-# Installs the build into a staging prefix, runs the installed programs, then builds and runs
+# Installs the build into a staging prefix, compiles each installed header alone, runs the
+# installed programs, then builds and runs
 # examples/hello against it, once through find_package(KQVisitorCore) and once through
 # pkg-config.
 set(stage ${BINARY_DIR}/stage)
@@ -14,6 +15,20 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${stage})
+
+# Each installed header compiles alone against the installed tree: none leans on what another
+# includes, or on an internal header that is not installed.
+file(GLOB_RECURSE headers RELATIVE ${stage}/include ${stage}/include/KQVisitorCore/*.h)
+list(JOIN headers "\n" list)
+file(WRITE ${work}/headers.txt "${list}\n")
+file(WRITE ${work}/alone.sh [=[
+echo "#include <$2>" | c++ -std=c++20 -fsyntax-only -x c++ -I"$1" - ||
+  { echo "$2 does not compile alone"; exit 255; }
+]=])
+cmake_host_system_information(RESULT cores QUERY NUMBER_OF_LOGICAL_CORES)
+run(xargs -P ${cores} -n 1 -a ${work}/headers.txt sh ${work}/alone.sh ${stage}/include)
+list(LENGTH headers count)
+message(STATUS "each of the ${count} installed headers compiles alone")
 
 # The installed programs run from the prefix, finding the installed library on their own.
 unset(ENV{LD_LIBRARY_PATH})

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <KQVisitorCore/Platform/ManualClock.h>
+#include <KQVisitorCore/Platform/detail/ManualClock.h>
 
 #include <memory>
 

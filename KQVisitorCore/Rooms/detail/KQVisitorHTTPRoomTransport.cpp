@@ -5,10 +5,10 @@
 #include <KQVisitorCore/Platform/DateJSON.h>
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Foundation.h>
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
 #include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 
 #include <utility>

@@ -1,4 +1,4 @@
-#include <KQVisitorCore/Network/WebServiceText.h>
+#include <KQVisitorCore/Network/detail/WebServiceText.h>
 
 #include <KQVisitorCore/Platform/Foundation.h>
 

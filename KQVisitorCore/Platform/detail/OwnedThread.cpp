@@ -1,4 +1,4 @@
-#include <KQVisitorCore/Platform/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/OwnedThread.h>
 
 #include <pthread.h>
 
