@@ -1,9 +1,8 @@
 #include "OperatorAgent.h"
 
+#include "ChatPacket.h"
+
 #include <KQVisitorCore/Platform/DispatchQueue.h>
-#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
-#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
-#include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
@@ -56,14 +55,18 @@ void OperatorAgent::stop() {
 bool OperatorAgent::say(const std::string& chatId, const std::string& text) {
   for (auto& [jid, chat] : chats_) {
     if (chat.id == chatId && chat.joined) {
-      kq::sendKQVisitorMessage(chat.room, text, person_.id, chat.websiteId, person_.id,
-                               person_.name, chat.id);
+      send(chat, text);
       store_.addMessage(chat.id, "operator", text);
       log_("chat " + chat.id + ": " + person_.name + ": " + text);
       return true;
     }
   }
   return false;
+}
+
+void OperatorAgent::send(const Chat& chat, const std::string& text) {
+  stream_->sendElement(ChatPacket::operatorLine(
+      chat.room->roomJID(), text, {person_.id, person_.name, chat.websiteId, chat.id}));
 }
 
 void OperatorAgent::xmppStreamDidConnect(XMPPStream& sender) {
@@ -96,24 +99,24 @@ void OperatorAgent::xmppStreamDidDisconnect(XMPPStream& /*sender*/,
 
 void OperatorAgent::xmppStreamDidReceiveMessage(XMPPStream& /*sender*/,
                                                 const kq::xmpp::XMPPMessage& message) {
-  const auto x = message.elementForName("x", kq::xmpp::kXMPPMUCUserNamespace);
+  const auto invitation = ChatPacket::invitation(message);
   const auto roomJID = message.from();
-  if (!x || !x->elementForName("invite") || !roomJID) {
+  if (!invitation || !roomJID) {
     return;
   }
   const std::string key = roomJID->bare();
   auto [entry, isNew] = chats_.try_emplace(key);
   Chat& chat = entry->second;
   if (isNew) {
-    chat.id = kq::chatId(message).value_or("");
-    chat.websiteId = kq::websiteId(message).value_or("");
+    chat.id = invitation->chatId;
+    chat.websiteId = invitation->websiteId;
     chat.room = std::make_shared<kq::xmpp::XMPPRoom>(
         kq::xmpp::XMPPRoomMemoryStorage::sharedInstance(), *kq::xmpp::XMPPJID::jidWithString(key),
         kq::DispatchQueue::main());
     chat.room->activate(stream_);
     chat.room->addDelegate(shared_from_this(), kq::DispatchQueue::main());
     log_("operator " + person_.name + " invited to chat " + chat.id + " by visitor " +
-         kq::visitorName(message).value_or("?"));
+         invitation->visitorName);
   }
   if (!chat.joined) {
     join(chat, !isNew);
@@ -152,11 +155,11 @@ void OperatorAgent::xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& sender,
                                               const kq::xmpp::XMPPJID& /*occupantJID*/) {
   Chat* chat = chatOfRoom(sender);
   // Only the visitor's chat packets: ours come back from the room too.
-  if (chat == nullptr || kq::managerId(message) != "0" || kq::isErrorMessage(message) ||
-      kq::ignoreMessage(message)) {
+  const auto line = ChatPacket::visitorLine(message);
+  if (chat == nullptr || !line) {
     return;
   }
-  const std::string text = kq::kqChatMessage(message);
+  const std::string& text = *line;
   if (text == OperatorScript::kEndText) {
     store_.endChat(chat->id);
     log_("chat " + chat->id + " ended by the visitor");
@@ -167,8 +170,7 @@ void OperatorAgent::xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& sender,
   const auto chatId = chat->id;
   for (const auto& answer : script_.answersTo(store_.messageCount(chatId, "visitor"))) {
     if (answer == OperatorScript::kEndText) {
-      kq::sendKQVisitorMessage(chat->room, answer, person_.id, chat->websiteId, person_.id,
-                               person_.name, chat->id);
+      send(*chat, answer);
       store_.endChat(chatId);
       log_("chat " + chatId + " ended by the operator");
     } else {

@@ -64,6 +64,8 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
     bool joined = false;
   };
   void join(Chat& chat, bool again);
+  // The operator's line `text` into the chat's room.
+  void send(const Chat& chat, const std::string& text);
   Chat* chatOfRoom(const kq::xmpp::XMPPRoom& room);
 
   SandboxOperator person_;

@@ -1,7 +1,5 @@
 #include "SandboxServer.h"
 
-#include <KQVisitorCore/Network/KQVisitorWebService.h>
-
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
@@ -16,7 +14,6 @@ namespace kqsandbox {
 namespace {
 
 using Json = nlohmann::ordered_json;
-using kq::KQVisitorWebService;
 
 // The service's habits: a document serialised into a JSON string, and plain quoted strings.
 std::string stringEncoded(const Json& document) {
@@ -277,9 +274,9 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
     const int yes = 1;
     setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
-  const std::string services = R"(^(?:)" +
-                               std::string(KQVisitorWebService::kProductionServicePath) + "|" +
-                               std::string(KQVisitorWebService::kBetaServicePath) + R"()(\w+)$)";
+  // The operation is the last segment of the path, under either chat service.
+  const std::string services =
+      R"(^/(?:VisitorServiceXMPPSSL|VisitorService_Mobile)/ChatService\.svc/(\w+)$)";
   server.Get(services, [impl](const httplib::Request& request, httplib::Response& response) {
     impl->json(request.matches[1], request.params, response);
   });
@@ -293,14 +290,14 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
     }
     impl->json(request.matches[1], parameters, response);
   });
-  server.Post(std::string(KQVisitorWebService::kManagementServicePath),
+  server.Post("/ManagementService/ManagementService.asmx",
               [impl](const httplib::Request& request, httplib::Response& response) {
                 impl->reply(response, impl->soap(request), "text/xml; charset=utf-8");
                 impl->log("POST SOAP " + request.get_header_value("SOAPAction") + " -> " +
                           std::to_string(response.status));
               });
   server.Post(
-      std::string(KQVisitorWebService::kUploadServicePath),
+      "/FileUploader/api/FileUploader/FileTransfer3_5_OP",
       [impl](const httplib::Request& request, httplib::Response& response) {
         impl->reply(response, impl->upload(request), "application/json; charset=utf-8");
         impl->log("POST upload -> " + std::to_string(response.status) + " " + response.body);
