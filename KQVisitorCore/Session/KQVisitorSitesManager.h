@@ -94,14 +94,16 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   /// it ("InsGrtInfo") and answers (nullopt, {"websiteID": ...}). When the chat is already open
   /// on the server ("I_AIC" 1) the room takes the chat id and, 5 s later on the main queue, is
   /// joined over XMPP, or over HTTP (the web service's isHTTPClient then) starts polling.
-  /// `visitor` is the seven-key record of visitorPanelWithResult.
+  /// `visitor` is the seven-key record of visitorPanelWithResult. `result` is called once, on
+  /// the web service's thread.
   void chatPreLan(const nlohmann::ordered_json& visitor, Result result);
 
   /// Starts the current room's chat with the visitor's opening `message` (nullopt: a fixed
   /// connection-state text). A room that has a chat id goes straight to startChatWithChatId();
   /// otherwise the chat is registered ("InsertCInfoM", or "InsertCInfoMwithSurvey" when the
   /// visitor gave a name, an email or a phone) and its answer's first element is the chat id.
-  /// A failed registration answers "Network" (400, status 3). Without a current room nothing
+  /// A failed registration answers "Network" (400, status 3) on the web service's thread; the
+  /// other answers come as startChatWithChatId() gives them. Without a current room nothing
   /// happens and `callback` is never called.
   ///
   /// With a chat already open over XMPP ("I_AIC" 1), a call made after the 5 s join has joined
@@ -159,10 +161,12 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   void sendHTTPMessage(const std::string& text, MessageCallback callback);
   /// "GetChatMessagesAlt" with the room's httpMessageId: an answer [text, id] with a text moves
   /// the cursor to id and appends the operator's message of type 4; an empty text (or an
-  /// answer of another shape) is kNoMessageRecieved and leaves the cursor.
+  /// answer of another shape) is kNoMessageRecieved and leaves the cursor. `callback` runs on
+  /// the web service's thread.
   void getHTTPMessage(MessageCallback callback);
   /// "ET" with the chat id and the end time; kCannotInsertMessage without a chat id (nothing
-  /// is sent) or on an empty answer.
+  /// is sent, and `callback` runs at once on the calling thread) or on an empty answer;
+  /// otherwise `callback` runs on the web service's thread.
   void closeHTTPSession(MessageCallback callback);
   /// Ends the session's chat: the current room stops being current, then leaves HTTP polling,
   /// asks for its destruction and forgets its messages. The argument is not used.

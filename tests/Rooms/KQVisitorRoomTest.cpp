@@ -103,25 +103,6 @@ class KQVisitorRoomTest : public ::testing::Test {
           });
 };
 
-TEST_F(KQVisitorRoomTest, ANewRoomHasItsDefaultsAndDelayedAlwaysReadsFalse) {
-  const auto fresh = std::make_shared<KQVisitorRoom>();
-  EXPECT_TRUE(fresh->isRoomEnabled());
-  EXPECT_EQ(fresh->tmpRoomMessage(), "");
-  EXPECT_EQ(fresh->httpMessageId(), "0");
-  EXPECT_FALSE(fresh->isRoomExist());
-  EXPECT_TRUE(fresh->messages().empty());
-  EXPECT_TRUE(fresh->roomOcuupants().empty());
-  EXPECT_TRUE(fresh->isHttpRoom());
-  EXPECT_FALSE(fresh->isConnected());
-  fresh->setIsDelayed(true);
-  EXPECT_FALSE(fresh->isDelayed());
-  // Nothing to address without an XMPPRoom, and no status without a room id.
-  fresh->connect();
-  fresh->closeStream();
-  fresh->destroyRoom();
-  EXPECT_TRUE(fresh->roomUpdatesCallback().empty());
-}
-
 TEST_F(KQVisitorRoomTest, CallbacksAreKeptOnceAndALateChangeCountsFromTheNextUpdate) {
   room->addRoomUpdatesCallBack(recorder);  // the same object again
   int lateCalls = 0;
