@@ -59,6 +59,16 @@ nlohmann::ordered_json jsonValue(const std::optional<std::string>& value) {
   return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json();
 }
 
+std::optional<std::string> textValue(const nlohmann::ordered_json& value) {
+  if (value.is_string()) {
+    return value.get<std::string>();
+  }
+  if (value.is_number()) {
+    return value.dump();
+  }
+  return std::nullopt;
+}
+
 bool boolValue(const nlohmann::ordered_json& value) {
   if (value.is_boolean()) {
     return value.get<bool>();

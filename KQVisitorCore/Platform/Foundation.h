@@ -31,6 +31,10 @@ KQ_EXPORT std::int32_t intValue(std::string_view text);
 /// platform's text for a missing object).
 KQ_EXPORT nlohmann::ordered_json jsonValue(const std::optional<std::string>& value);
 
+/// The text of a service's answer field: a string as it is, a number written out, nullopt for
+/// anything else.
+KQ_EXPORT std::optional<std::string> textValue(const nlohmann::ordered_json& value);
+
 /// A value read as Foundation's `boolValue` reads it: a boolean as it is, a number when not 0,
 /// a string when its first non-blank character is "Y", "y", "T", "t" or a digit 1 to 9; false
 /// for anything else.

@@ -39,16 +39,6 @@ std::shared_ptr<KQVisitorRoom> sharedCurrentRoom() {
   return KQVisitorXMPPClient::instance().sitesManager()->getCurrentRoom();
 }
 
-std::optional<std::string> textOf(const nlohmann::ordered_json& value) {
-  if (value.is_string()) {
-    return value.get<std::string>();
-  }
-  if (value.is_number()) {
-    return value.dump();
-  }
-  return std::nullopt;
-}
-
 using Json = nlohmann::ordered_json;
 using namespace std::chrono_literals;
 
@@ -62,7 +52,7 @@ constexpr const char* kNoOpeningMessage =
 // The value under `key` of an object answer, as text (numbers written out); nullopt when the
 // answer is not an object or lacks it.
 std::optional<std::string> field(const Json& answer, const char* key) {
-  return answer.is_object() && answer.contains(key) ? textOf(answer[key]) : std::nullopt;
+  return answer.is_object() && answer.contains(key) ? textValue(answer[key]) : std::nullopt;
 }
 
 // The one rule for transport failures of the session flow: the error keeps its domain and code,
@@ -486,7 +476,7 @@ void KQVisitorSitesManager::startChat(const std::optional<std::string>& message,
       parameters, service,
       [self, shared](std::nullptr_t, const Json& answer) {
         self->startChatWithChatId(
-            answer.is_array() && !answer.empty() ? textOf(answer[0]) : std::nullopt, *shared);
+            answer.is_array() && !answer.empty() ? textValue(answer[0]) : std::nullopt, *shared);
       },
       [shared](std::nullptr_t, const KQError& /*error*/) {
         (*shared)(KQError::withStatus("Network", 400, 3), nullptr, false);

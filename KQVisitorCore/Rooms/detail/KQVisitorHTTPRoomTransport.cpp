@@ -24,16 +24,6 @@ KQError httpError(const char* text) {
   return KQError{text, KQVisitorRoom::kHTTPErrorCode, nullptr};
 }
 
-std::optional<std::string> textOf(const Json& value) {
-  if (value.is_string()) {
-    return value.get<std::string>();
-  }
-  if (value.is_number()) {
-    return value.dump();
-  }
-  return std::nullopt;
-}
-
 // Runs one "GET" operation of the chat service; a transport error reaches `callback` unchanged.
 void request(const Json& parameters, const char* service,
              const std::shared_ptr<KQVisitorHTTPRoomTransport::MessageCallback>& callback,
@@ -161,7 +151,7 @@ void KQVisitorHTTPRoomTransport::fetchMessage(const std::shared_ptr<KQVisitorRoo
   request(parameters, "GetChatMessagesAlt", shared, [shared, room](const Json& answer) {
     // An answer of another shape than [text, id] counts as no message.
     const std::optional<std::string> text =
-        answer.is_array() && !answer.empty() ? textOf(answer[0]) : std::nullopt;
+        answer.is_array() && !answer.empty() ? textValue(answer[0]) : std::nullopt;
     if (!text || text->empty()) {
       (*shared)(httpError(KQVisitorRoom::kNoMessageRecieved), nullptr);
       return;
@@ -177,7 +167,7 @@ void KQVisitorHTTPRoomTransport::fetchMessage(const std::shared_ptr<KQVisitorRoo
     if (room) {
       // An answer without the next id keeps the cursor: going back would hand out again what
       // the visitor has seen.
-      if (auto next = answer.size() > 1 ? textOf(answer[1]) : std::nullopt) {
+      if (auto next = answer.size() > 1 ? textValue(answer[1]) : std::nullopt) {
         room->setHttpMessageId(std::move(next));
       }
       room->receiveHTTPLine(line);
