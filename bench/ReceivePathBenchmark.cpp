@@ -13,7 +13,7 @@
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include <arpa/inet.h>
 #include <libxml/SAX2.h>

@@ -7,7 +7,7 @@
 #include "fuzz/FuzzCheck.h"
 
 #include <KQVisitorCore/XMPP/XMPPElement.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 
 #include <KQVisitorCore/Platform/Foundation.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include <libxml/tree.h>
 #include <libxml/xpath.h>

@@ -1,6 +1,6 @@
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 
 #include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>

@@ -1,6 +1,6 @@
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>

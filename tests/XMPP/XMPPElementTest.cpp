@@ -3,7 +3,7 @@
 #include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>

@@ -1,4 +1,4 @@
-#include <KQVisitorCore/XMPP/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,9 @@
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
-#include <KQVisitorCore/XMPP/XMPPParser.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPParser.h>
 
 #include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/ManualClockScope.h"

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/Clock.h>
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamSettings.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamTimers.h>

@@ -3,7 +3,7 @@
 #include <KQVisitorCore/Platform/KQError.h>
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPTLSSettings.h>
-#include <KQVisitorCore/XMPP/XMPPTransport.h>
+#include <KQVisitorCore/XMPP/detail/XMPPTransport.h>
 
 #include <asio/ip/tcp.hpp>
 

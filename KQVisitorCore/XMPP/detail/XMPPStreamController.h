@@ -1,13 +1,13 @@
 #pragma once
 
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/KQError.h>
-#include <KQVisitorCore/XMPP/XMPPDelegateList.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
+#include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/detail/XMPPIQTracker.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamConnection.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamNegotiation.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <KQVisitorCore/Platform/Guarded.h>
 #include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamSettings.h>

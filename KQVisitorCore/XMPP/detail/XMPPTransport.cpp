@@ -1,4 +1,4 @@
-#include <KQVisitorCore/XMPP/XMPPTransport.h>
+#include <KQVisitorCore/XMPP/detail/XMPPTransport.h>
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
