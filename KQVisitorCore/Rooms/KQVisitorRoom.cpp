@@ -17,7 +17,6 @@
 #include <KQVisitorCore/Rooms/detail/KQVisitorXMPPRoomTransport.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
-#include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include <algorithm>
 #include <string_view>

@@ -205,10 +205,10 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// The active modules, in order of activation (read on the stream's queue, waited for).
   [[nodiscard]] std::vector<std::shared_ptr<XMPPModule>> registeredModules() const;
 
-  /// The stream's state and connection; private to XMPPStream.cpp.
-  struct Impl;
-
  private:
+  // The stream's settings, state, delegates and modules, and the controller of its work on its
+  // queue; private to XMPPStream.cpp.
+  struct Impl;
   friend class XMPPModule;
   XMPPStream();
   void registerModule(const std::shared_ptr<XMPPModule>& module);
