@@ -1,7 +1,5 @@
 #include <KQVisitorCore/Model/KQVisitorMessage.h>
 
-#include <KQVisitorCore/Network/KQVisitorWebService.h>
-
 namespace kq {
 
 std::optional<std::string> KQVisitorMessage::message() const {
@@ -52,11 +50,6 @@ std::int64_t KQVisitorMessage::messageType() const {
 void KQVisitorMessage::setMessageType(std::int64_t messageType) {
   std::scoped_lock lock(mutex_);
   messageType_ = messageType;
-}
-
-bool KQVisitorMessage::isMessageByCurrentUser() const {
-  const auto writer = sender();
-  return writer != nullptr && writer == KQVisitorWebService::sharedInstance().currentUser();
 }
 
 }  // namespace kq

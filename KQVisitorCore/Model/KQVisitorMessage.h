@@ -39,6 +39,8 @@ class KQ_EXPORT KQVisitorMessage {
 
   /// True when the sender is the very user object that is the web service's current user; a
   /// different user object with the same fields does not count, nor does an absent sender.
+  /// (Defined beside the web service, which holds the current user: a record reaches nothing
+  /// above it.)
   [[nodiscard]] bool isMessageByCurrentUser() const;
 
  private:

@@ -1,7 +1,5 @@
 #include <KQVisitorCore/Model/KQVisitorSite.h>
 
-#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
-
 namespace kq {
 
 std::optional<std::string> KQVisitorSite::siteId() const {
@@ -55,18 +53,6 @@ std::shared_ptr<KQVisitorRoomTable> KQVisitorSite::rooms() {
 void KQVisitorSite::setRooms(std::shared_ptr<KQVisitorRoomTable> rooms) {
   std::scoped_lock lock(mutex_);
   rooms_ = std::move(rooms);
-}
-
-void KQVisitorSite::joinAllRoom() {
-  for (const auto& [key, room] : rooms()->snapshot()) {
-    room->connect();
-  }
-}
-
-void KQVisitorSite::closeAllRooms() {
-  for (const auto& [key, room] : rooms()->snapshot()) {
-    room->closeRoom();
-  }
 }
 
 }  // namespace kq

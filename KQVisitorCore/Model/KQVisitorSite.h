@@ -41,6 +41,7 @@ class KQ_EXPORT KQVisitorSite {
   /// Closes every room of the table. Closing a room empties its site's table, so the walk goes
   /// over the rooms the table held when it began.
   void closeAllRooms();
+  // (These two are defined beside the rooms they act on: a record reaches nothing above it.)
 
  private:
   mutable std::mutex mutex_;

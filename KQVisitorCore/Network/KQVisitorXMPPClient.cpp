@@ -8,7 +8,6 @@
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/Platform/detail/Guarded.h>
-#include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilities.h>
@@ -109,7 +108,7 @@ void KQVisitorXMPPClient::initSingleton() {
 std::shared_ptr<KQVisitorSitesManager> KQVisitorXMPPClient::sitesManager() {
   return state_->with([](State& state) {
     if (!state.sitesManager) {
-      state.sitesManager = std::make_shared<KQVisitorSitesManager>();
+      state.sitesManager = makeSitesManager();
     }
     return state.sitesManager;
   });
@@ -123,8 +122,6 @@ void KQVisitorXMPPClient::setSitesManager(std::shared_ptr<KQVisitorSitesManager>
 
 namespace {
 
-// The XMPP domain under which the service knows its users and rooms; never resolved.
-constexpr std::string_view kXMPPDomain = "localhost";
 constexpr std::string_view kResource = "TellioiPhone";
 
 // Reports a programming error as the platform's assertion handler would, then throws.
@@ -270,7 +267,7 @@ void KQVisitorXMPPClient::goOnline() {
     stream->sendElement(xmpp::XMPPPresence());
   }
   // After a reconnect the current room joins again.
-  sitesManager()->joinAllOperatorRooms();
+  rejoinSessionRooms();
 }
 
 // NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
@@ -281,7 +278,7 @@ void KQVisitorXMPPClient::goOffline() {
 }
 
 void KQVisitorXMPPClient::disconnect() {
-  sitesManager()->closeAllOperatorRooms();
+  closeSessionRooms();
   goOffline();
   if (const auto stream = xmppStream()) {
     stream->disconnect();
@@ -534,103 +531,6 @@ void KQVisitorXMPPClient::setTimerForQAScreen(std::shared_ptr<Timer> value) {
 }
 
 // --- Rooms, invitations and notifications -------------------------------------------------
-
-void KQVisitorXMPPClient::createXmpproomwithwebsiteID(
-    const std::optional<std::string>& /*websiteID*/, const std::optional<std::string>& /*chatId*/,
-    const std::shared_ptr<KQVisitorUser>& description, const std::optional<std::string>& operatorId,
-    const std::optional<std::string>& forGreeting, const std::shared_ptr<KQVisitorUser>& forUser) {
-  const auto manager = sitesManager();
-  auto room = manager->getCurrentRoom();
-  if (!room) {
-    room = std::make_shared<KQVisitorRoom>();
-  }
-  room->setUnreadMessagesCount(room->unreadMessagesCount() + 1);
-  room->setOperatorId(operatorId);
-  room->setOperatorName(forUser ? forUser->username() : std::nullopt);
-  room->setGreetingMessage(forGreeting);
-  for (const auto& user : {description, forUser}) {
-    if (user) {
-      room->addRoomOcuupant(describe(user->userId()), user);
-    }
-  }
-  const auto website = manager->kqWebsite();
-  room->setSite(website);
-  if (website) {
-    website->rooms()->setObject(room, "currentRoom");
-  }
-}
-
-std::shared_ptr<KQVisitorRoom> KQVisitorXMPPClient::joinXmpproomwitChatID(
-    const std::optional<std::string>& chatId) {
-  if (!chatId) {
-    return nullptr;
-  }
-  const auto manager = sitesManager();
-  const auto room = manager->getCurrentRoom();
-  if (room && room->isRoomJoined()) {
-    return room;
-  }
-  const auto roomJID =
-      xmpp::XMPPJID::jidWithString("room" + *chatId + "@conference." + std::string(kXMPPDomain));
-  if (!roomJID) {
-    log("KQVisitorXMPPClient: the chat id \"", *chatId, "\" makes no room address");
-    return nullptr;
-  }
-  auto xmppRoom = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
-                                                   *roomJID, DispatchQueue::main());
-  xmppRoom->activate(xmppStream());
-  // Accepts the server's defaults before the join; the room's creation asks again.
-  xmppRoom->configureRoomUsingOptions(std::nullopt);
-  if (!room) {
-    xmppRoom->deactivate();  // nobody would keep it
-    return nullptr;
-  }
-  if (const auto previous = room->xmppRoom()) {
-    previous->deactivate();
-  }
-  room->setXmppRoom(std::move(xmppRoom));
-  room->setRoomId(chatId);
-  room->addRoomDelegate(room);
-  room->addRoomDelegate(shared_from_this());
-  room->connect();
-  manager->joinRoom(room);
-  return room;
-}
-
-void KQVisitorXMPPClient::sendDefaultRoomConfig(const std::optional<std::string>& /*jid*/) {
-  const auto room = sitesManager()->getCurrentRoom();
-  if (!room) {
-    return;
-  }
-  if (const auto xmppRoom = room->xmppRoom()) {
-    xmppRoom->configureRoomUsingOptions(std::nullopt);
-  }
-  inviteUser();
-}
-
-void KQVisitorXMPPClient::inviteUser() {
-  const auto room = sitesManager()->getCurrentRoom();
-  if (!room) {
-    return;
-  }
-  room->inviteUser(
-      xmpp::XMPPJID::jidWithString(describe(room->operatorId()) + "@" + std::string(kXMPPDomain)),
-      room->getReasonPacket());
-}
-
-void KQVisitorXMPPClient::removeIdleRooms(const Notification& notification) {
-  const auto& info = notification.userInfo;
-  if (!info.is_object() || !info.contains("roomId") || info["roomId"].is_null()) {
-    throw std::invalid_argument("removeIdleRooms: the notification carries no \"roomId\"");
-  }
-  // "siteId" is read and not used: the room leaves the session's website, whichever it was.
-  const auto& roomId = info["roomId"];
-  if (const auto website = sitesManager()->kqWebsite()) {
-    website->rooms()->removeObjectForKey(roomId.is_string() ? roomId.get<std::string>()
-                                                            : roomId.dump());
-  }
-  NotificationCenter::defaultCenter().post("reloadData");
-}
 
 // NOLINTNEXTLINE(readability-make-member-function-const): acts on the connection it owns
 void KQVisitorXMPPClient::performLoacalNotification(bool notify) {

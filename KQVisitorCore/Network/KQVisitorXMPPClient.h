@@ -5,7 +5,6 @@
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/Platform/Notification.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
-#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
@@ -16,11 +15,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kq {
 
 class KQVisitorRoom;
+class KQVisitorSitesManager;
 class Reachability;
 class Timer;
 template <class T>
@@ -45,6 +46,11 @@ class XMPPvCardTempModule;
 /// the main queue: every event of the connection (and every object added with
 /// addStreamDelegate) is handled on the main queue's thread, which the host application runs.
 /// Its state may be read from any thread.
+///
+/// The client sits with the network clients, yet it hands out the session (sitesManager()) and
+/// makes and configures the session's rooms. Those calls are defined beside the session
+/// (KQVisitorXMPPClient+Session.cpp in Session/), so that this folder includes nothing above
+/// it; include KQVisitorSitesManager.h (or KQVisitorCore.h) to use what sitesManager() answers.
 class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisitorXMPPClient>,
                                       public xmpp::XMPPStreamDelegate,
                                       public xmpp::XMPPReconnectDelegate,
@@ -230,8 +236,16 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   void setReachability(std::shared_ptr<Reachability> reachability);
 
  private:
+  // The XMPP domain under which the service knows its users and rooms; never resolved.
+  static constexpr std::string_view kXMPPDomain = "localhost";
+
   KQVisitorXMPPClient();
   void initSingleton();
+  // What the connection asks of the session, defined beside it: a new, empty sites manager;
+  // the current room joins again (after a reconnect); the current room closes (a disconnect).
+  static std::shared_ptr<KQVisitorSitesManager> makeSitesManager();
+  void rejoinSessionRooms();
+  void closeSessionRooms();
 
   // Everything the accessors above read and write, private to KQVisitorXMPPClient.cpp, under
   // one lock.

@@ -15,7 +15,6 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorXMPPRoomTransport.h>
-#include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 
 #include <algorithm>
@@ -29,10 +28,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr Clock::Duration kIdleRemovalDelay = 4s;
-
-std::shared_ptr<KQVisitorSitesManager> sitesManager() {
-  return KQVisitorXMPPClient::instance().sitesManager();
-}
 
 std::optional<std::string> siteIdOf(const std::shared_ptr<KQVisitorSite>& site) {
   return site ? site->siteId() : std::nullopt;
@@ -369,15 +364,13 @@ void KQVisitorRoom::leaveAndRemoveDelegates() {
   removeRoomDelegate(this);
 }
 
-void KQVisitorRoom::closeRoom() {
-  const auto keepAlive = shared_from_this();  // the tables below may hold the last references
-  setIsRoomJoined(false);
+void KQVisitorRoom::stopHTTPPolling() {
   if (const auto poller = state_->get(&State::http)) {
     poller->leave();
   }
-  const auto manager = sitesManager();
-  manager->clearCurrentRoom();
-  manager->leaveRoom(keepAlive);
+}
+
+void KQVisitorRoom::leaveSite() {
   if (const auto owner = site()) {
     owner->rooms()->removeAllObjects();
   }
@@ -517,11 +510,6 @@ void KQVisitorRoom::recieveHTTPMessage() {
 
 void KQVisitorRoom::sendHTTPMessage(const std::string& text) {
   http()->send(text);
-}
-
-void KQVisitorRoom::leaveHTTPRoom() {
-  sitesManager()->closeHTTPSession([](auto, auto) {});
-  http()->leave();
 }
 
 void KQVisitorRoom::receiveHTTPLine(const std::shared_ptr<KQVisitorMessage>& line) {

@@ -188,7 +188,8 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void closeRoomSession();
   /// Not joined any more; HTTP polling stops; the sites manager forgets its current room and
   /// this room; the site's whole rooms table is emptied and the site forgotten; the room is left
-  /// and the client's and the room's delegates removed.
+  /// and the client's and the room's delegates removed. (Defined beside the sites manager it
+  /// tells, as is leaveHTTPRoom(): the rooms' folder includes nothing above it.)
   void closeRoom();
   /// Asks the server to destroy the room with the destroy notice (the room id in the user-id
   /// slot). The room changes only when the destruction comes back.
@@ -281,6 +282,10 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   // Polls as joinHTTPRoom() does, for the chat's start: nothing when the room polls already.
   void startPolling();
   void leaveAndRemoveDelegates();
+  // closeRoom() in parts: the HTTP poller stops; the site's table is emptied and the site
+  // forgotten, then the room is left and the delegates removed.
+  void stopHTTPPolling();
+  void leaveSite();
   // The HTTP transport, made at first use; it polls whenever asked, also beside an XMPP room.
   std::shared_ptr<KQVisitorHTTPRoomTransport> http();
   // The XMPP room's transport when there is one, otherwise the HTTP one.
