@@ -1,55 +1,59 @@
 #include <KQVisitorCore/Model/KQVisitorMessage.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
 namespace kq {
 
+struct KQVisitorMessage::State {
+  std::optional<std::string> message;
+  std::optional<std::string> managerId;
+  std::shared_ptr<KQVisitorUser> sender;
+  std::optional<Date> timeStamp;
+  std::int64_t messageType = 0;
+};
+
+KQVisitorMessage::KQVisitorMessage() : state_(std::make_unique<Guarded<State>>()) {}
+
+KQVisitorMessage::~KQVisitorMessage() = default;
+
 std::optional<std::string> KQVisitorMessage::message() const {
-  std::scoped_lock lock(mutex_);
-  return message_;
+  return state_->get(&State::message);
 }
 
 void KQVisitorMessage::setMessage(std::optional<std::string> message) {
-  std::scoped_lock lock(mutex_);
-  message_ = std::move(message);
+  state_->set(&State::message, std::move(message));
 }
 
 std::optional<std::string> KQVisitorMessage::managerId() const {
-  std::scoped_lock lock(mutex_);
-  return managerId_;
+  return state_->get(&State::managerId);
 }
 
 void KQVisitorMessage::setManagerId(std::optional<std::string> managerId) {
-  std::scoped_lock lock(mutex_);
-  managerId_ = std::move(managerId);
+  state_->set(&State::managerId, std::move(managerId));
 }
 
 std::shared_ptr<KQVisitorUser> KQVisitorMessage::sender() const {
-  std::scoped_lock lock(mutex_);
-  return sender_;
+  return state_->get(&State::sender);
 }
 
 void KQVisitorMessage::setSender(std::shared_ptr<KQVisitorUser> sender) {
-  std::scoped_lock lock(mutex_);
-  sender_ = std::move(sender);
+  state_->set(&State::sender, std::move(sender));
 }
 
 std::optional<Date> KQVisitorMessage::timeStamp() const {
-  std::scoped_lock lock(mutex_);
-  return timeStamp_;
+  return state_->get(&State::timeStamp);
 }
 
 void KQVisitorMessage::setTimeStamp(std::optional<Date> timeStamp) {
-  std::scoped_lock lock(mutex_);
-  timeStamp_ = timeStamp;
+  state_->set(&State::timeStamp, timeStamp);
 }
 
 std::int64_t KQVisitorMessage::messageType() const {
-  std::scoped_lock lock(mutex_);
-  return messageType_;
+  return state_->get(&State::messageType);
 }
 
 void KQVisitorMessage::setMessageType(std::int64_t messageType) {
-  std::scoped_lock lock(mutex_);
-  messageType_ = messageType;
+  state_->set(&State::messageType, messageType);
 }
 
 }  // namespace kq

@@ -7,17 +7,20 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 namespace kq {
 
+template <class T>
+class Guarded;
+
 /// One line of a conversation as the host application shows it. Fields may be read and written
 /// from any thread; a new message has every field absent and messageType 0.
 class KQ_EXPORT KQVisitorMessage {
  public:
-  KQVisitorMessage() = default;
+  KQVisitorMessage();
+  ~KQVisitorMessage();
   KQVisitorMessage(const KQVisitorMessage&) = delete;
   KQVisitorMessage& operator=(const KQVisitorMessage&) = delete;
 
@@ -44,12 +47,9 @@ class KQ_EXPORT KQVisitorMessage {
   [[nodiscard]] bool isMessageByCurrentUser() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> message_;     // guarded by mutex_
-  std::optional<std::string> managerId_;   // guarded by mutex_
-  std::shared_ptr<KQVisitorUser> sender_;  // guarded by mutex_
-  std::optional<Date> timeStamp_;          // guarded by mutex_
-  std::int64_t messageType_ = 0;           // guarded by mutex_
+  // The fields, private to the .cpp file, under one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq

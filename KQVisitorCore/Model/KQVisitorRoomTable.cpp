@@ -1,25 +1,38 @@
 #include <KQVisitorCore/Model/KQVisitorRoomTable.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
 namespace kq {
 
+struct KQVisitorRoomTable::State {
+  std::map<std::string, std::shared_ptr<KQVisitorRoom>> rooms;
+};
+
+KQVisitorRoomTable::KQVisitorRoomTable() : state_(std::make_unique<Guarded<State>>()) {}
+
+KQVisitorRoomTable::~KQVisitorRoomTable() = default;
+
 std::shared_ptr<KQVisitorRoom> KQVisitorRoomTable::objectForKey(const std::string& key) const {
-  std::scoped_lock lock(mutex_);
-  const auto found = rooms_.find(key);
-  return found == rooms_.end() ? nullptr : found->second;
+  return state_->with([&key](const State& state) -> std::shared_ptr<KQVisitorRoom> {
+    const auto found = state.rooms.find(key);
+    return found == state.rooms.end() ? nullptr : found->second;
+  });
 }
 
 void KQVisitorRoomTable::setObject(std::shared_ptr<KQVisitorRoom> room, const std::string& key) {
-  std::shared_ptr<KQVisitorRoom> replaced;  // released outside the lock
-  std::scoped_lock lock(mutex_);
-  if (!room) {
-    if (auto found = rooms_.find(key); found != rooms_.end()) {
-      replaced = std::move(found->second);
-      rooms_.erase(found);
+  // The room replaced is released after the lock: its destructor may reach this table.
+  const auto replaced = state_->with([&](State& state) -> std::shared_ptr<KQVisitorRoom> {
+    if (room) {
+      return std::exchange(state.rooms[key], std::move(room));
     }
-    return;
-  }
-  auto& slot = rooms_[key];
-  replaced = std::exchange(slot, std::move(room));
+    const auto found = state.rooms.find(key);
+    if (found == state.rooms.end()) {
+      return nullptr;
+    }
+    auto removed = std::move(found->second);
+    state.rooms.erase(found);
+    return removed;
+  });
 }
 
 void KQVisitorRoomTable::removeObjectForKey(const std::string& key) {
@@ -27,19 +40,18 @@ void KQVisitorRoomTable::removeObjectForKey(const std::string& key) {
 }
 
 void KQVisitorRoomTable::removeAllObjects() {
-  std::map<std::string, std::shared_ptr<KQVisitorRoom>> removed;
-  std::scoped_lock lock(mutex_);
-  removed.swap(rooms_);
+  // Released after the lock, as above.
+  const auto removed = state_->with([](State& state) { return std::exchange(state.rooms, {}); });
 }
 
 std::size_t KQVisitorRoomTable::count() const {
-  std::scoped_lock lock(mutex_);
-  return rooms_.size();
+  return state_->with([](const State& state) { return state.rooms.size(); });
 }
 
 std::vector<KQVisitorRoomTable::Entry> KQVisitorRoomTable::snapshot() const {
-  std::scoped_lock lock(mutex_);
-  return {rooms_.begin(), rooms_.end()};
+  return state_->with([](const State& state) {
+    return std::vector<Entry>(state.rooms.begin(), state.rooms.end());
+  });
 }
 
 }  // namespace kq

@@ -5,12 +5,14 @@
 #include <cstddef>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace kq {
+
+template <class T>
+class Guarded;
 
 class KQVisitorRoom;
 
@@ -20,7 +22,8 @@ class KQ_EXPORT KQVisitorRoomTable {
  public:
   using Entry = std::pair<std::string, std::shared_ptr<KQVisitorRoom>>;
 
-  KQVisitorRoomTable() = default;
+  KQVisitorRoomTable();
+  ~KQVisitorRoomTable();
   KQVisitorRoomTable(const KQVisitorRoomTable&) = delete;
   KQVisitorRoomTable& operator=(const KQVisitorRoomTable&) = delete;
 
@@ -35,8 +38,9 @@ class KQ_EXPORT KQVisitorRoomTable {
   [[nodiscard]] std::vector<Entry> snapshot() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, std::shared_ptr<KQVisitorRoom>> rooms_;  // guarded by mutex_
+  // The fields, private to the .cpp file, under one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq

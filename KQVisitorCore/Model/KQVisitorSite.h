@@ -5,17 +5,20 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 namespace kq {
 
+template <class T>
+class Guarded;
+
 /// One website of the chat service, with the chat rooms opened for it. Fields may be read and
 /// written from any thread.
 class KQ_EXPORT KQVisitorSite {
  public:
-  KQVisitorSite() = default;
+  KQVisitorSite();
+  ~KQVisitorSite();
   KQVisitorSite(const KQVisitorSite&) = delete;
   KQVisitorSite& operator=(const KQVisitorSite&) = delete;
 
@@ -44,12 +47,9 @@ class KQ_EXPORT KQVisitorSite {
   // (These two are defined beside the rooms they act on: a record reaches nothing above it.)
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> siteId_;          // guarded by mutex_
-  std::optional<std::string> siteName_;        // guarded by mutex_
-  std::optional<std::string> siteDesc_;        // guarded by mutex_
-  std::int64_t indexInArray_ = 0;              // guarded by mutex_
-  std::shared_ptr<KQVisitorRoomTable> rooms_;  // guarded by mutex_
+  // The fields, private to the .cpp file, under one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq

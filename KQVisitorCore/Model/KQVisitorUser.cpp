@@ -1,22 +1,34 @@
 #include <KQVisitorCore/Model/KQVisitorUser.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
 namespace kq {
 
-#define KQ_USER_PROPERTY(getter, setter, field)                  \
+struct KQVisitorUser::State {
+  std::optional<std::string> username;
+  std::optional<std::string> name;
+  std::optional<std::string> email;
+  std::optional<std::string> phone;
+  std::optional<std::string> userId;
+};
+
+KQVisitorUser::KQVisitorUser() : state_(std::make_unique<Guarded<State>>()) {}
+
+KQVisitorUser::~KQVisitorUser() = default;
+
+#define KQ_USER_PROPERTY(getter, setter)                         \
   std::optional<std::string> KQVisitorUser::getter() const {     \
-    std::scoped_lock lock(mutex_);                               \
-    return (field);                                              \
+    return state_->get(&State::getter);                          \
   }                                                              \
   void KQVisitorUser::setter(std::optional<std::string> value) { \
-    std::scoped_lock lock(mutex_);                               \
-    (field) = std::move(value);                                  \
+    state_->set(&State::getter, std::move(value));               \
   }
 
-KQ_USER_PROPERTY(username, setUsername, username_)
-KQ_USER_PROPERTY(name, setName, name_)
-KQ_USER_PROPERTY(email, setEmail, email_)
-KQ_USER_PROPERTY(phone, setPhone, phone_)
-KQ_USER_PROPERTY(userId, setUserId, userId_)
+KQ_USER_PROPERTY(username, setUsername)
+KQ_USER_PROPERTY(name, setName)
+KQ_USER_PROPERTY(email, setEmail)
+KQ_USER_PROPERTY(phone, setPhone)
+KQ_USER_PROPERTY(userId, setUserId)
 
 #undef KQ_USER_PROPERTY
 

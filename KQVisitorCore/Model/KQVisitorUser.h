@@ -2,11 +2,14 @@
 
 #include <KQVisitorCore/Platform/Export.h>
 
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 
 namespace kq {
+
+template <class T>
+class Guarded;
 
 /// A person taking part in a chat: the visitor or an operator.
 ///
@@ -15,7 +18,8 @@ namespace kq {
 /// string. Fields may be read and written from any thread.
 class KQ_EXPORT KQVisitorUser {
  public:
-  KQVisitorUser() = default;
+  KQVisitorUser();
+  ~KQVisitorUser();
   KQVisitorUser(const KQVisitorUser&) = delete;
   KQVisitorUser& operator=(const KQVisitorUser&) = delete;
 
@@ -35,12 +39,9 @@ class KQ_EXPORT KQVisitorUser {
   void setUserId(std::optional<std::string> userId);
 
  private:
-  mutable std::mutex mutex_;
-  std::optional<std::string> username_;  // guarded by mutex_
-  std::optional<std::string> name_;      // guarded by mutex_
-  std::optional<std::string> email_;     // guarded by mutex_
-  std::optional<std::string> phone_;     // guarded by mutex_
-  std::optional<std::string> userId_;    // guarded by mutex_
+  // The fields, private to the .cpp file, under one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq

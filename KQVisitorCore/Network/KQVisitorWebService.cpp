@@ -5,13 +5,19 @@
 #include <KQVisitorCore/Platform/HTTPSession.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/PercentEscapes.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 
 namespace kq {
+
+struct KQVisitorWebService::State {
+  std::shared_ptr<KQVisitorUser> currentUser;
+  std::shared_ptr<Timer> timer;
+};
 
 KQVisitorWebService::KQVisitorWebService() : KQVisitorWebService(Dependencies{}) {}
 
 KQVisitorWebService::KQVisitorWebService(Dependencies dependencies)
-    : dependencies_(std::move(dependencies)) {}
+    : dependencies_(std::move(dependencies)), state_(std::make_unique<Guarded<State>>()) {}
 
 KQVisitorWebService::~KQVisitorWebService() = default;
 
@@ -22,23 +28,19 @@ KQVisitorWebService& KQVisitorWebService::sharedInstance() {
 }
 
 std::shared_ptr<KQVisitorUser> KQVisitorWebService::currentUser() const {
-  std::scoped_lock lock(mutex_);
-  return currentUser_;
+  return state_->get(&State::currentUser);
 }
 
 void KQVisitorWebService::setCurrentUser(std::shared_ptr<KQVisitorUser> currentUser) {
-  std::scoped_lock lock(mutex_);
-  currentUser_.swap(currentUser);
+  state_->set(&State::currentUser, std::move(currentUser));
 }
 
 std::shared_ptr<Timer> KQVisitorWebService::timer() const {
-  std::scoped_lock lock(mutex_);
-  return timer_;
+  return state_->get(&State::timer);
 }
 
 void KQVisitorWebService::setTimer(std::shared_ptr<Timer> timer) {
-  std::scoped_lock lock(mutex_);
-  timer_.swap(timer);
+  state_->set(&State::timer, std::move(timer));
 }
 
 std::shared_ptr<HTTPSession> KQVisitorWebService::session() const {
@@ -60,11 +62,8 @@ void KQVisitorWebService::loginClientUser(std::shared_ptr<KQVisitorUser> user) {
 }
 
 void KQVisitorWebService::logout() {
-  std::shared_ptr<Timer> stopped;
-  {
-    std::scoped_lock lock(mutex_);
-    stopped.swap(timer_);
-  }
+  const auto stopped =
+      state_->with([](State& state) { return std::exchange(state.timer, nullptr); });
   // Outside the lock: invalidate() waits for a tick in progress, which may use this object.
   if (stopped) {
     stopped->invalidate();

@@ -16,12 +16,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kq {
+
+template <class T>
+class Guarded;
 
 class HTTPSession;
 
@@ -218,9 +220,9 @@ class KQ_EXPORT KQVisitorWebService {
   std::atomic<bool> isHTTPClient_{false};
   std::atomic<bool> isOperatorServiceActive_{false};
   std::atomic<bool> isQAServiceActive_{false};
-  mutable std::mutex mutex_;
-  std::shared_ptr<KQVisitorUser> currentUser_;  // guarded by mutex_
-  std::shared_ptr<Timer> timer_;                // guarded by mutex_
+  // The current user and the timer, private to the .cpp file, under one lock.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq
