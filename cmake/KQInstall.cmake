@@ -6,8 +6,8 @@ install(TARGETS KQVisitorCore EXPORT KQVisitorCoreTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 # Internal headers live in detail/ folders and stay out of the installed tree; no installed
 # header includes them (the installed-package test compiles each installed header alone).
-# XMPPQueue.h is internal too, but public methods still name its class (declared, not included):
-# it stays beside them until they no longer do.
+# XMPPQueue.h is internal too (only private members name its class); it moves to detail/ with
+# the next change to its locking.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/KQVisitorCore/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KQVisitorCore
   FILES_MATCHING PATTERN "*.h"

@@ -7,6 +7,7 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include <functional>
 
@@ -27,7 +28,7 @@ std::string value(const std::optional<std::string>& text) {
 
 // Runs `task` on the room's module queue: at once when already there.
 void onModuleQueue(const std::shared_ptr<xmpp::XMPPRoom>& room, std::function<void()> task) {
-  const auto queue = room->moduleQueue();
+  const auto queue = xmpp::detail::XMPPQueues::of(*room);
   if (!queue || queue->isCurrent()) {
     task();
   } else {

@@ -16,6 +16,9 @@ namespace kq::xmpp {
 
 class XMPPQueue;
 class XMPPStream;
+namespace detail {
+struct XMPPQueues;
+}  // namespace detail
 
 /// A piece of protocol that works on a stream once activated on it (roster, rooms, reconnect,
 /// ...).
@@ -26,8 +29,8 @@ class XMPPStream;
 /// event.
 class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
  public:
-  /// `dispatchQueue` is where the module wants work that callers hand it to run (see
-  /// moduleQueue()); null for the stream's own queue.
+  /// `dispatchQueue` is where the module wants work that callers hand it to run; null for the
+  /// stream's own queue.
   explicit XMPPModule(std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   XMPPModule(const XMPPModule&) = delete;
   XMPPModule& operator=(const XMPPModule&) = delete;
@@ -41,9 +44,6 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
 
   /// The stream the module is active on; null when inactive.
   [[nodiscard]] std::shared_ptr<XMPPStream> xmppStream() const;
-  /// The queue for the module's work: the dispatch queue given at construction, else the
-  /// stream's queue once activated (null before).
-  [[nodiscard]] std::shared_ptr<XMPPQueue> moduleQueue() const;
 
  protected:
   friend class XMPPStream;
@@ -67,6 +67,12 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
   virtual void streamDidSendElement(const XMPPElement& /*element*/) {}
 
  private:
+  friend struct detail::XMPPQueues;
+  // The queue for the module's work: the dispatch queue given at construction, else the
+  // stream's queue once activated (null before). Internal: reached through
+  // detail::XMPPQueues.
+  [[nodiscard]] std::shared_ptr<XMPPQueue> moduleQueue() const;
+
   mutable std::mutex mutex_;
   std::weak_ptr<XMPPStream> stream_;           // guarded by mutex_
   std::shared_ptr<XMPPQueue> moduleQueue_;     // guarded by mutex_

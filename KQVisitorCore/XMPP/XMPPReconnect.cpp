@@ -6,6 +6,7 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include <algorithm>
 
@@ -68,7 +69,7 @@ void XMPPReconnect::runOnStreamQueue(std::function<void()> task) {
     return;
   }
   const auto self = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
-  stream->streamQueue()->async([self, task = std::move(task)] { task(); });
+  detail::XMPPQueues::of(*stream)->async([self, task = std::move(task)] { task(); });
 }
 
 void XMPPReconnect::manualStart() {
@@ -121,7 +122,7 @@ void XMPPReconnect::startAttempts(Seconds firstDelay) {
   }
   stopAttempts();
   reconnecting_ = true;
-  const auto queue = stream->streamQueue();
+  const auto queue = detail::XMPPQueues::of(*stream);
   std::weak_ptr<XMPPReconnect> weak = std::static_pointer_cast<XMPPReconnect>(shared_from_this());
   const Seconds interval = reconnectTimerInterval();
   auto startRepeating = [weak, queue, interval] {
@@ -181,7 +182,7 @@ void XMPPReconnect::attempt() {
           current->connectWithTimeout(XMPPStreamTimeoutNone);
         }
       },
-      stream->streamQueue());
+      detail::XMPPQueues::of(*stream));
 }
 
 }  // namespace kq::xmpp

@@ -24,8 +24,9 @@ class XMPPRoomMemoryStorage;
 ///
 /// The public methods may be called from any thread once the room is activated on a stream;
 /// they send at once. The room's own handling of presences and messages runs on the stream's
-/// queue; its delegates are called on their queues. moduleQueue() is the dispatch queue given
-/// at construction (the main queue for the product's rooms), else the stream's queue.
+/// queue; its delegates are called on their queues. Work handed to the room runs on the
+/// dispatch queue given at construction (the main queue for the product's rooms), else on the
+/// stream's queue.
 class KQ_EXPORT XMPPRoom : public XMPPModule {
  public:
   /// The error condition of the answer the room reports when the server never answered an

@@ -21,6 +21,9 @@ class XMPPModule;
 class XMPPQueue;
 class XMPPSASLAuthentication;
 class XMPPStreamDelegate;
+namespace detail {
+struct XMPPQueues;
+}  // namespace detail
 
 /// Whether the stream upgrades to TLS (STARTTLS) after opening.
 enum class XMPPStreamStartTLSPolicy {
@@ -48,7 +51,7 @@ inline constexpr std::chrono::duration<double> XMPPStreamTimeoutNone{-1.0};
 
 /// An XMPP client stream over TCP, with STARTTLS, SASL and resource binding.
 ///
-/// The stream runs on a queue of its own (streamQueue(): one thread with an event loop) where it
+/// The stream runs on a queue of its own (one thread with an event loop) where it
 /// does its socket I/O, parsing and module work. Every public method is thread-safe: it reads
 /// the stream's state at once and posts the work to the queue. Delegates are called on the
 /// queue each was added with, in the order they were added; modules (XMPPModule) hear of each
@@ -199,9 +202,6 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// Removes `delegate`; calls already posted for it are dropped.
   void removeDelegate(const XMPPStreamDelegate* delegate);
 
-  /// The stream's own queue.
-  [[nodiscard]] const std::shared_ptr<XMPPQueue>& streamQueue() const;
-
   /// The active modules, in order of activation (read on the stream's queue, waited for).
   [[nodiscard]] std::vector<std::shared_ptr<XMPPModule>> registeredModules() const;
 
@@ -210,6 +210,9 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   // queue; private to XMPPStream.cpp.
   struct Impl;
   friend class XMPPModule;
+  friend struct detail::XMPPQueues;
+  // The stream's own queue (internal: reached through detail::XMPPQueues).
+  [[nodiscard]] const std::shared_ptr<XMPPQueue>& streamQueue() const;
   XMPPStream();
   void registerModule(const std::shared_ptr<XMPPModule>& module);
   void unregisterModule(const XMPPModule* module);

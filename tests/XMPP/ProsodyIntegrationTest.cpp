@@ -10,6 +10,7 @@
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
@@ -275,9 +276,9 @@ TEST_F(ProsodyTest, AServerThatRestartsOrStopsAnsweringIsTriedAgainUntilItAnswer
   const auto giveUp = std::chrono::steady_clock::now() + test::kPatience;
   while (events->count("didDisconnect") == 1 && std::chrono::steady_clock::now() < giveUp) {
     clock->advance(seconds(stream->keepAliveInterval()));
-    test::flushQueue(stream->streamQueue());
+    test::flushQueue(xmpp::detail::XMPPQueues::of(*stream));
     clock->advance(seconds(stream->keepAliveTimeout()));
-    test::flushQueue(stream->streamQueue());
+    test::flushQueue(xmpp::detail::XMPPQueues::of(*stream));
   }
   ASSERT_EQ(events->count("didDisconnect"), 2);
   EXPECT_EQ(events->disconnectError->code, xmpp::XMPPStream::kErrorKeepAliveTimeout);

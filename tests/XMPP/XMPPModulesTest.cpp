@@ -10,6 +10,7 @@
 #include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/ManualClockScope.h"
@@ -329,7 +330,7 @@ TEST(XMPPRoomMemoryStorageTest, KeepsTheNewestMessagesAndSentOnesAsSent) {
 }
 
 TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
-  EXPECT_TRUE(room->moduleQueue()->isCurrent());  // the main queue, pumped by this thread
+  EXPECT_TRUE(detail::XMPPQueues::of(*room)->isCurrent());  // the main queue, pumped by this thread
   room->joinRoomUsingNickname("Visitor", std::nullopt);
   EXPECT_EQ(peer.receiveUntil("</presence>"),
             "<presence to=\"room42@conference.localhost/Visitor\"><x "
@@ -440,7 +441,7 @@ TEST_F(XMPPRoomTest, InvitationsAndMessagesAreAddressedToTheRoomAndKeptAsSent) {
             "<message to=\"room42@conference.localhost\" type=\"groupchat\"><body>typed</body>"
             "<stamped/></message>");
   message.elementForName("body")->setStringValue("changed later");
-  test::flushQueue(stream->streamQueue());
+  test::flushQueue(detail::XMPPQueues::of(*stream));
   const auto kept = storage->messages(room->roomJID());
   ASSERT_EQ(kept.size(), 1U);
   EXPECT_EQ(kept[0].XMLString(), wire);

@@ -1,6 +1,7 @@
 #include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
@@ -189,7 +190,7 @@ TEST(XMPPQueueTest, TimersTickOnTheQueuesOwnThreadInDeadlineOrder) {
 TEST(XMPPQueueTest, AStreamReleasedOnItsOwnThreadIsFreedWithoutTheMainQueue) {
   auto stream = XMPPStream::create();
   const std::weak_ptr<XMPPStream> gone = stream;
-  XMPPQueue* queue = stream->streamQueue().get();
+  XMPPQueue* queue = detail::XMPPQueues::of(*stream).get();
   // The last reference goes away inside a task on the stream's own thread (the queue goes with
   // it); the host never pumps the main queue meanwhile.
   queue->async([held = std::move(stream)]() mutable { held.reset(); });

@@ -4,6 +4,7 @@
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/detail/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/ManualClockScope.h"
@@ -243,7 +244,7 @@ TEST_F(XMPPStreamTest, StanzasArriveWholeAndInOrderWhenTheSocketFillsUp) {
   for (int i = 1; i <= 20; ++i) {
     stream->sendElement(message("m" + std::to_string(i), "small"));
     // Some while the queue is busy with work of its own.
-    stream->streamQueue()->async([] {});
+    detail::XMPPQueues::of(*stream)->async([] {});
   }
   other.join();
   const std::string first = message("m0", big).XMLString();
@@ -350,7 +351,7 @@ TEST_F(XMPPStreamTest, ATemporaryElementThatAnotherHandleSharesIsSentAsItWasHand
   // The stream's queue is held until the sender has changed the tree through its other handle.
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
-  stream->streamQueue()->async([released] { released.wait(); });
+  detail::XMPPQueues::of(*stream)->async([released] { released.wait(); });
   XMPPMessage message;
   message.addBody("as handed over");
   XMPPElement body = *message.elementForName("body");
@@ -379,7 +380,7 @@ class XMPPStreamDeadConnectionTest : public XMPPStreamTest {
   // Runs what the stream's timers have due after moving the clock.
   void advance(Clock::Duration by) {
     clock->advance(by);
-    test::flushQueue(stream->streamQueue());
+    test::flushQueue(detail::XMPPQueues::of(*stream));
   }
 
   // Reads the next ping the stream sends and answers its id.
