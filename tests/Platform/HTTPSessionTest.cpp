@@ -8,10 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -243,14 +240,8 @@ TEST(HTTPSessionTimeoutTest, ATaskFailsOnceItHasBeenIdleForItsTimeout) {
   RecordingHTTPServer silent;
   RecordingHTTPServer answering;
   silent.holdResponses();
-  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);  // answers in parts, when told
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 1), 0);
-  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  std::uint16_t port = 0;
+  const int listener = test::listenOnLoopback(port);  // answers in parts, when told
   std::promise<std::optional<KQError>> failed;
   std::promise<Outcome> finished;
   const auto session = HTTPSession::create({});
@@ -258,7 +249,7 @@ TEST(HTTPSessionTimeoutTest, ATaskFailsOnceItHasBeenIdleForItsTimeout) {
       HTTPRequest(silent.origin() + "/slow", 60s),
       [&](auto, auto, std::optional<KQError> error) { failed.set_value(std::move(error)); });
   session->dataTaskWithRequest(
-      HTTPRequest("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/parts", 60s),
+      HTTPRequest("http://127.0.0.1:" + std::to_string(port) + "/parts", 60s),
       [&](std::optional<std::string> data, auto, std::optional<KQError> error) {
         finished.set_value({std::move(data), std::nullopt, std::move(error)});
       });

@@ -1,12 +1,11 @@
 #include "tests/support/FakeXMPPPeer.h"
 
+#include "tests/support/Loopback.h"
 #include "tests/support/MainQueue.h"
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -15,7 +14,6 @@
 #include <algorithm>
 #include <chrono>
 #include <sstream>
-#include <stdexcept>
 
 namespace kq::test {
 
@@ -36,25 +34,7 @@ bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
-FakeXMPPPeer::FakeXMPPPeer() {
-  listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (listener_ < 0) {
-    throw std::runtime_error("FakeXMPPPeer: socket failed");
-  }
-  const int yes = 1;
-  ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(listener_, 4) != 0) {
-    throw std::runtime_error("FakeXMPPPeer: cannot listen");
-  }
-  socklen_t length = sizeof address;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-  port_ = ntohs(address.sin_port);
-}
+FakeXMPPPeer::FakeXMPPPeer() : listener_(listenOnLoopback(port_)) {}
 
 FakeXMPPPeer::~FakeXMPPPeer() {
   closeConnection();

@@ -51,9 +51,9 @@ class FakeXMPPPeer {
   /// Appends what arrives before `deadline` to the buffer: "" when something did, else why not.
   std::string_view readMore(std::chrono::steady_clock::time_point deadline);
 
+  std::uint16_t port_ = 0;
   int listener_ = -1;
   int connection_ = -1;
-  std::uint16_t port_ = 0;
   std::string buffer_;
 };
 

@@ -1,9 +1,8 @@
 #include "tests/support/ProsodyServer.h"
 
+#include "tests/support/Loopback.h"
 #include "tests/support/MainQueue.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,38 +13,13 @@
 
 namespace kq::test {
 
-namespace {
-
-sockaddr_in loopback(std::uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
-}
-
-std::uint16_t freePort() {
-  const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
-  const bool bound = ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  ::close(probe);
-  if (!bound) {
-    throw std::runtime_error("cannot find a free port");
-  }
-  return ntohs(address.sin_port);
-}
-
-}  // namespace
-
 ProsodyServer::ProsodyServer(Options options) : options_(std::move(options)) {
   if (::access("/usr/bin/prosody", X_OK) != 0) {
     throw std::runtime_error("Prosody is not installed (scripts/install-deps installs it)");
   }
   std::string log;
   for (int attempt = 0; attempt < 5; ++attempt) {
-    port_ = freePort();
+    port_ = unusedPort();
     if (launch()) {
       return;
     }
@@ -92,10 +66,9 @@ bool ProsodyServer::launch() {
 }
 
 bool ProsodyServer::streamAnswers() const {
-  const int client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in address = loopback(port_);
+  const int client = connectToLoopback(port_);
   std::string received;
-  if (::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+  if (client >= 0) {
     const std::string header =
         "<?xml version='1.0'?><stream:stream to='localhost' version='1.0' "
         "xmlns='jabber:client' xmlns:stream='http://etherx.jabber.org/streams'>";

@@ -4,8 +4,6 @@
 
 #include <httplib.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -185,20 +183,6 @@ bool RecordingHTTPServer::waitForRequests(std::size_t count) const {
 
 namespace {
 
-int listenOnLoopback(int& port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(fd, 16) != 0 || getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::runtime_error("cannot listen on 127.0.0.1");
-  }
-  port = ntohs(address.sin_port);
-  return fd;
-}
-
 // Reads one request (head, then as many body bytes as Content-Length says) from `fd`.
 std::string readRequest(int fd) {
   std::string data;
@@ -236,7 +220,7 @@ struct RawHTTPServer::Impl {
   std::string fallback;
   int listener = -1;
   int wake = -1;
-  int port = 0;
+  std::uint16_t port = 0;
   std::thread thread;
   mutable std::mutex mutex;
   mutable std::condition_variable changed;
@@ -347,12 +331,6 @@ std::string rawResponse(int status, const std::string& body) {
 bool RawHTTPServer::waitForRequests(std::size_t count) const {
   std::unique_lock lock(impl_->mutex);
   return impl_->changed.wait_for(lock, kPatience, [&] { return impl_->requests.size() >= count; });
-}
-
-int unusedPort() {
-  int port = 0;
-  close(listenOnLoopback(port));
-  return port;
 }
 
 }  // namespace kq::test

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/support/Loopback.h"
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -104,8 +106,5 @@ class RawHTTPServer {
 
 /// A complete raw HTTP/1.1 answer with `body`.
 std::string rawResponse(int status, const std::string& body);
-
-/// A port on 127.0.0.1 where nothing listens (connections are refused).
-int unusedPort();
 
 }  // namespace kq::test
