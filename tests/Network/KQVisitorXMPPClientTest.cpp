@@ -10,6 +10,7 @@
 #include "tests/support/FakeXMPPPeer.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
+#include "tests/support/PostedNotifications.h"
 #include "tests/support/XMPPTestDelegates.h"
 
 #include <gtest/gtest.h>
@@ -52,24 +53,12 @@ class KQVisitorXMPPClientTest : public ::testing::Test {
     config.xmppPort = peer.port();
     KQVisitorConfig::setShared(config);
     HostApplication::setShared(host);
-    for (const char* name : {"LoginSuccess", "ConnectNotification", "reloadData"}) {
-      tokens.push_back(NotificationCenter::defaultCenter().addObserver(
-          name, [this](const Notification& notification) {
-            posted.push_back(notification.name);
-            if (notification.name == "LoginSuccess") {
-              loginResults.push_back(std::any_cast<bool>(notification.object));
-            }
-          }));
-    }
     client = KQVisitorXMPPClient::createClient();
     stream = client->xmppStream();
     client->addStreamDelegate(events);
   }
 
   void TearDown() override {
-    for (const auto token : tokens) {
-      NotificationCenter::defaultCenter().removeObserver(token);
-    }
     stream->disconnect();
     EXPECT_TRUE(runMainQueueUntil([&] { return stream->isDisconnected(); }));
     test::drainMainQueue();
@@ -92,11 +81,22 @@ class KQVisitorXMPPClientTest : public ::testing::Test {
     if (connectFirst) {
       ASSERT_TRUE(client->connectUser(user("u1")));
     }
-    const auto before = posted.size();
+    const auto before = notifications.posted.size();
     ASSERT_TRUE(peer.openStream("ANONYMOUS"));
     peer.completeAuthentication("r4nd0m@localhost/TellioiPhone");
-    ASSERT_TRUE(runMainQueueUntil(
-        [&] { return posted.size() >= before + 2 && posted.back() == "ConnectNotification"; }));
+    ASSERT_TRUE(runMainQueueUntil([&] {
+      return notifications.posted.size() >= before + 2 &&
+             notifications.names().back() == "ConnectNotification";
+    }));
+  }
+
+  // The outcome of each "LoginSuccess".
+  [[nodiscard]] std::vector<bool> loginResults() const {
+    std::vector<bool> results;
+    for (const auto& notification : notifications.named("LoginSuccess")) {
+      results.push_back(std::any_cast<bool>(notification.object));
+    }
+    return results;
   }
 
   FakeXMPPPeer peer;
@@ -104,9 +104,7 @@ class KQVisitorXMPPClientTest : public ::testing::Test {
   std::shared_ptr<KQVisitorXMPPClient> client;
   std::shared_ptr<xmpp::XMPPStream> stream;
   std::shared_ptr<test::StreamEvents> events = std::make_shared<test::StreamEvents>();
-  std::vector<NotificationCenter::Token> tokens;
-  std::vector<std::string> posted;
-  std::vector<bool> loginResults;
+  test::PostedNotifications notifications{"LoginSuccess", "ConnectNotification", "reloadData"};
 };
 
 TEST_F(KQVisitorXMPPClientTest, SetUpOnceWithTheConfiguredModules) {
@@ -137,9 +135,10 @@ TEST_F(KQVisitorXMPPClientTest, LoginPostsLoginSuccessThenConnectNotificationAnd
   ASSERT_TRUE(peer.openStream("PLAIN ANONYMOUS"));
   const std::string request = peer.completeAuthentication("r4nd0m@localhost/TellioiPhone");
   EXPECT_NE(request.find("<resource>TellioiPhone</resource>"), std::string::npos);
-  ASSERT_TRUE(runMainQueueUntil([&] { return posted.size() == 2; }));
-  EXPECT_EQ(posted, (std::vector<std::string>{"LoginSuccess", "ConnectNotification"}));
-  EXPECT_EQ(loginResults, std::vector<bool>{true});
+  ASSERT_TRUE(runMainQueueUntil([&] { return notifications.posted.size() == 2; }));
+  EXPECT_EQ(notifications.names(),
+            (std::vector<std::string>{"LoginSuccess", "ConnectNotification"}));
+  EXPECT_EQ(loginResults(), std::vector<bool>{true});
   EXPECT_TRUE(client->isXmppConnected());
   EXPECT_FALSE(client->isxmppStreamDisconnected());
   EXPECT_EQ(stream->myJID()->full(), "r4nd0m@localhost/TellioiPhone");
@@ -169,10 +168,10 @@ TEST_F(KQVisitorXMPPClientTest, RefusedLoginPostsOnlyLoginSuccessNo) {
   EXPECT_EQ(peer.receiveUntil("/>"),
             "<auth xmlns=\"urn:ietf:params:xml:ns:xmpp-sasl\" mechanism=\"ANONYMOUS\"/>");
   peer.send("<failure xmlns='urn:ietf:params:xml:ns:xmpp-sasl'><not-authorized/></failure>");
-  ASSERT_TRUE(runMainQueueUntil([&] { return posted.size() == 1; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return notifications.posted.size() == 1; }));
   test::drainMainQueue();
-  EXPECT_EQ(posted, std::vector<std::string>{"LoginSuccess"});
-  EXPECT_EQ(loginResults, std::vector<bool>{false});
+  EXPECT_EQ(notifications.names(), std::vector<std::string>{"LoginSuccess"});
+  EXPECT_EQ(loginResults(), std::vector<bool>{false});
   EXPECT_TRUE(client->isXmppConnected());
   EXPECT_FALSE(client->isxmppStreamDisconnected());
   EXPECT_TRUE(host->shown.empty());
@@ -185,7 +184,7 @@ TEST_F(KQVisitorXMPPClientTest, WithoutAnonymousLoginNothingIsSentAndNothingPost
   ASSERT_TRUE(runMainQueueUntil([&] { return events->count("didConnect") == 1; }));
   EXPECT_TRUE(client->authenticateAnonymousUser());
   test::drainMainQueue();
-  EXPECT_TRUE(posted.empty());
+  EXPECT_TRUE(notifications.posted.empty());
   stream->disconnect();
   EXPECT_EQ(peer.receiveUntilClosed(), "</stream:stream>");
 }
@@ -200,9 +199,10 @@ TEST_F(KQVisitorXMPPClientTest, TwoFlagStateMachineThroughLossesAReconnectAndAFa
   EXPECT_FALSE(client->isxmppStreamDisconnected());
   clock->advance(std::chrono::seconds(3));
   login(false);
-  EXPECT_EQ(loginResults, (std::vector<bool>{true, true}));
-  EXPECT_EQ(posted, (std::vector<std::string>{"LoginSuccess", "ConnectNotification", "LoginSuccess",
-                                              "ConnectNotification"}));
+  EXPECT_EQ(loginResults(), (std::vector<bool>{true, true}));
+  EXPECT_EQ(notifications.names(),
+            (std::vector<std::string>{"LoginSuccess", "ConnectNotification", "LoginSuccess",
+                                      "ConnectNotification"}));
   EXPECT_TRUE(client->isXmppConnected());
   auto alert = std::make_shared<AlertView>();
   client->setLoadingAlert(alert);
@@ -318,10 +318,10 @@ TEST_F(KQVisitorXMPPClientTest, LocalNotificationCarriesTheBadgeAndFiresOneSecon
 TEST_F(KQVisitorXMPPClientTest, IdleRoomRemovalNeedsARoomIdAndReloads) {
   EXPECT_THROW(client->removeIdleRooms(Notification{"removeIdleRooms", {}, nullptr, nullptr}),
                std::invalid_argument);
-  EXPECT_TRUE(posted.empty());
+  EXPECT_TRUE(notifications.posted.empty());
   client->removeIdleRooms(
       Notification{"removeIdleRooms", {}, {{"roomId", "42"}, {"siteId", "W9"}}, nullptr});
-  EXPECT_EQ(posted, std::vector<std::string>{"reloadData"});
+  EXPECT_EQ(notifications.names(), std::vector<std::string>{"reloadData"});
 }
 
 TEST(KQVisitorXMPPClientSingletonTest, InstanceIsOneObjectWithOneStream) {

@@ -13,9 +13,9 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 
-#include "tests/support/IdleRoomNotifications.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
+#include "tests/support/PostedNotifications.h"
 #include "tests/support/ProsodyOperator.h"
 #include "tests/support/ProsodyServer.h"
 
@@ -53,14 +53,11 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
     website->setSiteId("W1");
     manager->setKqWebsite(website);
     client().setSitesManager(manager);
-    connected = NotificationCenter::defaultCenter().addObserver(
-        "ConnectNotification", [this](const Notification&) { ++logins; });
     agent = std::make_unique<test::Operator>(*server);
     ASSERT_TRUE(agent->login());
   }
 
   void TearDown() override {
-    NotificationCenter::defaultCenter().removeObserver(connected);
     client().disconnect();
     runMainQueueUntil([] { return client().xmppStream()->isDisconnected(); });
     agent.reset();
@@ -77,7 +74,7 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
   // room once it has reported joining and joined.
   std::shared_ptr<KQVisitorRoom> startChat(const std::string& chatId) {
     EXPECT_TRUE(client().connectUser(visitor));
-    EXPECT_TRUE(runMainQueueUntil([&] { return logins == 1; }));
+    EXPECT_TRUE(runMainQueueUntil([&] { return logins.posted.size() == 1U; }));
     const auto omar = user("42", "Omar");
     client().createXmpproomwithwebsiteID("W1", chatId, omar, "42", "Hello, I am Omar", omar);
     auto room = manager->getCurrentRoom();
@@ -104,8 +101,7 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
   std::shared_ptr<KQVisitorUser> visitor = user("u1", "Ann");
   std::shared_ptr<KQVisitorSite> website = std::make_shared<KQVisitorSite>();
   std::shared_ptr<KQVisitorSitesManager> manager = std::make_shared<KQVisitorSitesManager>();
-  NotificationCenter::Token connected = 0;
-  int logins = 0;
+  test::PostedNotifications logins{"ConnectNotification"};
   std::vector<std::int64_t> statuses;
   KQVisitorRoom::RoomUpdatesCallbackRef recorder =
       std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
@@ -166,7 +162,7 @@ TEST_F(KQVisitorRoomProsodyTest, AVisitorChatsWithTheOperatorUntilTheOperatorEnd
 
   // "[DND]" makes the visitor's room send the destroy notice, which comes back as
   // "[destroy room]" and ends the room.
-  test::IdleRoomNotifications idle;
+  const test::PostedNotifications idle{"removeIdleRooms", "reloadData"};
   operatorSays(operatorRoom, "[DND]");
   ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomDestroyed(); }));
   EXPECT_EQ(statuses.back(), KQRoomUpdateDestroyed);
@@ -179,9 +175,9 @@ TEST_F(KQVisitorRoomProsodyTest, AVisitorChatsWithTheOperatorUntilTheOperatorEnd
 
   clock->advance(4s);
   test::drainMainQueue();
-  ASSERT_EQ(idle.removals.size(), 1U);
-  EXPECT_EQ(idle.removals[0], (nlohmann::ordered_json{{"roomId", "77"}}));
-  EXPECT_EQ(idle.reloads, 1);
+  ASSERT_EQ(idle.count("removeIdleRooms"), 1);
+  EXPECT_EQ(idle.named("removeIdleRooms")[0].userInfo, (nlohmann::ordered_json{{"roomId", "77"}}));
+  EXPECT_EQ(idle.count("reloadData"), 1);
   operatorRoom->deactivate();
 }
 
@@ -205,7 +201,7 @@ TEST_F(KQVisitorRoomProsodyTest, AfterAnErrorFromTheRoomOrAServerRestartTheRoomI
   ASSERT_TRUE(runMainQueueUntil([&] { return !room->isConnected(); }));
   server->start();
   clock->advance(5s);  // the reconnect interval
-  ASSERT_TRUE(runMainQueueUntil([&] { return logins == 2 && room->isConnected(); }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return logins.posted.size() == 2U && room->isConnected(); }));
   EXPECT_EQ(statuses.back(), KQRoomUpdateJoining) << "going online joins the room again";
   EXPECT_TRUE(room->sendMessage("back again"));
   ASSERT_TRUE(runMainQueueUntil([&] { return statuses.back() == KQRoomUpdateOwnMessage; }));
@@ -214,7 +210,7 @@ TEST_F(KQVisitorRoomProsodyTest, AfterAnErrorFromTheRoomOrAServerRestartTheRoomI
 
 TEST_F(KQVisitorRoomProsodyTest, StartingAChatByIdAnswersOnceTheRoomIsJoined) {
   ASSERT_TRUE(client().connectUser(visitor));
-  ASSERT_TRUE(runMainQueueUntil([&] { return logins == 1; }));
+  ASSERT_TRUE(runMainQueueUntil([&] { return logins.posted.size() == 1U; }));
   const auto omar = user("42", "Omar");
   client().createXmpproomwithwebsiteID("W1", "81", visitor, "42", "Hello", omar);
   std::vector<std::tuple<std::optional<KQError>, nlohmann::ordered_json, bool>> answers;

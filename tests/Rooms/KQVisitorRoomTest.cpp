@@ -13,10 +13,10 @@
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
-#include "tests/support/IdleRoomNotifications.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
+#include "tests/support/PostedNotifications.h"
 #include "tests/support/RecordingHTTPServer.h"
 
 #include <gtest/gtest.h>
@@ -169,21 +169,16 @@ TEST_F(KQVisitorRoomTest, JoinEventsFollowTheFlagsAndPutTheGreetingBackEachTime)
 TEST_F(KQVisitorRoomTest, ReceivedMessagesAreTypedStoredCountedAndAnnounced) {
   room->xmppRoomDidJoin(*xmppRoom);  // the greeting
   updates.clear();
-  int firstMessagePosts = 0;
-  const auto observer = NotificationCenter::defaultCenter().addObserver(
-      "RoomStatusFirstMessage", [&](const Notification& notification) {
-        EXPECT_EQ(std::any_cast<std::shared_ptr<KQVisitorRoom>>(notification.object), room);
-        ++firstMessagePosts;
-      });
+  const test::PostedNotifications firstMessage{"RoomStatusFirstMessage"};
 
   receive(packet("Hi, I am Omar", "42", "42", "Omar"));  // the operator: type 4
   receive(packet("my question", "0", "0", "Ann B"));     // the visitor's echo: type 1
   receive(packet("a colleague", "9", "42", "Sam"));      // another participant: type 3
   receive(packet("from nowhere", "-3", "42", "ghost"));  // dropped: type 2
   receive(packet("This room is not anonymous.", "42", "42", "Omar"));  // dropped: ignored
-  NotificationCenter::defaultCenter().removeObserver(observer);
 
-  EXPECT_EQ(firstMessagePosts, 1) << "only the first message after the greeting";
+  ASSERT_EQ(firstMessage.posted.size(), 1U) << "only the first message after the greeting";
+  EXPECT_EQ(std::any_cast<std::shared_ptr<KQVisitorRoom>>(firstMessage.posted[0].object), room);
   const auto messages = room->messages();
   ASSERT_EQ(messages.size(), 4U);
   EXPECT_EQ(messages[0]->timeStamp(), messages[1]->timeStamp()) << "greeting takes its time";
@@ -228,7 +223,7 @@ TEST_F(KQVisitorRoomTest, ADestroyedRoomClosesItsSiteAndIsRemovedFourSecondsLate
   const auto other = std::make_shared<KQVisitorRoom>();
   website->rooms()->setObject(other, "other");
   manager->joinRoom(room);
-  test::IdleRoomNotifications idle;
+  const test::PostedNotifications idle{"removeIdleRooms", "reloadData"};
   test::LogCapture log;
 
   receive(packet("[destroy room]", "0", "0", "Ann"));  // even from the visitor's own name
@@ -247,12 +242,15 @@ TEST_F(KQVisitorRoomTest, ADestroyedRoomClosesItsSiteAndIsRemovedFourSecondsLate
 
   clock->advance(3900ms);
   test::drainMainQueue();
-  EXPECT_TRUE(idle.removals.empty());
+  EXPECT_TRUE(idle.posted.empty());
   clock->advance(100ms);
   test::drainMainQueue();
-  ASSERT_EQ(idle.removals.size(), 1U);
-  EXPECT_EQ(idle.removals[0], (nlohmann::ordered_json{{"roomId", "7"}})) << "the site was cleared";
-  EXPECT_EQ(idle.reloads, 1) << "the client removes the idle room and asks for a reload";
+  const auto removals = idle.named("removeIdleRooms");
+  ASSERT_EQ(removals.size(), 1U);
+  EXPECT_EQ(removals[0].userInfo, (nlohmann::ordered_json{{"roomId", "7"}}))
+      << "the site was cleared";
+  EXPECT_EQ(idle.count("reloadData"), 1)
+      << "the client removes the idle room and asks for a reload";
 }
 
 TEST_F(KQVisitorRoomTest, SendingNeedsAConnectedStreamUnlessTheRoomIsAnHTTPRoom) {
