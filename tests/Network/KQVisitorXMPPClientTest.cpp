@@ -115,6 +115,10 @@ TEST_F(KQVisitorXMPPClientTest, SetUpOnceWithTheConfiguredModules) {
   EXPECT_TRUE(client->xmppReconnect()->autoReconnect());
   EXPECT_TRUE(client->xmppRoster()->autoFetchRoster());
   EXPECT_EQ(stream->registeredModules().size(), 5U);
+  // A connection that dies silently is noticed, and reconnected (the stream's own tests).
+  EXPECT_GT(stream->keepAliveInterval().count(), 0);
+  EXPECT_GT(stream->keepAliveTimeout().count(), 0);
+  EXPECT_GT(stream->negotiationTimeout().count(), 0);
   try {
     client->setupStream();
     ADD_FAILURE() << "a second setupStream must fail";

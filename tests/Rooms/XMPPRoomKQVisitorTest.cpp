@@ -1,3 +1,4 @@
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
@@ -5,6 +6,7 @@
 #include "tests/support/FakePeerStreamTest.h"
 #include "tests/support/LogCapture.h"
 
+#include <cmath>
 #include <regex>
 #include <thread>
 
@@ -46,6 +48,10 @@ TEST_F(XMPPRoomKQVisitorTest, ChatPacketHasItsAttributesInOrder) {
                          "time_stamp=\"" +
                          std::string(kTimeStamp) + "\"><body>Hi</body></message>")))
       << packet;
+  const auto stamp =
+      getTimeStamp(xmpp::XMPPMessage(*xmpp::XMPPElement::elementWithXMLString(packet)));
+  ASSERT_TRUE(stamp) << "the time of sending";
+  EXPECT_LT(std::abs(stamp->timeIntervalSince1970() - Date::now().timeIntervalSince1970()), 120.0);
   // Absent ids are written empty; empty text sends nothing.
   sendKQVisitorMessage(room, "", "0", "W9", "0", "Ann", "42");
   sendKQVisitorMessage(room, "x", std::nullopt, std::nullopt, std::nullopt, std::nullopt,

@@ -104,12 +104,6 @@ int BackgroundChild::finishInput() {
   return ended ? status : -1;
 }
 
-void BackgroundChild::signal(int number) const {
-  if (!stopped_) {  // once reaped, its process id may belong to another process
-    kill(pid_, number);
-  }
-}
-
 int BackgroundChild::stop() {
   if (input_ >= 0) {
     close(input_);

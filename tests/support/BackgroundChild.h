@@ -31,8 +31,6 @@ class BackgroundChild {
   bool waitForOutput(const std::string& text, int times = 1) const;
   /// Ends it with SIGTERM and returns its exit status (-1 when it did not exit normally).
   int stop();
-  /// Sends it signal `number` (SIGSTOP, SIGCONT...) unless it has been stopped.
-  void signal(int number) const;
   void send(const std::string& text) const;  ///< to its standard input (made withInput)
   /// Ends its standard input, then waits (up to kPatience) for it to exit; its exit status, or
   /// -1 when it did not exit normally or in time (it is then stopped).

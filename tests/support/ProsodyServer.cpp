@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <csignal>
 
 #include <chrono>
 #include <stdexcept>
@@ -37,13 +36,6 @@ void ProsodyServer::start() {
   if (!launch()) {
     throw std::runtime_error("Prosody did not start again; its log:\n" + process_->output());
   }
-}
-
-void ProsodyServer::stop() {
-  if (process_) {
-    process_->signal(SIGCONT);  // a frozen server would not act on SIGTERM
-  }
-  process_.reset();
 }
 
 bool ProsodyServer::launch() {

@@ -3,7 +3,6 @@
 #include "tests/support/BackgroundChild.h"
 #include "tests/support/TemporaryDirectory.h"
 
-#include <csignal>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -34,14 +33,9 @@ class ProsodyServer {
   /// The authority that signed the server's certificate (empty without TLS).
   [[nodiscard]] std::string caFile() const;
 
-  void stop();  ///< SIGTERM, then waits for it to end
+  void stop() { process_.reset(); }  ///< SIGTERM, then waits for it to end
   /// Starts it again on the same port, with the same certificate and data.
   void start();
-  /// Freezes the server (SIGSTOP): the kernel still accepts connections and data, nobody
-  /// answers, as with a server or a network that died silently. (The script execs Prosody: the
-  /// child process is the server itself.)
-  void pause() const { process_->signal(SIGSTOP); }
-  void resume() const { process_->signal(SIGCONT); }  ///< lets a frozen server run again
 
  private:
   bool launch();
