@@ -49,7 +49,7 @@ TEST_F(XMPPStreamTest, AnonymousLoginStepByStep) {
 
   ASSERT_TRUE(stream->authenticate(std::make_shared<XMPPAnonymousAuthentication>()));
   EXPECT_TRUE(stream->isAuthenticating());
-  test::flushQueue(stream->streamQueue());  // the <auth/> is on its way; no answer yet
+  test::flushQueue(detail::XMPPQueues::of(*stream));  // the <auth/> is on its way; no answer yet
   EXPECT_EQ(stream->state(), XMPPStreamState::Negotiating);
   const std::string bind = peer.completeAuthentication("k3j2h1@localhost/TellioiPhone");
   EXPECT_TRUE(std::regex_match(
