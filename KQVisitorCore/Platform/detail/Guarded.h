@@ -1,6 +1,7 @@
 #pragma once
 
-#include <mutex>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <utility>
 
 namespace kq {
@@ -13,36 +14,36 @@ class Guarded {
   /// Runs `function` on the value with the lock held and answers what it answers. It must not
   /// call back into whoever owns this Guarded, nor keep a reference to the value.
   template <class Function>
-  decltype(auto) with(Function&& function) {
-    std::scoped_lock lock(mutex_);
+  decltype(auto) with(Function&& function) KQ_EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     return std::forward<Function>(function)(value_);
   }
   template <class Function>
-  decltype(auto) with(Function&& function) const {
-    std::scoped_lock lock(mutex_);
+  decltype(auto) with(Function&& function) const KQ_EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     return std::forward<Function>(function)(value_);
   }
 
-  /// A copy of one field.
-  template <class Field>
-  Field get(Field T::*field) const {
-    std::scoped_lock lock(mutex_);
+  /// A copy of one field. (Owner is T; deduced, so that a Guarded of a scalar compiles.)
+  template <class Field, class Owner = T>
+  Field get(Field Owner::*field) const KQ_EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
     return value_.*field;
   }
 
   /// Replaces one field. The old value is destroyed after the lock is released, so that its
   /// destructor may call back in.
-  template <class Field>
-  void set(Field T::*field, Field value) {
+  template <class Field, class Owner = T>
+  void set(Field Owner::*field, Field value) KQ_EXCLUDES(mutex_) {
     {
-      std::scoped_lock lock(mutex_);
+      MutexLock lock(mutex_);
       std::swap(value_.*field, value);
     }
   }
 
  private:
-  mutable std::mutex mutex_;
-  T value_{};
+  mutable Mutex mutex_;
+  T value_ KQ_GUARDED_BY(mutex_){};
 };
 
 }  // namespace kq
