@@ -1,6 +1,7 @@
 #include <KQVisitorCore/Platform/Clock.h>
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Platform/detail/ManualClock.h>
 
 #include <algorithm>
@@ -25,26 +26,24 @@ class SystemClock final : public Clock {
   }
 };
 
+struct SharedClock {
+  std::shared_ptr<Clock> clock = std::make_shared<SystemClock>();
+};
+
 // Never destroyed: queue threads (timers of a stream, a singleton's queues) may still read the
 // clock while the process exits.
-std::mutex& sharedClockMutex() {
-  static auto* mutex = new std::mutex;
-  return *mutex;
-}
-
-std::shared_ptr<Clock>& sharedClockSlot() {
-  static auto* clock = new std::shared_ptr<Clock>(std::make_shared<SystemClock>());
+Guarded<SharedClock>& sharedClock() {
+  static auto* clock = new Guarded<SharedClock>;
   return *clock;
 }
 
 struct TimeObservers {
-  std::mutex mutex;
-  std::uint64_t nextKey = 1;                             // guarded by mutex
-  std::map<std::uint64_t, std::function<void()>> byKey;  // guarded by mutex
+  std::uint64_t nextKey = 1;
+  std::map<std::uint64_t, std::function<void()>> byKey;
 };
 
-TimeObservers& timeObservers() {
-  static auto* observers = new TimeObservers;  // never destroyed, like the clock
+Guarded<TimeObservers>& timeObservers() {
+  static auto* observers = new Guarded<TimeObservers>;  // never destroyed, like the clock
   return *observers;
 }
 
@@ -55,51 +54,45 @@ Clock::~Clock() = default;
 void Clock::notifyTimeChanged() {
   DispatchQueue::wakeAll();
   std::vector<std::function<void()>> observers;
-  {
-    auto& registry = timeObservers();
-    std::scoped_lock lock(registry.mutex);
+  timeObservers().with([&](const TimeObservers& registry) {
     for (const auto& [key, observer] : registry.byKey) {
       observers.push_back(observer);
     }
-  }
+  });
   for (const auto& observer : observers) {
     observer();
   }
 }
 
 std::uint64_t Clock::addTimeObserver(std::function<void()> observer) {
-  auto& registry = timeObservers();
-  std::scoped_lock lock(registry.mutex);
-  const std::uint64_t key = registry.nextKey++;
-  registry.byKey.emplace(key, std::move(observer));
-  return key;
+  return timeObservers().with([&](TimeObservers& registry) {
+    const std::uint64_t key = registry.nextKey++;
+    registry.byKey.emplace(key, std::move(observer));
+    return key;
+  });
 }
 
 void Clock::removeTimeObserver(std::uint64_t key) {
   std::function<void()> removed;
-  {
-    auto& registry = timeObservers();
-    std::scoped_lock lock(registry.mutex);
+  timeObservers().with([&](TimeObservers& registry) {
     const auto found = registry.byKey.find(key);
-    if (found == registry.byKey.end()) {
-      return;
+    if (found != registry.byKey.end()) {
+      removed = std::move(found->second);
+      registry.byKey.erase(found);
     }
-    removed = std::move(found->second);
-    registry.byKey.erase(found);
-  }
+  });
   // `removed` is destroyed here, outside the lock.
 }
 
 std::shared_ptr<Clock> Clock::shared() {
-  std::scoped_lock lock(sharedClockMutex());
-  return sharedClockSlot();
+  return sharedClock().get(&SharedClock::clock);
 }
 
 void Clock::setShared(std::shared_ptr<Clock> clock) {
-  {
-    std::scoped_lock lock(sharedClockMutex());
-    sharedClockSlot() = clock ? std::move(clock) : std::make_shared<SystemClock>();
-  }
+  // The clock replaced is released outside the lock.
+  sharedClock().set(
+      &SharedClock::clock,
+      clock ? std::move(clock) : std::shared_ptr<Clock>(std::make_shared<SystemClock>()));
   notifyTimeChanged();
 }
 

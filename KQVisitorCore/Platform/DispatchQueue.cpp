@@ -1,6 +1,8 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 #include <KQVisitorCore/Platform/detail/TimedTasks.h>
 
 #include <algorithm>
@@ -9,7 +11,6 @@
 #include <deque>
 #include <future>
 #include <iterator>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -26,22 +27,25 @@ struct detail::DispatchQueueImpl {
   DispatchQueueImpl& operator=(const DispatchQueueImpl&) = delete;
 
   // Moves every timed task whose deadline has passed to the end of `ready`, earliest first.
-  void promoteDue(TimePoint now);
+  void promoteDue(TimePoint now) KQ_REQUIRES(mutex);
   // Adds `task` to the ready tasks and wakes the queue's thread.
-  void submit(Task task);
-  // Runs the tasks ready at the start of the pass; returns how many ran. Expects `lock` held.
-  std::size_t runPass(std::unique_lock<std::mutex>& lock);
-  void threadMain();
-  [[nodiscard]] TimePoint nextDeadline() const;
+  void submit(Task task) KQ_EXCLUDES(mutex);
+  // Runs the tasks ready at the start of the pass, each with the lock released; returns how
+  // many ran.
+  std::size_t runPass() KQ_REQUIRES(mutex);
+  // Waits on `wake` until the next deadline (or `realLimit`), as the shared clock measures it.
+  void waitForWork(MutexLock& lock, TimePoint realLimit = TimePoint::max()) KQ_REQUIRES(mutex);
+  void threadMain() KQ_EXCLUDES(mutex);
+  [[nodiscard]] TimePoint nextDeadline() const KQ_REQUIRES(mutex);
 
   const std::string label;
-  std::mutex mutex;
+  Mutex mutex;
   std::condition_variable wake;
-  std::deque<Task> ready;
-  TimedTasks timed;
-  bool stopping = false;       // the queue is being destroyed
-  bool stopRequested = false;  // main queue: run() should return
-  int running = 0;             // main queue: nesting depth of run()
+  std::deque<Task> ready KQ_GUARDED_BY(mutex);
+  TimedTasks timed KQ_GUARDED_BY(mutex);
+  bool stopping KQ_GUARDED_BY(mutex) = false;       // the queue is being destroyed
+  bool stopRequested KQ_GUARDED_BY(mutex) = false;  // main queue: run() should return
+  int running KQ_GUARDED_BY(mutex) = 0;             // main queue: nesting depth of run()
   OwnedThread thread;
   std::atomic<std::thread::id> owner{};
 };
@@ -75,32 +79,28 @@ struct HeldTasks {
 
 thread_local HeldTasks heldTasks;
 
-std::mutex& registryMutex() {
-  static auto* mutex = new std::mutex;  // never destroyed: queues may outlive static teardown
-  return *mutex;
-}
-
-std::vector<detail::DispatchQueueImpl*>& registry() {
-  static auto* queues = new std::vector<detail::DispatchQueueImpl*>;
+// Every queue, for wakeAll().
+Guarded<std::vector<detail::DispatchQueueImpl*>>& registry() {
+  // Never destroyed: queues may outlive static teardown.
+  static auto* queues = new Guarded<std::vector<detail::DispatchQueueImpl*>>;
   return *queues;
 }
 
 }  // namespace
 
 detail::DispatchQueueImpl::DispatchQueueImpl(std::string name) : label(std::move(name)) {
-  std::scoped_lock lock(registryMutex());
-  registry().push_back(this);
+  registry().with([this](std::vector<DispatchQueueImpl*>& queues) { queues.push_back(this); });
 }
 
 detail::DispatchQueueImpl::~DispatchQueueImpl() {
-  std::scoped_lock lock(registryMutex());
-  auto& queues = registry();
-  queues.erase(std::remove(queues.begin(), queues.end(), this), queues.end());
+  registry().with([this](std::vector<DispatchQueueImpl*>& queues) {
+    queues.erase(std::remove(queues.begin(), queues.end(), this), queues.end());
+  });
 }
 
 void detail::DispatchQueueImpl::submit(Task task) {
   {
-    std::scoped_lock lock(mutex);
+    MutexLock lock(mutex);
     if (stopping) {
       return;
     }
@@ -119,28 +119,36 @@ DispatchQueue::TimePoint detail::DispatchQueueImpl::nextDeadline() const {
   return timed.nextDeadline();
 }
 
-std::size_t detail::DispatchQueueImpl::runPass(std::unique_lock<std::mutex>& lock) {
+std::size_t detail::DispatchQueueImpl::runPass() {
   promoteDue(Clock::shared()->now());
   std::size_t count = ready.size();
   std::size_t ran = 0;
   while (ran < count && !ready.empty() && !stopping && !stopRequested) {
     Task task = std::move(ready.front());
     ready.pop_front();
-    lock.unlock();
-    task();
-    task = nullptr;  // Destroy what the task captured before taking the lock again.
-    lock.lock();
+    {
+      MutexUnlock unlocked(mutex);
+      task();
+      task = nullptr;  // Destroy what the task captured before taking the lock again.
+    }
     ++ran;
   }
   return ran;
 }
 
+void detail::DispatchQueueImpl::waitForWork(MutexLock& lock, TimePoint realLimit) {
+  const TimePoint deadline = nextDeadline();
+  lock.withUniqueLock([&](std::unique_lock<std::mutex>& held) {
+    Clock::shared()->waitUntil(wake, held, deadline, realLimit);
+  });
+}
+
 void detail::DispatchQueueImpl::threadMain() {
   CurrentQueueScope scope(this);
   owner = std::this_thread::get_id();
-  std::unique_lock lock(mutex);
+  MutexLock lock(mutex);
   while (!stopping) {
-    if (runPass(lock) > 0) {
+    if (runPass() > 0) {
       continue;
     }
     if (stopping) {
@@ -148,7 +156,7 @@ void detail::DispatchQueueImpl::threadMain() {
     }
     promoteDue(Clock::shared()->now());
     if (ready.empty()) {
-      Clock::shared()->waitUntil(wake, lock, nextDeadline());
+      waitForWork(lock);
     }
   }
 }
@@ -159,7 +167,7 @@ DispatchQueue::~DispatchQueue() {
   std::deque<Task> droppedReady;
   TimedTasks droppedTimed;
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     impl_->stopping = true;
     droppedReady.swap(impl_->ready);
     droppedTimed = impl_->timed.takeAll();
@@ -216,7 +224,7 @@ void DispatchQueue::Batch::flush() {
   heldTasks.queues.clear();
   for (auto& [impl, tasks] : queues) {
     {
-      std::scoped_lock lock(impl->mutex);
+      MutexLock lock(impl->mutex);
       if (impl->stopping) {
         continue;
       }
@@ -234,7 +242,7 @@ DispatchQueue::TaskId DispatchQueue::scheduleAt(TimePoint deadline, Task task) {
   Batch::flush();
   TaskId id = 0;
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->stopping) {
       return 0;
     }
@@ -245,7 +253,7 @@ DispatchQueue::TaskId DispatchQueue::scheduleAt(TimePoint deadline, Task task) {
 }
 
 TimerQueue::Task DispatchQueue::cancel(TaskId id) {
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->timed.take(id);
 }
 
@@ -279,15 +287,15 @@ void DispatchQueue::run() {
   }
   impl_->owner = std::this_thread::get_id();
   CurrentQueueScope scope(impl_.get());
-  std::unique_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   ++impl_->running;
   while (!impl_->stopRequested) {
-    if (impl_->runPass(lock) > 0 || impl_->stopRequested) {
+    if (impl_->runPass() > 0 || impl_->stopRequested) {
       continue;
     }
     impl_->promoteDue(Clock::shared()->now());
     if (impl_->ready.empty()) {
-      Clock::shared()->waitUntil(impl_->wake, lock, impl_->nextDeadline());
+      impl_->waitForWork(lock);
     }
   }
   if (--impl_->running == 0) {
@@ -297,7 +305,7 @@ void DispatchQueue::run() {
 
 void DispatchQueue::stop() {
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->running == 0) {
       return;
     }
@@ -315,25 +323,26 @@ std::size_t DispatchQueue::pump(Duration maxWait) {
   CurrentQueueScope scope(impl_.get());
   const TimePoint realLimit =
       std::chrono::steady_clock::now() + std::max(maxWait, Duration::zero());
-  std::unique_lock lock(impl_->mutex);
-  std::size_t ran = impl_->runPass(lock);
+  MutexLock lock(impl_->mutex);
+  std::size_t ran = impl_->runPass();
   while (ran == 0 && std::chrono::steady_clock::now() < realLimit) {
     impl_->promoteDue(Clock::shared()->now());
     if (impl_->ready.empty()) {
-      Clock::shared()->waitUntil(impl_->wake, lock, impl_->nextDeadline(), realLimit);
+      impl_->waitForWork(lock, realLimit);
     }
-    ran = impl_->runPass(lock);
+    ran = impl_->runPass();
   }
   return ran;
 }
 
 void DispatchQueue::wakeAll() {
-  std::scoped_lock registryLock(registryMutex());
-  for (Impl* queue : registry()) {
-    // Taking the queue's lock orders this wake after any check-then-wait in progress.
-    { std::scoped_lock lock(queue->mutex); }
-    queue->wake.notify_all();
-  }
+  registry().with([](const std::vector<Impl*>& queues) {
+    for (Impl* queue : queues) {
+      // Taking the queue's lock orders this wake after any check-then-wait in progress.
+      { MutexLock lock(queue->mutex); }
+      queue->wake.notify_all();
+    }
+  });
 }
 
 }  // namespace kq

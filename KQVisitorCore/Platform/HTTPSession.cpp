@@ -5,6 +5,7 @@
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/Reachability.h>
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <curl/curl.h>
 #include <openssl/crypto.h>
@@ -18,7 +19,6 @@
 #include <climits>
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -298,14 +298,14 @@ struct detail::HTTPSessionImpl {
   std::atomic<std::thread::id> threadId;
   std::atomic<TaskIdentifier> nextIdentifier{1};
 
-  std::mutex mutex;
-  std::vector<std::unique_ptr<Transfer>> incoming;  // guarded by mutex
-  std::vector<TaskIdentifier> cancellations;        // guarded by mutex
-  bool stopping = false;                            // guarded by mutex
-  std::condition_variable workArrived;              // wakes the thread while no transfer runs
-  bool finished = false;                            // guarded by mutex
-  // Guarded by mutex: the thread sleeps in curl_multi_poll, not on workArrived.
-  bool polling = false;
+  Mutex mutex;
+  std::vector<std::unique_ptr<Transfer>> incoming KQ_GUARDED_BY(mutex);
+  std::vector<TaskIdentifier> cancellations KQ_GUARDED_BY(mutex);
+  bool stopping KQ_GUARDED_BY(mutex) = false;
+  std::condition_variable workArrived;  // wakes the thread while no transfer runs
+  bool finished KQ_GUARDED_BY(mutex) = false;
+  // The thread sleeps in curl_multi_poll, not on workArrived.
+  bool polling KQ_GUARDED_BY(mutex) = false;
   OwnedThread thread;
 
   // Owned by the session's thread.
@@ -643,7 +643,7 @@ void detail::HTTPSessionImpl::wake() {
   // two reads on its socket pair, so a thread that waits on the condition is not sent one.
   bool inPoll = false;
   {
-    std::scoped_lock lock(mutex);
+    MutexLock lock(mutex);
     inPoll = polling;
   }
   if (!inPoll) {
@@ -674,7 +674,7 @@ void detail::HTTPSessionImpl::threadMain() {
   for (;;) {
     std::vector<TaskIdentifier> cancelled;
     {
-      std::scoped_lock lock(mutex);
+      MutexLock lock(mutex);
       if (stopping) {
         break;
       }
@@ -703,8 +703,8 @@ void detail::HTTPSessionImpl::threadMain() {
     }
     const int wait = expireIdleTransfers();
     {
-      std::unique_lock lock(mutex);
-      const auto hasWork = [this] {
+      MutexLock lock(mutex);
+      const auto hasWork = [this]() KQ_REQUIRES(mutex) {
         return stopping || !incoming.empty() || !cancellations.empty();
       };
       if (hasWork()) {
@@ -712,7 +712,9 @@ void detail::HTTPSessionImpl::threadMain() {
       }
       if (active.empty()) {
         // Nothing for libcurl to watch: sleep until a task, a cancellation or the end.
-        workArrived.wait(lock, hasWork);
+        while (!hasWork()) {
+          lock.wait(workArrived);
+        }
         continue;
       }
       polling = true;
@@ -721,7 +723,7 @@ void detail::HTTPSessionImpl::threadMain() {
     // or a wake-up from a thread that queued work or moved the clock.
     const CURLMcode code = curl_multi_poll(multi.get(), nullptr, 0, wait, nullptr);
     {
-      std::scoped_lock lock(mutex);
+      MutexLock lock(mutex);
       polling = false;
     }
     if (code != CURLM_OK) {
@@ -734,7 +736,7 @@ void detail::HTTPSessionImpl::threadMain() {
   for (;;) {
     arrived.clear();
     {
-      std::scoped_lock lock(mutex);
+      MutexLock lock(mutex);
       arrived.swap(incoming);
       if (arrived.empty() && active.empty()) {
         finished = true;
@@ -787,7 +789,7 @@ std::shared_ptr<HTTPSession> HTTPSession::create(Configuration configuration) {
 HTTPSession::~HTTPSession() {
   Clock::removeTimeObserver(impl_->timeObserver);
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     impl_->stopping = true;
   }
   impl_->wake();
@@ -806,7 +808,7 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
   const TaskIdentifier identifier = transfer->identifier;
   std::unique_ptr<Transfer> dropped;
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->finished) {
       dropped = std::move(transfer);
     } else {
@@ -831,7 +833,7 @@ HTTPSession::TaskIdentifier HTTPSession::dataTaskWithRequest(HTTPRequest request
 
 void HTTPSession::cancelTask(TaskIdentifier identifier) {
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     impl_->cancellations.push_back(identifier);
   }
   impl_->wake();

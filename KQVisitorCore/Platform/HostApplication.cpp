@@ -1,8 +1,7 @@
 #include <KQVisitorCore/Platform/HostApplication.h>
 
 #include <KQVisitorCore/Platform/Log.h>
-
-#include <mutex>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 
 namespace kq {
 namespace {
@@ -16,13 +15,12 @@ std::string describeNotification(const LocalNotification& notification) {
   return text;
 }
 
-std::mutex& sharedMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+struct SharedHost {
+  std::shared_ptr<HostApplication> host = std::make_shared<HostApplication>();
+};
 
-std::shared_ptr<HostApplication>& sharedSlot() {
-  static auto* host = new std::shared_ptr<HostApplication>(std::make_shared<HostApplication>());
+Guarded<SharedHost>& sharedHost() {
+  static auto* host = new Guarded<SharedHost>;
   return *host;
 }
 
@@ -67,13 +65,11 @@ void HostApplication::dismissAlert(const std::shared_ptr<AlertView>& alert, long
 }
 
 std::shared_ptr<HostApplication> HostApplication::shared() {
-  std::scoped_lock lock(sharedMutex());
-  return sharedSlot();
+  return sharedHost().get(&SharedHost::host);
 }
 
 void HostApplication::setShared(std::shared_ptr<HostApplication> host) {
-  std::scoped_lock lock(sharedMutex());
-  sharedSlot() = host ? std::move(host) : std::make_shared<HostApplication>();
+  sharedHost().set(&SharedHost::host, host ? std::move(host) : std::make_shared<HostApplication>());
 }
 
 }  // namespace kq

@@ -1,13 +1,13 @@
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <sstream>
 
@@ -105,20 +105,15 @@ std::optional<std::string> originProblem(std::string_view origin) {
   return std::nullopt;
 }
 
-std::mutex& sharedMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+struct SharedConfig {
+  std::optional<KQVisitorConfig> config;
+  // Why the file named in KQVISITOR_CONFIG could not be used, when it could not.
+  std::optional<KQVisitorConfig::Error> loadProblem;
+};
 
-std::optional<KQVisitorConfig>& sharedSlot() {
-  static std::optional<KQVisitorConfig> config;
-  return config;
-}
-
-// Why the file named in KQVISITOR_CONFIG could not be used, when it could not.
-std::optional<KQVisitorConfig::Error>& loadProblemSlot() {
-  static std::optional<KQVisitorConfig::Error> problem;
-  return problem;
+Guarded<SharedConfig>& sharedConfig() {
+  static Guarded<SharedConfig> shared;
+  return shared;
 }
 
 bool isKnownKey(std::string_view key) {
@@ -246,11 +241,8 @@ KQVisitorConfig KQVisitorConfig::fromEnvironment() {
 }
 
 KQVisitorConfig KQVisitorConfig::shared() {
-  {
-    std::scoped_lock lock(sharedMutex());
-    if (sharedSlot()) {
-      return *sharedSlot();
-    }
+  if (auto config = sharedConfig().get(&SharedConfig::config)) {
+    return *std::move(config);
   }
   // Loaded outside the lock, since a failure is logged through the host's sink.
   KQVisitorConfig loaded;
@@ -260,13 +252,16 @@ KQVisitorConfig KQVisitorConfig::shared() {
   } catch (const Error& error) {
     problem = error;
   }
-  {
-    std::scoped_lock lock(sharedMutex());
-    if (sharedSlot()) {  // Another thread loaded or set it meanwhile: theirs stands.
-      return *sharedSlot();
+  const auto theirs = sharedConfig().with([&](SharedConfig& shared) {
+    if (shared.config) {  // Another thread loaded or set it meanwhile: theirs stands.
+      return shared.config;
     }
-    sharedSlot() = loaded;
-    loadProblemSlot() = problem;
+    shared.config = loaded;
+    shared.loadProblem = problem;
+    return std::optional<KQVisitorConfig>();
+  });
+  if (theirs) {
+    return *theirs;
   }
   if (problem) {
     log("KQVisitorConfig: ", problem->what(),
@@ -278,10 +273,9 @@ KQVisitorConfig KQVisitorConfig::shared() {
 
 namespace {
 
-// Throws the problem of the configuration file when it concerns one of `keys`. The caller holds
-// sharedMutex().
-void refuseIfConcerned(std::initializer_list<std::string_view> keys) {
-  const auto& problem = loadProblemSlot();
+// Throws the problem of the configuration file when it concerns one of `keys`.
+void refuseIfConcerned(const SharedConfig& shared, std::initializer_list<std::string_view> keys) {
+  const auto& problem = shared.loadProblem;
   if (problem) {
     const bool concernsAll = !isKnownKey(problem->key());
     for (const auto key : keys) {
@@ -296,28 +290,32 @@ void refuseIfConcerned(std::initializer_list<std::string_view> keys) {
 
 KQVisitorConfig KQVisitorConfig::sharedFor(std::initializer_list<std::string_view> keys) {
   KQVisitorConfig config = shared();
-  std::scoped_lock lock(sharedMutex());
-  refuseIfConcerned(keys);
+  sharedConfig().with([&](const SharedConfig& current) { refuseIfConcerned(current, keys); });
   return config;
 }
 
 std::string KQVisitorConfig::sharedSetting(std::string KQVisitorConfig::*setting,
                                            std::initializer_list<std::string_view> keys) {
-  {
-    std::scoped_lock lock(sharedMutex());
-    if (sharedSlot()) {
-      refuseIfConcerned(keys);
-      return (*sharedSlot()).*setting;
+  auto value = sharedConfig().with([&](const SharedConfig& current) {
+    std::optional<std::string> found;
+    if (current.config) {
+      refuseIfConcerned(current, keys);
+      found = (*current.config).*setting;
     }
+    return found;
+  });
+  if (value) {
+    return *std::move(value);
   }
   return sharedFor(keys).*setting;  // the first use loads the settings
 }
 
 void KQVisitorConfig::setShared(const KQVisitorConfig& config) {
   config.validate();
-  std::scoped_lock lock(sharedMutex());
-  sharedSlot() = config;
-  loadProblemSlot().reset();
+  sharedConfig().with([&](SharedConfig& shared) {
+    shared.config = config;
+    shared.loadProblem.reset();
+  });
 }
 
 std::string KQVisitorConfig::resolvedUserDefaultsPath() const {

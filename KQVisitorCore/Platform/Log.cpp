@@ -1,21 +1,21 @@
 #include <KQVisitorCore/Platform/Log.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
 #include <unistd.h>
 
 #include <memory>
-#include <mutex>
 
 namespace kq {
 namespace {
 
-std::mutex& sinkMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+struct Installed {
+  std::shared_ptr<const LogSink> sink;
+};
 
-std::shared_ptr<const LogSink>& installedSink() {
-  static std::shared_ptr<const LogSink> sink;
-  return sink;
+Guarded<Installed>& installed() {
+  static Guarded<Installed> installed;
+  return installed;
 }
 
 void writeToStderr(std::string_view line) {
@@ -36,11 +36,7 @@ void writeToStderr(std::string_view line) {
 }  // namespace
 
 void log(std::string_view line) {
-  std::shared_ptr<const LogSink> sink;
-  {
-    std::scoped_lock lock(sinkMutex());
-    sink = installedSink();
-  }
+  const std::shared_ptr<const LogSink> sink = installed().get(&Installed::sink);
   if (sink) {
     (*sink)(line);
   } else {
@@ -49,9 +45,9 @@ void log(std::string_view line) {
 }
 
 void setLogSink(LogSink sink) {
-  auto replacement = sink ? std::make_shared<const LogSink>(std::move(sink)) : nullptr;
-  std::scoped_lock lock(sinkMutex());
-  installedSink() = std::move(replacement);
+  std::shared_ptr<const LogSink> replacement =
+      sink ? std::make_shared<const LogSink>(std::move(sink)) : nullptr;
+  installed().set(&Installed::sink, std::move(replacement));
 }
 
 }  // namespace kq

@@ -6,11 +6,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 namespace kq {
+
+template <class T>
+class Guarded;
 
 /// Delivers named notifications to the observers registered for them, synchronously, on the
 /// posting thread, in order of registration. Thread-safe; observers are called with no lock
@@ -20,16 +21,18 @@ class KQ_EXPORT NotificationCenter {
   using Handler = std::function<void(const Notification&)>;
   using Token = std::uint64_t;
 
-  NotificationCenter() = default;
+  NotificationCenter();
   NotificationCenter(const NotificationCenter&) = delete;
   NotificationCenter& operator=(const NotificationCenter&) = delete;
+  ~NotificationCenter();
 
   /// The process-wide centre through which the library posts its notifications.
   static NotificationCenter& defaultCenter();
 
   /// Registers `handler` for notifications called `name`. With a `sender`, only notifications
   /// posted with that sender reach it. `owner` (optional) groups observers for removal by
-  /// removeObserver(owner). Returns a token for removeObserver(token).
+  /// removeObserver(owner). Returns a token for removeObserver(token). `handler` runs on the
+  /// thread that posts.
   Token addObserver(std::string name, Handler handler, const void* sender = nullptr,
                     const void* owner = nullptr);
 
@@ -45,21 +48,10 @@ class KQ_EXPORT NotificationCenter {
             const void* sender = nullptr);
 
  private:
-  struct Observer {
-    Token token;
-    std::string name;
-    const void* sender;
-    const void* owner;
-    Handler handler;
-    bool removed = false;  // guarded by the centre's mutex
-  };
+  // The observers, under the centre's lock; defined in NotificationCenter.cpp.
+  struct State;
 
-  bool isRemoved(const Observer& observer) const;
-  void removeWhere(const std::function<bool(const Observer&)>& predicate);
-
-  mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<Observer>> observers_;  // guarded by mutex_
-  Token nextToken_ = 1;                               // guarded by mutex_
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq

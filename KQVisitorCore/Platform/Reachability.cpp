@@ -3,6 +3,7 @@
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -14,7 +15,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -125,12 +125,12 @@ bool drainNotifications(int fd) {
 
 }  // namespace
 
-// One run of the notifier, from startNotifier() to stopNotifier().
+// One run of the notifier, from startNotifier() to stopNotifier(): stopped once it is no longer
+// the reachability's notifier.
 struct Notifier {
   FileDescriptor notifications;
   FileDescriptor wake;
   OwnedThread thread;
-  bool stopped = false;  // guarded by detail::ReachabilityImpl::mutex
 };
 
 struct detail::ReachabilityImpl {
@@ -141,23 +141,27 @@ struct detail::ReachabilityImpl {
 
   void run(const std::shared_ptr<Notifier>& current, std::optional<NetworkStatus> initial);
   void deliver(const Notifier& current, NetworkStatus status);
+  // False once stopNotifier() has stopped `run`.
+  [[nodiscard]] bool isRunning(const Notifier& run) const KQ_REQUIRES(mutex) {
+    return notifier.get() == &run;
+  }
 
   const std::string host;
   const bool reportsInitialStatus;
 
-  std::mutex mutex;
-  Reachability* owner = nullptr;       // guarded by mutex
-  NetworkReachable reachable;          // guarded by mutex
-  NetworkUnreachable unreachable;      // guarded by mutex
-  std::shared_ptr<Notifier> notifier;  // guarded by mutex
+  mutable Mutex mutex;
+  Reachability* owner KQ_GUARDED_BY(mutex) = nullptr;
+  NetworkReachable reachable KQ_GUARDED_BY(mutex);
+  NetworkUnreachable unreachable KQ_GUARDED_BY(mutex);
+  std::shared_ptr<Notifier> notifier KQ_GUARDED_BY(mutex);
 };
 
 void detail::ReachabilityImpl::deliver(const Notifier& current, NetworkStatus status) {
   std::function<void(Reachability&)> block;
   Reachability* target = nullptr;
   {
-    std::scoped_lock lock(mutex);
-    if (current.stopped || owner == nullptr) {
+    MutexLock lock(mutex);
+    if (!isRunning(current) || owner == nullptr) {
       return;
     }
     block = status == NetworkStatus::NotReachable ? unreachable : reachable;
@@ -178,8 +182,8 @@ void detail::ReachabilityImpl::run(const std::shared_ptr<Notifier>& current,
   pollfd watched[2] = {{current->notifications.get(), POLLIN, 0}, {current->wake.get(), POLLIN, 0}};
   for (;;) {
     {
-      std::scoped_lock lock(mutex);
-      if (current->stopped) {
+      MutexLock lock(mutex);
+      if (!isRunning(*current)) {
         return;
       }
     }
@@ -205,6 +209,7 @@ void detail::ReachabilityImpl::run(const std::shared_ptr<Notifier>& current,
 }
 
 Reachability::Reachability(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {
+  MutexLock lock(impl_->mutex);
   impl_->owner = this;
 }
 
@@ -230,7 +235,7 @@ std::shared_ptr<Reachability> Reachability::reachabilityWithAddress(std::string 
 
 Reachability::~Reachability() {
   stopNotifier();
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   impl_->owner = nullptr;
 }
 
@@ -239,19 +244,19 @@ const std::string& Reachability::host() const {
 }
 
 void Reachability::setReachableBlock(NetworkReachable block) {
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   std::swap(impl_->reachable, block);
   // The previous handler is released below, outside the lock.
 }
 
 void Reachability::setUnreachableBlock(NetworkUnreachable block) {
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   std::swap(impl_->unreachable, block);
 }
 
 bool Reachability::startNotifier() {
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->notifier) {
       return false;
     }
@@ -268,7 +273,7 @@ bool Reachability::startNotifier() {
   if (isNumericAddress(impl_->host)) {
     initial = routeStatus(impl_->host);
   }
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   if (impl_->notifier) {
     return false;  // another thread started it meanwhile
   }
@@ -281,12 +286,11 @@ bool Reachability::startNotifier() {
 void Reachability::stopNotifier() {
   std::shared_ptr<Notifier> notifier;
   {
-    std::scoped_lock lock(impl_->mutex);
-    notifier = std::move(impl_->notifier);
+    MutexLock lock(impl_->mutex);
+    notifier = std::move(impl_->notifier);  // the run is stopped from here on
     if (!notifier) {
       return;
     }
-    notifier->stopped = true;
   }
   const std::uint64_t one = 1;
   if (write(notifier->wake.get(), &one, sizeof one) < 0) {

@@ -1,16 +1,37 @@
 #include <KQVisitorCore/Platform/Timer.h>
 
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <algorithm>
+#include <condition_variable>
+#include <thread>
 
 namespace kq {
 
+struct Timer::Impl {
+  Impl(const std::shared_ptr<TimerQueue>& timerQueue, Tick function)
+      : queue(timerQueue), tick(std::make_shared<Tick>(std::move(function))) {}
+
+  // Has the queue fire `timer` at `at`; marks the timer invalid when the queue is gone.
+  void schedule(const std::shared_ptr<Timer>& timer, Clock::TimePoint at) KQ_REQUIRES(mutex);
+
+  const std::weak_ptr<TimerQueue> queue;
+  Mutex mutex;
+  std::condition_variable tickFinished;
+  std::shared_ptr<Tick> tick KQ_GUARDED_BY(mutex);
+  bool valid KQ_GUARDED_BY(mutex) = true;
+  bool firing KQ_GUARDED_BY(mutex) = false;
+  std::thread::id firingThread KQ_GUARDED_BY(mutex);
+  TimerQueue::TaskId pendingTask KQ_GUARDED_BY(mutex) = 0;
+  Clock::TimePoint deadline KQ_GUARDED_BY(mutex);
+};
+
 Timer::Timer(Token, const std::shared_ptr<TimerQueue>& queue, Duration interval, bool repeats,
              Tick tick)
-    : queue_(queue),
-      interval_(repeats ? std::max(interval, kMinimumRepeatingInterval)
+    : interval_(repeats ? std::max(interval, kMinimumRepeatingInterval)
                         : std::max(interval, Duration::zero())),
       repeats_(repeats),
-      tick_(std::make_shared<Tick>(std::move(tick))) {}
+      impl_(std::make_unique<Impl>(queue, std::move(tick))) {}
 
 Timer::~Timer() = default;
 
@@ -19,72 +40,77 @@ TimerQueue::~TimerQueue() = default;
 std::shared_ptr<Timer> Timer::scheduledTimer(const std::shared_ptr<TimerQueue>& queue,
                                              Duration interval, bool repeats, Tick tick) {
   auto timer = std::make_shared<Timer>(Token{}, queue, interval, repeats, std::move(tick));
-  std::scoped_lock lock(timer->mutex_);
-  timer->scheduleLocked(Clock::shared()->now() + timer->interval_);
+  Impl& impl = *timer->impl_;
+  MutexLock lock(impl.mutex);
+  impl.schedule(timer, Clock::shared()->now() + timer->interval_);
   return timer;
 }
 
-void Timer::scheduleLocked(Clock::TimePoint deadline) {
-  const auto queue = queue_.lock();
-  if (!queue) {
-    valid_ = false;  // The queue is gone; nothing could ever run the tick.
+void Timer::Impl::schedule(const std::shared_ptr<Timer>& timer, Clock::TimePoint at) {
+  const auto target = queue.lock();
+  if (!target) {
+    valid = false;  // The queue is gone; nothing could ever run the tick.
     return;
   }
-  deadline_ = deadline;
+  deadline = at;
   // The queued task owns the timer, so a scheduled timer stays alive without its creator.
-  pendingTask_ = queue->scheduleAt(deadline, [self = shared_from_this()] { self->fire(); });
+  pendingTask = target->scheduleAt(at, [self = timer] { self->fire(); });
 }
 
 void Timer::fire() {
+  Impl& impl = *impl_;
   std::shared_ptr<Tick> tick;
   {
-    std::scoped_lock lock(mutex_);
-    pendingTask_ = 0;
-    if (!valid_) {
+    MutexLock lock(impl.mutex);
+    impl.pendingTask = 0;
+    if (!impl.valid) {
       return;
     }
-    firing_ = true;
-    firingThread_ = std::this_thread::get_id();
-    tick = tick_;  // A copy, so invalidate() inside the tick cannot destroy it while it runs.
+    impl.firing = true;
+    impl.firingThread = std::this_thread::get_id();
+    tick = impl.tick;  // A copy, so invalidate() inside the tick cannot destroy it while it runs.
   }
   (*tick)(*this);
   std::shared_ptr<Tick> released;
   {
-    std::scoped_lock lock(mutex_);
-    firing_ = false;
-    if (valid_ && repeats_) {
-      Clock::TimePoint next = deadline_ + interval_;
+    MutexLock lock(impl.mutex);
+    impl.firing = false;
+    if (impl.valid && repeats_) {
+      Clock::TimePoint next = impl.deadline + interval_;
       const Clock::TimePoint now = Clock::shared()->now();
       if (next <= now) {
         next += ((now - next) / interval_ + 1) * interval_;
       }
-      scheduleLocked(next);
-    } else if (valid_) {
-      valid_ = false;
-      released = std::move(tick_);
+      impl.schedule(shared_from_this(), next);
+    } else if (impl.valid) {
+      impl.valid = false;
+      released = std::move(impl.tick);
     }
   }
-  tickFinished_.notify_all();
+  impl.tickFinished.notify_all();
   // `tick` and `released` are destroyed here, outside the lock.
 }
 
 void Timer::invalidate() {
+  Impl& impl = *impl_;
   std::shared_ptr<Tick> released;
   TimerQueue::Task cancelled;
   {
-    std::unique_lock lock(mutex_);
-    if (valid_) {
-      valid_ = false;
-      released = std::move(tick_);
-      if (pendingTask_ != 0) {
-        if (const auto queue = queue_.lock()) {
-          cancelled = queue->cancel(pendingTask_);
+    MutexLock lock(impl.mutex);
+    if (impl.valid) {
+      impl.valid = false;
+      released = std::move(impl.tick);
+      if (impl.pendingTask != 0) {
+        if (const auto queue = impl.queue.lock()) {
+          cancelled = queue->cancel(impl.pendingTask);
         }
-        pendingTask_ = 0;
+        impl.pendingTask = 0;
       }
     }
-    if (firing_ && firingThread_ != std::this_thread::get_id()) {
-      tickFinished_.wait(lock, [this] { return !firing_; });
+    if (impl.firing && impl.firingThread != std::this_thread::get_id()) {
+      while (impl.firing) {
+        lock.wait(impl.tickFinished);
+      }
     }
   }
   // The cancelled task may hold the last reference to this timer: release it last.
@@ -93,8 +119,8 @@ void Timer::invalidate() {
 }
 
 bool Timer::isValid() const {
-  std::scoped_lock lock(mutex_);
-  return valid_;
+  MutexLock lock(impl_->mutex);
+  return impl_->valid;
 }
 
 }  // namespace kq

@@ -5,11 +5,8 @@
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/Platform/TimerQueue.h>
 
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <thread>
 
 namespace kq {
 
@@ -29,6 +26,7 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
   static constexpr Duration kMinimumRepeatingInterval = std::chrono::microseconds(100);
 
   /// Schedules `tick` on `queue` after `interval`, and then every `interval` when `repeats`.
+  /// `tick` runs on `queue`, never beside another tick of this timer.
   static std::shared_ptr<Timer> scheduledTimer(const std::shared_ptr<TimerQueue>& queue,
                                                Duration interval, bool repeats, Tick tick);
 
@@ -54,21 +52,14 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
         Tick tick);
 
  private:
-  void scheduleLocked(Clock::TimePoint deadline);
+  // The queue, the tick and the schedule, under the timer's lock; defined in Timer.cpp.
+  struct Impl;
+
   void fire();
 
-  const std::weak_ptr<TimerQueue> queue_;
   const Duration interval_;
   const bool repeats_;
-
-  mutable std::mutex mutex_;
-  std::condition_variable tickFinished_;
-  std::shared_ptr<Tick> tick_;          // guarded by mutex_
-  bool valid_ = true;                   // guarded by mutex_
-  bool firing_ = false;                 // guarded by mutex_
-  std::thread::id firingThread_;        // guarded by mutex_
-  TimerQueue::TaskId pendingTask_ = 0;  // guarded by mutex_
-  Clock::TimePoint deadline_;           // guarded by mutex_
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace kq

@@ -3,6 +3,7 @@
 #include <KQVisitorCore/Platform/Foundation.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,6 +16,18 @@
 #include <ctime>
 
 namespace kq {
+
+struct UserDefaults::Impl {
+  Mutex mutex;
+  Json values KQ_GUARDED_BY(mutex) = Json::object();
+  std::uint64_t changeCount KQ_GUARDED_BY(mutex) = 0;
+  std::uint64_t savedCount KQ_GUARDED_BY(mutex) = 0;
+  bool writeScheduled KQ_GUARDED_BY(mutex) = false;
+  std::shared_ptr<DispatchQueue> writer KQ_GUARDED_BY(mutex);
+  // One writer of the file at a time; taken before `mutex`, never while holding it.
+  Mutex writeMutex KQ_ACQUIRED_BEFORE(mutex);
+};
+
 namespace {
 
 std::string errnoText() {
@@ -118,15 +131,16 @@ UserDefaults& UserDefaults::standard() {
   return *defaults;
 }
 
-UserDefaults::UserDefaults(std::string path) : path_(std::move(path)) {
+UserDefaults::UserDefaults(std::string path)
+    : path_(std::move(path)), impl_(std::make_unique<Impl>()) {
   load();
 }
 
 UserDefaults::~UserDefaults() {
   std::shared_ptr<DispatchQueue> writer;
   {
-    std::scoped_lock lock(mutex_);
-    writer = std::move(writer_);
+    MutexLock lock(impl_->mutex);
+    writer = std::move(impl_->writer);
   }
   writer.reset();  // Joins the writer thread; a write it had queued is done here instead.
   try {
@@ -161,7 +175,8 @@ void UserDefaults::load() {
   } else if (!parsed.is_object()) {
     setAside("does not hold a JSON object");
   } else {
-    values_ = std::move(parsed);
+    MutexLock lock(impl_->mutex);
+    impl_->values = std::move(parsed);
   }
 }
 
@@ -177,9 +192,9 @@ void UserDefaults::setAside(const std::string& problem) const {
 }
 
 std::optional<UserDefaults::Json> UserDefaults::objectForKey(const std::string& key) const {
-  std::scoped_lock lock(mutex_);
-  const auto found = values_.find(key);
-  if (found == values_.end()) {
+  MutexLock lock(impl_->mutex);
+  const auto found = impl_->values.find(key);
+  if (found == impl_->values.end()) {
     return std::nullopt;
   }
   return *found;
@@ -191,16 +206,16 @@ void UserDefaults::setObject(Json value, const std::string& key) {
     return;
   }
   {
-    std::scoped_lock lock(mutex_);
-    values_[key] = std::move(value);
+    MutexLock lock(impl_->mutex);
+    impl_->values[key] = std::move(value);
   }
   markChanged();
 }
 
 void UserDefaults::removeObjectForKey(const std::string& key) {
   {
-    std::scoped_lock lock(mutex_);
-    if (values_.erase(key) == 0) {
+    MutexLock lock(impl_->mutex);
+    if (impl_->values.erase(key) == 0) {
       return;
     }
   }
@@ -266,16 +281,16 @@ void UserDefaults::setBool(bool value, const std::string& key) {
 void UserDefaults::markChanged() {
   std::shared_ptr<DispatchQueue> writer;
   {
-    std::scoped_lock lock(mutex_);
-    ++changeCount_;
-    if (writeScheduled_ || path_.empty()) {
+    MutexLock lock(impl_->mutex);
+    ++impl_->changeCount;
+    if (impl_->writeScheduled || path_.empty()) {
       return;
     }
-    writeScheduled_ = true;
-    if (!writer_) {
-      writer_ = DispatchQueue::create("kq.userdefaults");
+    impl_->writeScheduled = true;
+    if (!impl_->writer) {
+      impl_->writer = DispatchQueue::create("kq.userdefaults");
     }
-    writer = writer_;
+    writer = impl_->writer;
   }
   writer->asyncAfter(kDeferredWriteDelay, [this] { synchronize(); });
 }
@@ -286,22 +301,22 @@ bool UserDefaults::synchronize() {
   }
   std::optional<std::string> problem;
   {
-    std::scoped_lock writeLock(writeMutex_);
+    MutexLock writeLock(impl_->writeMutex);
     Json snapshot;
     std::uint64_t count = 0;
     {
-      std::scoped_lock lock(mutex_);
-      writeScheduled_ = false;
-      if (changeCount_ == savedCount_) {
+      MutexLock lock(impl_->mutex);
+      impl_->writeScheduled = false;
+      if (impl_->changeCount == impl_->savedCount) {
         return true;  // The file already holds these settings.
       }
-      snapshot = values_;
-      count = changeCount_;
+      snapshot = impl_->values;
+      count = impl_->changeCount;
     }
     problem = writeSnapshot(snapshot);
     if (!problem) {
-      std::scoped_lock lock(mutex_);
-      savedCount_ = count;
+      MutexLock lock(impl_->mutex);
+      impl_->savedCount = count;
     }
   }
   if (problem) {

@@ -7,7 +7,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -72,14 +71,12 @@ class KQ_EXPORT UserDefaults {
   // Writes the file; on failure, the line to log.
   [[nodiscard]] std::optional<std::string> writeSnapshot(const Json& snapshot) const;
 
+  // The values and the state of the file's writes, under their locks; defined in
+  // UserDefaults.cpp.
+  struct Impl;
+
   const std::string path_;
-  mutable std::mutex mutex_;
-  Json values_ = Json::object();   // guarded by mutex_
-  std::uint64_t changeCount_ = 0;  // guarded by mutex_
-  std::uint64_t savedCount_ = 0;   // guarded by mutex_
-  bool writeScheduled_ = false;    // guarded by mutex_
-  std::mutex writeMutex_;          // one writer of the file at a time
-  std::shared_ptr<DispatchQueue> writer_;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace kq

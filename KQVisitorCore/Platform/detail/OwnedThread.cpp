@@ -1,5 +1,7 @@
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
 
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <pthread.h>
 
 #include <condition_variable>
@@ -29,7 +31,7 @@ class Reaper {
   void adopt(std::thread thread) {
     static std::once_flag registered;
     std::call_once(registered, [] { std::atexit([] { shared().waitAll(); }); });
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     if (!closed_) {
       pending_.insert(thread.get_id());
     }
@@ -38,7 +40,7 @@ class Reaper {
 
   // The last act of every owned thread, once its body and captures are gone.
   void ended() {
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     if (pending_.erase(std::this_thread::get_id()) > 0) {
       changed_.notify_all();
     }
@@ -46,15 +48,17 @@ class Reaper {
 
  private:
   void waitAll() {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     closed_ = true;
-    changed_.wait(lock, [this] { return pending_.empty(); });
+    while (!pending_.empty()) {
+      lock.wait(changed_);
+    }
   }
 
-  std::mutex mutex_;
+  Mutex mutex_;
   std::condition_variable changed_;
-  std::set<std::thread::id> pending_;  // guarded by mutex_
-  bool closed_ = false;                // guarded by mutex_
+  std::set<std::thread::id> pending_ KQ_GUARDED_BY(mutex_);
+  bool closed_ KQ_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace
