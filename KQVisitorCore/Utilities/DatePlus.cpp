@@ -1,5 +1,7 @@
 #include <KQVisitorCore/Utilities/DatePlus.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
 #include <unicode/calendar.h>
 #include <unicode/locid.h>
 #include <unicode/smpdtfmt.h>
@@ -11,7 +13,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace kq {
@@ -167,26 +168,23 @@ std::optional<Date> roundTrip(std::string_view text, std::string_view format, Zo
   return written ? wallClock.parse(*written) : std::nullopt;
 }
 
-std::mutex& defaultFormatMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
+struct DefaultFormat {
+  std::string format = "yyyy-MM-dd";
+};
 
-std::string& defaultFormatSlot() {
-  static std::string format = "yyyy-MM-dd";
-  return format;
+Guarded<DefaultFormat>& defaultFormatSlot() {
+  static Guarded<DefaultFormat> slot;
+  return slot;
 }
 
 }  // namespace
 
 std::string DatePlus::defaultFormat() {
-  std::scoped_lock lock(defaultFormatMutex());
-  return defaultFormatSlot();
+  return defaultFormatSlot().get(&DefaultFormat::format);
 }
 
 void DatePlus::setDefaultFormat(std::string format) {
-  std::scoped_lock lock(defaultFormatMutex());
-  defaultFormatSlot() = std::move(format);
+  defaultFormatSlot().set(&DefaultFormat::format, std::move(format));
 }
 
 Date DatePlus::now() {

@@ -4,11 +4,14 @@
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
@@ -16,9 +19,10 @@ namespace kq::xmpp {
 /// string, and which verification string each address announced. Thread-safe.
 class KQ_EXPORT XMPPCapabilitiesMemoryStorage {
  public:
-  XMPPCapabilitiesMemoryStorage() = default;
+  XMPPCapabilitiesMemoryStorage();
   XMPPCapabilitiesMemoryStorage(const XMPPCapabilitiesMemoryStorage&) = delete;
   XMPPCapabilitiesMemoryStorage& operator=(const XMPPCapabilitiesMemoryStorage&) = delete;
+  ~XMPPCapabilitiesMemoryStorage();
 
   /// The process-wide storage.
   static const std::shared_ptr<XMPPCapabilitiesMemoryStorage>& sharedInstance();
@@ -33,9 +37,11 @@ class KQ_EXPORT XMPPCapabilitiesMemoryStorage {
   void setVerForJID(const XMPPJID& jid, const std::string& ver);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, XMPPElement> byVer_;  // guarded by mutex_
-  std::map<std::string, std::string> verOf_;  // full address -> ver; guarded by mutex_
+  // The answers and the addresses' verification strings, under the storage's lock; defined in
+  // XMPPCapabilitiesMemoryStorage.cpp.
+  struct State;
+
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq::xmpp

@@ -1,13 +1,20 @@
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
 namespace kq::xmpp {
 
+struct XMPPModule::State {
+  std::weak_ptr<XMPPStream> stream;
+  std::shared_ptr<XMPPQueue> moduleQueue;
+};
+
 XMPPModule::XMPPModule(std::shared_ptr<DispatchQueue> dispatchQueue)
-    : ownQueue_(dispatchQueue ? XMPPQueue::onDispatchQueue(std::move(dispatchQueue)) : nullptr) {
-  moduleQueue_ = ownQueue_;
+    : state_(std::make_unique<Guarded<State>>()),
+      ownQueue_(dispatchQueue ? XMPPQueue::onDispatchQueue(std::move(dispatchQueue)) : nullptr) {
+  state_->set(&State::moduleQueue, ownQueue_);
 }
 
 XMPPModule::~XMPPModule() = default;
@@ -16,40 +23,40 @@ bool XMPPModule::activate(const std::shared_ptr<XMPPStream>& stream) {
   if (!stream) {
     return false;
   }
-  {
-    std::scoped_lock lock(mutex_);
-    if (!stream_.expired()) {
+  const bool activated = state_->with([&](State& state) {
+    if (!state.stream.expired()) {
       return false;
     }
-    stream_ = stream;
+    state.stream = stream;
     if (!ownQueue_) {
-      moduleQueue_ = stream->streamQueue();
+      state.moduleQueue = stream->streamQueue();
     }
+    return true;
+  });
+  if (!activated) {
+    return false;
   }
   stream->registerModule(shared_from_this());
   return true;
 }
 
 void XMPPModule::deactivate() {
-  std::shared_ptr<XMPPStream> stream;
-  {
-    std::scoped_lock lock(mutex_);
-    stream = stream_.lock();
-    stream_.reset();
-  }
+  const std::shared_ptr<XMPPStream> stream = state_->with([](State& state) {
+    auto active = state.stream.lock();
+    state.stream.reset();
+    return active;
+  });
   if (stream) {
     stream->unregisterModule(this);
   }
 }
 
 std::shared_ptr<XMPPStream> XMPPModule::xmppStream() const {
-  std::scoped_lock lock(mutex_);
-  return stream_.lock();
+  return state_->with([](const State& state) { return state.stream.lock(); });
 }
 
 std::shared_ptr<XMPPQueue> XMPPModule::moduleQueue() const {
-  std::scoped_lock lock(mutex_);
-  return moduleQueue_;
+  return state_->get(&State::moduleQueue);
 }
 
 }  // namespace kq::xmpp

@@ -9,8 +9,12 @@
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
@@ -73,9 +77,10 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
   // detail::XMPPQueues.
   [[nodiscard]] std::shared_ptr<XMPPQueue> moduleQueue() const;
 
-  mutable std::mutex mutex_;
-  std::weak_ptr<XMPPStream> stream_;           // guarded by mutex_
-  std::shared_ptr<XMPPQueue> moduleQueue_;     // guarded by mutex_
+  // The stream and the module's queue, under the module's lock; defined in XMPPModule.cpp.
+  struct State;
+
+  const std::unique_ptr<Guarded<State>> state_;
   const std::shared_ptr<XMPPQueue> ownQueue_;  // from the dispatch queue given, or null
 };
 

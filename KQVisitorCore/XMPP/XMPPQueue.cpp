@@ -1,6 +1,7 @@
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 #include <KQVisitorCore/Platform/detail/TimedTasks.h>
 
 #include <asio/executor_work_guard.hpp>
@@ -15,7 +16,6 @@
 #include <atomic>
 #include <cerrno>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -27,16 +27,16 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   explicit Impl(std::string name) : label(std::move(name)) {}
 
   // Arms the wake-up timer for the earliest deadline. On the queue's thread.
-  void rearm();
+  void rearm() KQ_EXCLUDES(mutex);
   // Runs the timed tasks that are due, one at a time, so that a task may cancel a later one.
-  void runDue();
+  void runDue() KQ_EXCLUDES(running, mutex);
   // Asks the queue's thread to rearm (from any thread).
   void postRearm();
   // Adds `task` to the tasks waiting to run, and has the queue's thread run them if it was not
   // asked to already (from any thread).
-  void submit(Task task);
+  void submit(Task task) KQ_EXCLUDES(mutex);
   // Runs the tasks waiting now, in order. On the queue's thread.
-  void runSubmitted();
+  void runSubmitted() KQ_EXCLUDES(running, mutex);
   // Waits for the wake-up descriptor to be written, then runs what was submitted. On the
   // queue's thread.
   void awaitWakeUp();
@@ -57,12 +57,14 @@ struct XMPPQueue::Impl : std::enable_shared_from_this<XMPPQueue::Impl> {
   // A forwarding queue.
   std::shared_ptr<DispatchQueue> target;
 
-  std::mutex running;  // held by whichever thread runs the queue's work (see Turn)
-  std::mutex mutex;
-  TimedTasks timed;            // guarded by mutex
-  std::deque<Task> submitted;  // guarded by mutex
-  bool runScheduled = false;   // guarded by mutex: runSubmitted() will run
-  bool stopped = false;        // guarded by mutex
+  // Held by whichever thread runs the queue's work (see Turn); taken before `mutex`. It guards
+  // no member: it keeps the queue's work to one thread at a time.
+  mutable Mutex running KQ_ACQUIRED_BEFORE(mutex);
+  Mutex mutex;
+  TimedTasks timed KQ_GUARDED_BY(mutex);
+  std::deque<Task> submitted KQ_GUARDED_BY(mutex);
+  bool runScheduled KQ_GUARDED_BY(mutex) = false;  // runSubmitted() will run
+  bool stopped KQ_GUARDED_BY(mutex) = false;
 };
 
 namespace {
@@ -82,7 +84,7 @@ void XMPPQueue::Impl::postRearm() {
 
 void XMPPQueue::Impl::submit(Task task) {
   {
-    std::scoped_lock lock(mutex);
+    MutexLock lock(mutex);
     if (stopped) {
       return;
     }
@@ -104,16 +106,16 @@ void XMPPQueue::Impl::submit(Task task) {
 }
 
 void XMPPQueue::Impl::runSubmitted() {
-  const std::scoped_lock turn(running);
+  const MutexLock turn(running);
   std::deque<Task> tasks;
   {
-    std::scoped_lock lock(mutex);
+    MutexLock lock(mutex);
     tasks.swap(submitted);
     runScheduled = false;
   }
   for (auto& task : tasks) {
     {
-      std::scoped_lock lock(mutex);
+      MutexLock lock(mutex);
       if (stopped) {
         return;  // a task released the queue: what is left is dropped, as it is on a stop
       }
@@ -146,7 +148,7 @@ void XMPPQueue::Impl::awaitWakeUp() {
 void XMPPQueue::Impl::rearm() {
   Clock::TimePoint earliest = Clock::TimePoint::max();
   {
-    std::scoped_lock lock(mutex);
+    MutexLock lock(mutex);
     if (stopped) {
       return;
     }
@@ -171,11 +173,11 @@ void XMPPQueue::Impl::rearm() {
 }
 
 void XMPPQueue::Impl::runDue() {
-  const std::scoped_lock turn(running);
+  const MutexLock turn(running);
   for (;;) {
     Task task;
     {
-      std::scoped_lock lock(mutex);
+      MutexLock lock(mutex);
       if (!stopped) {
         task = timed.takeDue(Clock::shared()->now());
       }
@@ -198,7 +200,7 @@ XMPPQueue::~XMPPQueue() {
   TimedTasks dropped;
   std::deque<Task> droppedSubmitted;
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     impl_->stopped = true;
     dropped = impl_->timed.takeAll();
     droppedSubmitted.swap(impl_->submitted);
@@ -258,41 +260,45 @@ bool XMPPQueue::isCurrent() const {
   return heldQueue == impl_.get() || impl_->threadId.load() == std::this_thread::get_id();
 }
 
-XMPPQueue::Turn::Turn(const Impl* queue, std::unique_lock<std::mutex> lock)
-    : queue_(queue), previous_(heldQueue), lock_(std::move(lock)) {
+// A turn holds the running lock from turn() or tryTurn() until it is destroyed, across scopes
+// the analysis cannot follow: these three are left out of it.
+XMPPQueue::Turn::Turn(const Impl* queue) : queue_(queue), previous_(heldQueue) {
   heldQueue = queue_;
 }
 
-XMPPQueue::Turn::Turn(Turn&& other) noexcept
-    : queue_(other.queue_), previous_(other.previous_), lock_(std::move(other.lock_)) {
+XMPPQueue::Turn::Turn(Turn&& other) noexcept : queue_(other.queue_), previous_(other.previous_) {
   other.queue_ = nullptr;
 }
 
-XMPPQueue::Turn::~Turn() {
+XMPPQueue::Turn::~Turn() KQ_NO_THREAD_SAFETY_ANALYSIS {
   if (queue_ != nullptr) {
     heldQueue = previous_;
+    queue_->running.unlock();
   }
 }
 
-XMPPQueue::Turn XMPPQueue::turn() {
-  return Turn(impl_.get(), std::unique_lock(impl_->running));
+XMPPQueue::Turn XMPPQueue::turn() KQ_NO_THREAD_SAFETY_ANALYSIS {
+  impl_->running.lock();
+  return Turn(impl_.get());
 }
 
-std::optional<XMPPQueue::Turn> XMPPQueue::tryTurn() {
+std::optional<XMPPQueue::Turn> XMPPQueue::tryTurn() KQ_NO_THREAD_SAFETY_ANALYSIS {
   if (impl_->target || isCurrent()) {
     return std::nullopt;
   }
-  std::unique_lock lock(impl_->running, std::try_to_lock);
-  if (!lock.owns_lock()) {
+  if (!impl_->running.try_lock()) {
     return std::nullopt;
   }
+  bool idle = false;
   {
-    std::scoped_lock state(impl_->mutex);
-    if (impl_->stopped || !impl_->submitted.empty()) {
-      return std::nullopt;
-    }
+    MutexLock state(impl_->mutex);
+    idle = !impl_->stopped && impl_->submitted.empty();
   }
-  return Turn(impl_.get(), std::move(lock));
+  if (!idle) {
+    impl_->running.unlock();
+    return std::nullopt;
+  }
+  return Turn(impl_.get());
 }
 
 TimerQueue::TaskId XMPPQueue::scheduleAt(Clock::TimePoint deadline, Task task) {
@@ -302,7 +308,7 @@ TimerQueue::TaskId XMPPQueue::scheduleAt(Clock::TimePoint deadline, Task task) {
   bool earliest = false;
   TaskId id = 0;
   {
-    std::scoped_lock lock(impl_->mutex);
+    MutexLock lock(impl_->mutex);
     if (impl_->stopped) {
       return 0;
     }
@@ -320,7 +326,7 @@ TimerQueue::Task XMPPQueue::cancel(TaskId id) {
     return impl_->target->cancel(id);
   }
   // A cancelled earliest task leaves the wake-up armed; it finds nothing due and rearms.
-  std::scoped_lock lock(impl_->mutex);
+  MutexLock lock(impl_->mutex);
   return impl_->timed.take(id);
 }
 

@@ -5,7 +5,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -58,10 +57,10 @@ class XMPPQueue final : public TimerQueue {
 
    private:
     friend class XMPPQueue;
-    Turn(const Impl* queue, std::unique_lock<std::mutex> lock);
-    const Impl* queue_;
+    // Takes over `queue`'s running lock, which the caller holds; the destructor releases it.
+    explicit Turn(const Impl* queue);
+    const Impl* queue_;  // null once moved from
     const Impl* previous_;
-    std::unique_lock<std::mutex> lock_;
   };
 
   /// Waits until the queue runs nothing and takes a turn: for the queue's own event handlers.

@@ -1,5 +1,6 @@
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 
 #include <KQVisitorCore/Platform/Timer.h>
@@ -14,40 +15,41 @@ namespace kq::xmpp {
 
 XMPPReconnectDelegate::~XMPPReconnectDelegate() = default;
 
+struct XMPPReconnect::Settings {
+  bool autoReconnect = true;
+  Seconds reconnectDelay = kDefaultReconnectDelay;
+  Seconds reconnectTimerInterval = kDefaultReconnectTimerInterval;
+};
+
 XMPPReconnect::XMPPReconnect(std::shared_ptr<DispatchQueue> dispatchQueue)
     : XMPPModule(std::move(dispatchQueue)),
+      settings_(std::make_unique<Guarded<Settings>>()),
       delegates_(std::make_unique<XMPPDelegateList<XMPPReconnectDelegate>>()) {}
 
 XMPPReconnect::~XMPPReconnect() = default;
 
 bool XMPPReconnect::autoReconnect() const {
-  std::scoped_lock lock(settingsMutex_);
-  return autoReconnect_;
+  return settings_->get(&Settings::autoReconnect);
 }
 
 void XMPPReconnect::setAutoReconnect(bool autoReconnect) {
-  std::scoped_lock lock(settingsMutex_);
-  autoReconnect_ = autoReconnect;
+  settings_->set(&Settings::autoReconnect, autoReconnect);
 }
 
 XMPPReconnect::Seconds XMPPReconnect::reconnectDelay() const {
-  std::scoped_lock lock(settingsMutex_);
-  return reconnectDelay_;
+  return settings_->get(&Settings::reconnectDelay);
 }
 
 void XMPPReconnect::setReconnectDelay(Seconds delay) {
-  std::scoped_lock lock(settingsMutex_);
-  reconnectDelay_ = delay;
+  settings_->set(&Settings::reconnectDelay, delay);
 }
 
 XMPPReconnect::Seconds XMPPReconnect::reconnectTimerInterval() const {
-  std::scoped_lock lock(settingsMutex_);
-  return reconnectTimerInterval_;
+  return settings_->get(&Settings::reconnectTimerInterval);
 }
 
 void XMPPReconnect::setReconnectTimerInterval(Seconds interval) {
-  std::scoped_lock lock(settingsMutex_);
-  reconnectTimerInterval_ = interval;
+  settings_->set(&Settings::reconnectTimerInterval, interval);
 }
 
 bool XMPPReconnect::isReconnecting() const {

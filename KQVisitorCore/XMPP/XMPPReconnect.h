@@ -3,11 +3,15 @@
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 
 namespace kq {
 class Timer;
+template <class T>
+class Guarded;
 }  // namespace kq
 
 namespace kq::xmpp {
@@ -52,6 +56,7 @@ class KQ_EXPORT XMPPReconnect : public XMPPModule {
   /// True while attempts are scheduled.
   [[nodiscard]] bool isReconnecting() const;
 
+  /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPReconnectDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
   void removeDelegate(const XMPPReconnectDelegate* delegate);
@@ -69,10 +74,9 @@ class KQ_EXPORT XMPPReconnect : public XMPPModule {
   void attempt();
   void runOnStreamQueue(std::function<void()> task);
 
-  mutable std::mutex settingsMutex_;
-  bool autoReconnect_ = true;                                        // guarded by settingsMutex_
-  Seconds reconnectDelay_ = kDefaultReconnectDelay;                  // guarded by settingsMutex_
-  Seconds reconnectTimerInterval_ = kDefaultReconnectTimerInterval;  // guarded by settingsMutex_
+  // The settings, under their own lock; defined in XMPPReconnect.cpp.
+  struct Settings;
+  const std::unique_ptr<Guarded<Settings>> settings_;
   std::atomic<bool> reconnecting_{false};
 
   // On the stream's queue.

@@ -1,5 +1,6 @@
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
@@ -30,11 +31,17 @@ bool hasStatusCode(const XMPPPresence& presence, int code) {
 
 XMPPRoomDelegate::~XMPPRoomDelegate() = default;
 
+struct XMPPRoom::State {
+  std::optional<std::string> nickname;  // of the last join
+  bool joined = false;
+};
+
 XMPPRoom::XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
                    std::shared_ptr<DispatchQueue> dispatchQueue)
     : XMPPModule(std::move(dispatchQueue)),
       storage_(std::move(storage)),
       roomJID_(roomJID.bareJID()),
+      state_(std::make_unique<Guarded<State>>()),
       delegates_(std::make_unique<XMPPDelegateList<XMPPRoomDelegate>>()) {}
 
 XMPPRoom::~XMPPRoom() = default;
@@ -46,8 +53,7 @@ bool XMPPRoom::isNoAnswer(const XMPPIQ& answer) {
 }
 
 std::optional<std::string> XMPPRoom::myNickname() const {
-  std::scoped_lock lock(mutex_);
-  return nickname_;
+  return state_->get(&State::nickname);
 }
 
 std::optional<XMPPJID> XMPPRoom::myRoomJID() const {
@@ -57,8 +63,7 @@ std::optional<XMPPJID> XMPPRoom::myRoomJID() const {
 }
 
 bool XMPPRoom::isJoined() const {
-  std::scoped_lock lock(mutex_);
-  return joined_;
+  return state_->get(&State::joined);
 }
 
 void XMPPRoom::addDelegate(const std::shared_ptr<XMPPRoomDelegate>& delegate,
@@ -79,10 +84,7 @@ void XMPPRoom::notify(std::function<void(XMPPRoomDelegate&, XMPPRoom&)> call) {
 void XMPPRoom::joinRoomUsingNickname(const std::string& nickname,
                                      const std::optional<XMPPElement>& history,
                                      const std::optional<std::string>& password) {
-  {
-    std::scoped_lock lock(mutex_);
-    nickname_ = nickname;
-  }
+  state_->set(&State::nickname, std::optional<std::string>(nickname));
   const auto stream = xmppStream();
   const auto to = myRoomJID();
   if (!stream || !to) {
@@ -187,12 +189,8 @@ void XMPPRoom::sendMessage(const XMPPMessage& message) {
 }
 
 void XMPPRoom::streamDidDisconnect(const std::optional<KQError>& /*error*/) {
-  bool wasJoined = false;
-  {
-    std::scoped_lock lock(mutex_);
-    wasJoined = joined_;
-    joined_ = false;
-  }
+  const bool wasJoined =
+      state_->with([](State& state) { return std::exchange(state.joined, false); });
   if (wasJoined) {
     notify([](XMPPRoomDelegate& delegate, XMPPRoom& sender) { delegate.xmppRoomDidLeave(sender); });
   }
@@ -213,14 +211,13 @@ void XMPPRoom::streamDidReceivePresence(const XMPPPresence& presence) {
   if (presence.type() == "error") {
     return;  // a refused join: we never were in the room
   }
-  bool changed = false;
-  {
-    std::scoped_lock lock(mutex_);
-    if (unavailable == joined_) {
-      joined_ = !unavailable;
-      changed = true;
+  const bool changed = state_->with([unavailable](State& state) {
+    if (unavailable != state.joined) {
+      return false;
     }
-  }
+    state.joined = !unavailable;
+    return true;
+  });
   if (!changed) {
     return;
   }

@@ -6,10 +6,14 @@
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
@@ -70,6 +74,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   /// Sends `message` to the room as a group-chat message.
   void sendMessage(const XMPPMessage& message);
 
+  /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPRoomDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
   void removeDelegate(const XMPPRoomDelegate* delegate);
@@ -86,9 +91,9 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
 
   const std::shared_ptr<XMPPRoomMemoryStorage> storage_;
   const XMPPJID roomJID_;
-  mutable std::mutex mutex_;
-  std::optional<std::string> nickname_;  // guarded by mutex_
-  bool joined_ = false;                  // guarded by mutex_
+  // The nickname and whether the room has us, under the room's lock; defined in XMPPRoom.cpp.
+  struct State;
+  const std::unique_ptr<Guarded<State>> state_;
   std::unique_ptr<XMPPDelegateList<XMPPRoomDelegate>> delegates_;
 };
 

@@ -1,8 +1,25 @@
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
+
+#include <deque>
+#include <map>
 #include <optional>
 
 namespace kq::xmpp {
+
+struct XMPPRoomMemoryStorage::State {
+  struct Room {
+    std::map<std::string, XMPPPresence> occupants;
+    std::deque<XMPPMessage> messages;
+  };
+  std::map<std::string, Room> rooms;
+  std::optional<XMPPMessage> retired;  // dropped, not yet freed
+};
+
+XMPPRoomMemoryStorage::XMPPRoomMemoryStorage() : state_(std::make_unique<Guarded<State>>()) {}
+
+XMPPRoomMemoryStorage::~XMPPRoomMemoryStorage() = default;
 
 const std::shared_ptr<XMPPRoomMemoryStorage>& XMPPRoomMemoryStorage::sharedInstance() {
   static auto* storage =
@@ -16,30 +33,32 @@ void XMPPRoomMemoryStorage::handlePresence(const XMPPPresence& presence, const X
     return;
   }
   XMPPPresence copy(presence.copy());
-  std::scoped_lock lock(mutex_);
-  auto& occupants = rooms_[roomJID.bare()].occupants;
-  if (presence.type() == "unavailable") {
-    occupants.erase(*from->resource());
-  } else {
-    occupants.insert_or_assign(*from->resource(), std::move(copy));
-  }
+  state_->with([&](State& state) {
+    auto& occupants = state.rooms[roomJID.bare()].occupants;
+    if (presence.type() == "unavailable") {
+      occupants.erase(*from->resource());
+    } else {
+      occupants.insert_or_assign(*from->resource(), std::move(copy));
+    }
+  });
 }
 
 void XMPPRoomMemoryStorage::addMessage(XMPPMessage message, const XMPPJID& roomJID, bool received) {
   // Both are freed after the lock is let go.
   std::optional<XMPPMessage> released;
   std::optional<XMPPMessage> dropped;
-  std::scoped_lock lock(mutex_);
-  released.swap(retired_);
-  auto& messages = rooms_[roomJID.bare()].messages;
-  if (messages.size() >= kMaxMessagesPerRoom) {
-    dropped = std::move(messages.front());
-    messages.pop_front();
-  }
-  messages.push_back(std::move(message));
-  if (received) {
-    retired_ = std::move(dropped);
-  }
+  state_->with([&](State& state) {
+    released.swap(state.retired);
+    auto& messages = state.rooms[roomJID.bare()].messages;
+    if (messages.size() >= kMaxMessagesPerRoom) {
+      dropped = std::move(messages.front());
+      messages.pop_front();
+    }
+    messages.push_back(std::move(message));
+    if (received) {
+      state.retired = std::move(dropped);
+    }
+  });
 }
 
 void XMPPRoomMemoryStorage::handleIncomingMessage(const XMPPMessage& message,
@@ -57,31 +76,32 @@ void XMPPRoomMemoryStorage::handleSentMessage(const XMPPMessage& message, const 
 }
 
 void XMPPRoomMemoryStorage::clearRoom(const XMPPJID& roomJID) {
-  std::scoped_lock lock(mutex_);
-  rooms_.erase(roomJID.bare());
+  state_->with([&](State& state) { state.rooms.erase(roomJID.bare()); });
 }
 
 std::vector<std::string> XMPPRoomMemoryStorage::occupantNicknames(const XMPPJID& roomJID) const {
-  std::scoped_lock lock(mutex_);
   std::vector<std::string> result;
-  const auto found = rooms_.find(roomJID.bare());
-  if (found != rooms_.end()) {
-    for (const auto& [nickname, presence] : found->second.occupants) {
-      result.push_back(nickname);
+  state_->with([&](const State& state) {
+    const auto found = state.rooms.find(roomJID.bare());
+    if (found != state.rooms.end()) {
+      for (const auto& [nickname, presence] : found->second.occupants) {
+        result.push_back(nickname);
+      }
     }
-  }
+  });
   return result;
 }
 
 std::vector<XMPPMessage> XMPPRoomMemoryStorage::messages(const XMPPJID& roomJID) const {
   std::vector<XMPPMessage> result;
-  std::scoped_lock lock(mutex_);
-  const auto found = rooms_.find(roomJID.bare());
-  if (found != rooms_.end()) {
-    for (const auto& message : found->second.messages) {
-      result.push_back(XMPPMessage(message.copy()));
+  state_->with([&](const State& state) {
+    const auto found = state.rooms.find(roomJID.bare());
+    if (found != state.rooms.end()) {
+      for (const auto& message : found->second.messages) {
+        result.push_back(XMPPMessage(message.copy()));
+      }
     }
-  }
+  });
   return result;
 }
 

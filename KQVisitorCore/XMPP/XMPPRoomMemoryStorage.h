@@ -5,13 +5,14 @@
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
 #include <KQVisitorCore/XMPP/XMPPPresence.h>
 
-#include <deque>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
@@ -25,9 +26,10 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
   /// The most messages kept per room; the oldest go first.
   static constexpr std::size_t kMaxMessagesPerRoom = 500;
 
-  XMPPRoomMemoryStorage() = default;
+  XMPPRoomMemoryStorage();
   XMPPRoomMemoryStorage(const XMPPRoomMemoryStorage&) = delete;
   XMPPRoomMemoryStorage& operator=(const XMPPRoomMemoryStorage&) = delete;
+  ~XMPPRoomMemoryStorage();
 
   /// The process-wide storage.
   static const std::shared_ptr<XMPPRoomMemoryStorage>& sharedInstance();
@@ -48,18 +50,15 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
   [[nodiscard]] std::vector<XMPPMessage> messages(const XMPPJID& roomJID) const;
 
  private:
-  struct Room {
-    std::map<std::string, XMPPPresence> occupants;
-    std::deque<XMPPMessage> messages;
-  };
+  // The rooms, under the storage's lock; defined in XMPPRoomMemoryStorage.cpp.
+  struct State;
+
   // `received`: on the way from the socket to the delegates, the dropped message is not freed
   // yet (it is long out of cache, and freeing it takes longer than storing the new one), but
   // with the next message stored, typically the visitor's answer once it is on its way.
   void addMessage(XMPPMessage message, const XMPPJID& roomJID, bool received);
 
-  mutable std::mutex mutex_;
-  std::map<std::string, Room> rooms_;   // guarded by mutex_
-  std::optional<XMPPMessage> retired_;  // guarded by mutex_: dropped, not yet freed
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq::xmpp

@@ -4,20 +4,24 @@
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPRosterItem.h>
 
-#include <map>
-#include <mutex>
+#include <memory>
 #include <optional>
-#include <string>
 #include <vector>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
 /// The roster kept in memory, keyed by bare address. Thread-safe.
 class KQ_EXPORT XMPPRosterMemoryStorage {
  public:
-  XMPPRosterMemoryStorage() = default;
+  XMPPRosterMemoryStorage();
   XMPPRosterMemoryStorage(const XMPPRosterMemoryStorage&) = delete;
   XMPPRosterMemoryStorage& operator=(const XMPPRosterMemoryStorage&) = delete;
+  ~XMPPRosterMemoryStorage();
 
   /// The contact with the bare address of `jid`; nullopt when it is not in the roster.
   [[nodiscard]] std::optional<XMPPRosterItem> userForJID(const XMPPJID& jid) const;
@@ -29,8 +33,10 @@ class KQ_EXPORT XMPPRosterMemoryStorage {
   void clear();
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, XMPPRosterItem> items_;  // guarded by mutex_
+  // The contacts, under the storage's lock; defined in XMPPRosterMemoryStorage.cpp.
+  struct State;
+
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq::xmpp

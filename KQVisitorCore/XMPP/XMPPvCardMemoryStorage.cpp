@@ -1,8 +1,19 @@
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPEncoding.h>
 
+#include <map>
+
 namespace kq::xmpp {
+
+struct XMPPvCardMemoryStorage::State {
+  std::map<std::string, XMPPElement> vCards;  // by bare address
+};
+
+XMPPvCardMemoryStorage::XMPPvCardMemoryStorage() : state_(std::make_unique<Guarded<State>>()) {}
+
+XMPPvCardMemoryStorage::~XMPPvCardMemoryStorage() = default;
 
 const std::shared_ptr<XMPPvCardMemoryStorage>& XMPPvCardMemoryStorage::sharedInstance() {
   static auto* storage =
@@ -11,15 +22,16 @@ const std::shared_ptr<XMPPvCardMemoryStorage>& XMPPvCardMemoryStorage::sharedIns
 }
 
 std::optional<XMPPElement> XMPPvCardMemoryStorage::vCardTempForJID(const XMPPJID& jid) const {
-  std::scoped_lock lock(mutex_);
-  const auto found = vCards_.find(jid.bare());
-  return found == vCards_.end() ? std::nullopt : std::optional<XMPPElement>(found->second.copy());
+  return state_->with([&](const State& state) {
+    const auto found = state.vCards.find(jid.bare());
+    return found == state.vCards.end() ? std::nullopt
+                                       : std::optional<XMPPElement>(found->second.copy());
+  });
 }
 
 void XMPPvCardMemoryStorage::setvCardTemp(const XMPPElement& vCard, const XMPPJID& jid) {
   XMPPElement copy = vCard.copy();
-  std::scoped_lock lock(mutex_);
-  vCards_.insert_or_assign(jid.bare(), std::move(copy));
+  state_->with([&](State& state) { state.vCards.insert_or_assign(jid.bare(), std::move(copy)); });
 }
 
 std::optional<std::string> XMPPvCardMemoryStorage::photoDataForJID(const XMPPJID& jid) const {

@@ -4,20 +4,24 @@
 #include <KQVisitorCore/XMPP/XMPPElement.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 
-#include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+
+namespace kq {
+template <class T>
+class Guarded;
+}  // namespace kq
 
 namespace kq::xmpp {
 
 /// vCards (vcard-temp) kept in memory by bare address. Thread-safe.
 class KQ_EXPORT XMPPvCardMemoryStorage {
  public:
-  XMPPvCardMemoryStorage() = default;
+  XMPPvCardMemoryStorage();
   XMPPvCardMemoryStorage(const XMPPvCardMemoryStorage&) = delete;
   XMPPvCardMemoryStorage& operator=(const XMPPvCardMemoryStorage&) = delete;
+  ~XMPPvCardMemoryStorage();
 
   /// The process-wide storage.
   static const std::shared_ptr<XMPPvCardMemoryStorage>& sharedInstance();
@@ -33,8 +37,10 @@ class KQ_EXPORT XMPPvCardMemoryStorage {
   [[nodiscard]] std::optional<std::string> photoDataForJID(const XMPPJID& jid) const;
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, XMPPElement> vCards_;  // guarded by mutex_
+  // The vCards, under the storage's lock; defined in XMPPvCardMemoryStorage.cpp.
+  struct State;
+
+  const std::unique_ptr<Guarded<State>> state_;
 };
 
 }  // namespace kq::xmpp

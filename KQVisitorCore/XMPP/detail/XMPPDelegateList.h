@@ -1,13 +1,13 @@
 #pragma once
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 #include <KQVisitorCore/XMPP/XMPPQueue.h>
 
 #include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace kq::xmpp {
@@ -25,14 +25,14 @@ class XMPPDelegateList {
     if (!delegate || !queue) {
       return;
     }
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     entries_.push_back(Entry{delegate, delegate.get(), std::move(queue),
                              std::make_shared<std::atomic<bool>>(true)});
   }
 
   /// Removes every registration of `delegate`.
   void remove(const Delegate* delegate) {
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     std::erase_if(entries_, [delegate](const Entry& entry) {
       if (entry.identity == delegate) {
         entry.registered->store(false);
@@ -43,7 +43,7 @@ class XMPPDelegateList {
   }
 
   void removeAll() {
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     for (const auto& entry : entries_) {
       entry.registered->store(false);
     }
@@ -51,7 +51,7 @@ class XMPPDelegateList {
   }
 
   [[nodiscard]] std::size_t count() const {
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     return entries_.size();
   }
 
@@ -118,12 +118,12 @@ class XMPPDelegateList {
   }
 
   std::vector<Entry> snapshot() const {
-    std::scoped_lock lock(mutex_);
+    MutexLock lock(mutex_);
     return entries_;
   }
 
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;  // guarded by mutex_
+  mutable Mutex mutex_;
+  std::vector<Entry> entries_ KQ_GUARDED_BY(mutex_);
 };
 
 }  // namespace kq::xmpp
