@@ -2,6 +2,7 @@
 #include "ServiceOutput.h"
 
 #include <KQVisitorCore/KQVisitorCore.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 
 #include <iostream>
 #include <thread>
@@ -73,18 +74,14 @@ int runCall(const std::vector<std::string>& arguments) {
   // are the immediate ones (no network, unusable settings).
   const auto caller = std::this_thread::get_id();
   Completion finished;
-  std::mutex mutex;
-  bool succeeded = false;
+  kq::Guarded<bool> succeeded;
   bool settingsFailed = false;
   service.requestDataWithParameters(
       parameters, method, *operation,
       [&](std::nullptr_t, nlohmann::ordered_json result) {
         printJSONLine({{"callback", "success"}, {"result", std::move(result)}});
         if (std::this_thread::get_id() != caller) {
-          {
-            std::scoped_lock lock(mutex);
-            succeeded = true;
-          }
+          succeeded.with([](bool& value) { value = true; });
           finished.signal();
         }
       },
@@ -100,8 +97,7 @@ int runCall(const std::vector<std::string>& arguments) {
     return kExitFailure;
   }
   finished.wait();
-  std::scoped_lock lock(mutex);
-  return succeeded ? kExitOk : kExitFailure;
+  return succeeded.with([](bool value) { return value; }) ? kExitOk : kExitFailure;
 }
 
 }  // namespace kqchat

@@ -5,10 +5,10 @@
 namespace kqchat {
 
 void printJSONLine(const nlohmann::ordered_json& line) {
-  static std::mutex mutex;
+  static kq::Mutex mutex;  // one writer of stdout at a time
   const std::string text =
       line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
-  std::scoped_lock lock(mutex);
+  kq::MutexLock lock(mutex);
   std::cout << text << std::endl;
 }
 

@@ -4,11 +4,11 @@
 // parameters, and waiting for callbacks that arrive on the HTTP session's thread.
 
 #include <KQVisitorCore/Platform/KQError.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <nlohmann/json.hpp>
 
 #include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -32,20 +32,22 @@ class Completion {
  public:
   void signal() {
     {
-      std::scoped_lock lock(mutex_);
+      kq::MutexLock lock(mutex_);
       done_ = true;
     }
     condition_.notify_all();
   }
   void wait() {
-    std::unique_lock lock(mutex_);
-    condition_.wait(lock, [this] { return done_; });
+    kq::MutexLock lock(mutex_);
+    while (!done_) {
+      lock.wait(condition_);
+    }
   }
 
  private:
-  std::mutex mutex_;
+  kq::Mutex mutex_;
   std::condition_variable condition_;
-  bool done_ = false;
+  bool done_ KQ_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace kqchat

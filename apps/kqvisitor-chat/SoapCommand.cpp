@@ -2,6 +2,7 @@
 #include "ServiceOutput.h"
 
 #include <KQVisitorCore/KQVisitorCore.h>
+#include <KQVisitorCore/Platform/detail/Guarded.h>
 
 #include <iostream>
 
@@ -46,14 +47,10 @@ int runSoap(const std::vector<std::string>& arguments) {
   }
 
   Completion finished;
-  std::mutex mutex;
-  long reported = 0;
+  kq::Guarded<long> reported;
   const auto block = [&](bool ok, long status) {
     printJSONLine({{"callback", "result"}, {"ok", ok}, {"status", status}});
-    {
-      std::scoped_lock lock(mutex);
-      reported = status;
-    }
+    reported.with([status](long& value) { value = status; });
     finished.signal();
   };
   auto& service = kq::KQVisitorWebService::sharedInstance();
@@ -63,8 +60,7 @@ int runSoap(const std::vector<std::string>& arguments) {
     service.getLanguagesList(parameters, block);
   }
   finished.wait();
-  std::scoped_lock lock(mutex);
-  return reported == 6 ? kExitOk : kExitFailure;
+  return reported.with([](long value) { return value; }) == 6 ? kExitOk : kExitFailure;
 }
 
 }  // namespace kqchat

@@ -3,6 +3,7 @@
 #include "Command.h"
 
 #include <KQVisitorCore/KQVisitorCore.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,7 +18,6 @@
 #include <csignal>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -67,17 +67,17 @@ struct Input {
     }
   }
 
-  std::mutex mutex;
+  kq::Mutex mutex;
   std::condition_variable changed;
-  std::vector<std::string> lines;
-  bool ended = false;               // standard input has ended
-  bool endReported = false;         // and the main queue has been told
-  bool readerDone = false;          // the reader thread has stopped reading
+  std::vector<std::string> lines KQ_GUARDED_BY(mutex);
+  bool ended KQ_GUARDED_BY(mutex) = false;        // standard input has ended
+  bool endReported KQ_GUARDED_BY(mutex) = false;  // and the main queue has been told
+  bool readerDone KQ_GUARDED_BY(mutex) = false;   // the reader thread has stopped reading
   std::array<int, 2> wake{-1, -1};  // written once the main queue has stopped: read what is left
 };
 
 void handOver(Input& input, std::string line) {
-  std::scoped_lock lock(input.mutex);
+  kq::MutexLock lock(input.mutex);
   input.lines.push_back(std::move(line));
 }
 
@@ -105,7 +105,7 @@ void readInput(const std::shared_ptr<Input>& input, const std::function<void()>&
     }
     if (ready < 0) {
       if (!draining) {
-        std::scoped_lock lock(input->mutex);
+        kq::MutexLock lock(input->mutex);
         input->ended = true;  // standard input cannot be watched: as if it had ended
       }
       break;
@@ -124,7 +124,7 @@ void readInput(const std::shared_ptr<Input>& input, const std::function<void()>&
       if (!partial.empty()) {
         handOver(*input, std::move(partial));  // a last line without a line end
       }
-      std::scoped_lock lock(input->mutex);
+      kq::MutexLock lock(input->mutex);
       input->ended = true;
       break;
     }
@@ -140,7 +140,7 @@ void readInput(const std::shared_ptr<Input>& input, const std::function<void()>&
     }
   }
   {
-    std::scoped_lock lock(input->mutex);
+    kq::MutexLock lock(input->mutex);
     input->readerDone = true;
   }
   input->changed.notify_all();
@@ -170,7 +170,7 @@ void runMainQueueWithTerminal(TerminalHandlers handlers, bool prompt) {
     std::vector<std::string> lines;
     bool ended = false;
     {
-      std::scoped_lock lock(input->mutex);
+      kq::MutexLock lock(input->mutex);
       lines.swap(input->lines);
       ended = includingEnd && input->ended && !input->endReported;
       input->endReported = input->endReported || ended;
@@ -198,8 +198,11 @@ void runMainQueueWithTerminal(TerminalHandlers handlers, bool prompt) {
   // The command has stopped the queue. Lines standard input already held (typed before a
   // failure ended the run, say) are still given to it, so that it can report them.
   if (input->wake[1] >= 0 && ::write(input->wake[1], "x", 1) == 1) {
-    std::unique_lock lock(input->mutex);
-    input->changed.wait_for(lock, kInputPatience, [&] { return input->readerDone; });
+    const auto deadline = std::chrono::steady_clock::now() + kInputPatience;
+    kq::MutexLock lock(input->mutex);
+    while (!input->readerDone &&
+           lock.waitUntil(input->changed, deadline) != std::cv_status::timeout) {
+    }
   }
   deliver(false);
 }

@@ -83,8 +83,10 @@ ProsodyProcess::ProsodyProcess(Options options, Log log)
   fs::create_directories(options_.folder / "plugins");
   writeConfiguration();
   supervisor_ = std::thread([this] { supervise(); });
-  std::unique_lock lock(mutex_);
-  changed_.wait_for(lock, kStartPatience, [this] { return ready_ || failed_; });
+  const auto deadline = std::chrono::steady_clock::now() + kStartPatience;
+  kq::MutexLock lock(mutex_);
+  while (!ready_ && !failed_ && lock.waitUntil(changed_, deadline) != std::cv_status::timeout) {
+  }
   if (!ready_) {
     const std::string output = startLog_;
     const bool portTaken = output.find("Failed to open server port") != std::string::npos;
@@ -103,7 +105,7 @@ ProsodyProcess::~ProsodyProcess() {
 
 void ProsodyProcess::stop() {
   {
-    std::scoped_lock lock(mutex_);
+    kq::MutexLock lock(mutex_);
     stopping_ = true;
     if (pid_ > 0) {
       ::kill(pid_, SIGTERM);
@@ -163,7 +165,7 @@ int ProsodyProcess::launch() {
   std::string foreground = "-F";
   std::string configFlag = "--config";
   char* argv[] = {program.data(), foreground.data(), configFlag.data(), config.data(), nullptr};
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   pid_t pid = -1;
   if (!stopping_) {
     const pid_t parent = ::getpid();
@@ -201,7 +203,7 @@ void ProsodyProcess::supervise() {
   while (true) {
     const int output = launch();
     if (output < 0) {
-      std::scoped_lock lock(mutex_);
+      kq::MutexLock lock(mutex_);
       startLog_ += "cannot run " + program_;
       failed_ = true;
       changed_.notify_all();
@@ -212,7 +214,7 @@ void ProsodyProcess::supervise() {
     while ((length = ::read(output, chunk, sizeof chunk)) > 0) {
       log.write(chunk, length);
       log.flush();
-      std::scoped_lock lock(mutex_);
+      kq::MutexLock lock(mutex_);
       if (!ready_) {
         startLog_.append(chunk, static_cast<std::size_t>(length));
         if (startLog_.find("Failed to open server port") != std::string::npos) {
@@ -227,14 +229,14 @@ void ProsodyProcess::supervise() {
     pid_t pid = -1;
     bool wasReady = false;
     {
-      std::scoped_lock lock(mutex_);
+      kq::MutexLock lock(mutex_);
       pid = pid_;
       wasReady = ready_;
     }
     int status = 0;
     ::waitpid(pid, &status, 0);
     {
-      std::scoped_lock lock(mutex_);
+      kq::MutexLock lock(mutex_);
       pid_ = -1;
       if (stopping_ || !wasReady) {
         failed_ = failed_ || !wasReady;

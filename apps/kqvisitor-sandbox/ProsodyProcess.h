@@ -1,10 +1,11 @@
 #pragma once
 
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -47,13 +48,13 @@ class ProsodyProcess {
   Options options_;
   Log log_;
   std::string program_;
-  std::mutex mutex_;
+  kq::Mutex mutex_;
   std::condition_variable changed_;
-  int pid_ = -1;           // guarded by mutex_
-  bool ready_ = false;     // guarded by mutex_
-  bool failed_ = false;    // guarded by mutex_
-  bool stopping_ = false;  // guarded by mutex_
-  std::string startLog_;   // guarded by mutex_: the output of the current start
+  int pid_ KQ_GUARDED_BY(mutex_) = -1;
+  bool ready_ KQ_GUARDED_BY(mutex_) = false;
+  bool failed_ KQ_GUARDED_BY(mutex_) = false;
+  bool stopping_ KQ_GUARDED_BY(mutex_) = false;
+  std::string startLog_ KQ_GUARDED_BY(mutex_);  // the output of the current start
   std::thread supervisor_;
 };
 

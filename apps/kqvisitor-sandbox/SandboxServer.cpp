@@ -1,5 +1,7 @@
 #include "SandboxServer.h"
 
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
@@ -52,8 +54,8 @@ struct SandboxServer::Impl {
   bool tls = false;
   int port = 0;
   std::thread thread;
-  std::mutex mutex;
-  ChatOpened chatOpened;  // guarded by mutex
+  kq::Mutex mutex;
+  ChatOpened chatOpened KQ_GUARDED_BY(mutex);
 
   Impl(SandboxStore& store_, OperatorScript script_, Log log_)
       : store(store_), script(std::move(script_)), log(std::move(log_)) {}
@@ -149,7 +151,7 @@ struct SandboxServer::Impl {
         (survey.empty() ? "" : ", survey " + survey.dump()));
     ChatOpened opened;
     {
-      std::scoped_lock lock(mutex);
+      kq::MutexLock lock(mutex);
       opened = chatOpened;
     }
     if (opened) {
@@ -335,7 +337,7 @@ SandboxServer::~SandboxServer() {
 }
 
 void SandboxServer::setChatOpened(ChatOpened chatOpened) {
-  std::scoped_lock lock(impl_->mutex);
+  kq::MutexLock lock(impl_->mutex);
   impl_->chatOpened = std::move(chatOpened);
 }
 

@@ -164,7 +164,7 @@ const char* const kOperatorColumns =
 std::optional<SandboxWebsite> SandboxStore::websiteByDomain(const std::string& domain) {
   std::string id;
   {
-    std::scoped_lock lock(mutex_);
+    kq::MutexLock lock(mutex_);
     Statement query(db_, "SELECT id FROM websites WHERE domain = ?1 OR domain_arabic = ?1");
     query.bind(1, domain);
     if (!query.step()) {
@@ -176,7 +176,7 @@ std::optional<SandboxWebsite> SandboxStore::websiteByDomain(const std::string& d
 }
 
 std::optional<SandboxWebsite> SandboxStore::websiteById(const std::string& id) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, (std::string(kWebsiteColumns) + "WHERE id = ?").c_str());
   query.bind(1, id);
   if (!query.step()) {
@@ -201,7 +201,7 @@ std::optional<SandboxWebsite> SandboxStore::websiteById(const std::string& id) {
 }
 
 std::optional<SandboxOperator> SandboxStore::operatorById(const std::string& id) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, (std::string(kOperatorColumns) + "WHERE id = ?").c_str());
   query.bind(1, id);
   if (!query.step()) {
@@ -212,13 +212,13 @@ std::optional<SandboxOperator> SandboxStore::operatorById(const std::string& id)
 }
 
 std::string SandboxStore::dataStamp() {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT value FROM meta WHERE key = 'stamp'");
   return query.step() ? query.text(0) : std::string();
 }
 
 std::pair<std::vector<std::string>, int> SandboxStore::script() {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT value FROM meta WHERE key = 'script'");
   if (!query.step()) {
     return {};
@@ -229,7 +229,7 @@ std::pair<std::vector<std::string>, int> SandboxStore::script() {
 
 std::tuple<std::string, std::string, std::string> SandboxStore::addVisitor(
     const std::string& websiteId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "INSERT INTO visitors (website_id, session, name) VALUES (?, '', '')")
       .bind(1, websiteId)
       .step();
@@ -245,14 +245,14 @@ std::tuple<std::string, std::string, std::string> SandboxStore::addVisitor(
 }
 
 bool SandboxStore::visitorExists(const std::string& visitorId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT 1 FROM visitors WHERE id = ?");
   query.bind(1, visitorId);
   return query.step();
 }
 
 std::string SandboxStore::addGreeting(const std::string& operatorId, const std::string& visitorId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "INSERT INTO greetings (operator_id, visitor_id) VALUES (?, ?)")
       .bind(1, operatorId)
       .bind(2, visitorId)
@@ -263,7 +263,7 @@ std::string SandboxStore::addGreeting(const std::string& operatorId, const std::
 std::string SandboxStore::openChat(const std::string& websiteId, const std::string& visitorId,
                                    const std::string& operatorId, const std::string& visitorName,
                                    const std::string& openingText, const std::string& survey) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(
       db_,
       "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, survey) "
@@ -279,7 +279,7 @@ std::string SandboxStore::openChat(const std::string& websiteId, const std::stri
 }
 
 std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_,
                   "SELECT id, website_id, visitor_id, operator_id, ended FROM chats WHERE id = ?");
   query.bind(1, chatId);
@@ -293,7 +293,7 @@ std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
 std::optional<SandboxChat> SandboxStore::latestOpenChat() {
   std::string id;
   {
-    std::scoped_lock lock(mutex_);
+    kq::MutexLock lock(mutex_);
     Statement query(db_, "SELECT id FROM chats WHERE ended = 0 ORDER BY id DESC LIMIT 1");
     if (!query.step()) {
       return std::nullopt;
@@ -304,13 +304,13 @@ std::optional<SandboxChat> SandboxStore::latestOpenChat() {
 }
 
 void SandboxStore::endChat(const std::string& chatId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "UPDATE chats SET ended = 1 WHERE id = ?").bind(1, chatId).step();
 }
 
 std::int64_t SandboxStore::addMessage(const std::string& chatId, const std::string& sender,
                                       const std::string& text) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "INSERT INTO messages (chat_id, sender, text) VALUES (?, ?, ?)")
       .bind(1, chatId)
       .bind(2, sender)
@@ -320,7 +320,7 @@ std::int64_t SandboxStore::addMessage(const std::string& chatId, const std::stri
 }
 
 int SandboxStore::messageCount(const std::string& chatId, const std::string& sender) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT count(*) FROM messages WHERE chat_id = ? AND sender = ?");
   query.bind(1, chatId).bind(2, sender);
   return query.step() ? static_cast<int>(query.number(0)) : 0;
@@ -328,7 +328,7 @@ int SandboxStore::messageCount(const std::string& chatId, const std::string& sen
 
 std::optional<std::pair<std::int64_t, std::string>> SandboxStore::nextOperatorMessage(
     const std::string& chatId, std::int64_t afterId) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_,
                   "SELECT id, text FROM messages WHERE chat_id = ? AND sender = 'operator' AND "
                   "id > ? ORDER BY id LIMIT 1");
@@ -340,12 +340,12 @@ std::optional<std::pair<std::int64_t, std::string>> SandboxStore::nextOperatorMe
 }
 
 void SandboxStore::addOfflineMessage(const std::string& fields) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "INSERT INTO offline_messages (fields) VALUES (?)").bind(1, fields).step();
 }
 
 std::vector<std::string> SandboxStore::offlineMessages() {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT fields FROM offline_messages ORDER BY id");
   std::vector<std::string> all;
   while (query.step()) {
@@ -355,7 +355,7 @@ std::vector<std::string> SandboxStore::offlineMessages() {
 }
 
 std::string SandboxStore::addFile(const std::string& name, const std::string& bytes) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement(db_, "INSERT INTO files (name, bytes) VALUES (?, ?)")
       .bind(1, name)
       .bindBlob(2, bytes)
@@ -364,7 +364,7 @@ std::string SandboxStore::addFile(const std::string& name, const std::string& by
 }
 
 std::optional<std::pair<std::string, std::string>> SandboxStore::file(const std::string& id) {
-  std::scoped_lock lock(mutex_);
+  kq::MutexLock lock(mutex_);
   Statement query(db_, "SELECT name, bytes FROM files WHERE id = ?");
   query.bind(1, id);
   if (!query.step()) {

@@ -2,9 +2,10 @@
 
 #include "SandboxFixture.h"
 
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
+
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -79,11 +80,11 @@ class SandboxStore {
 
  private:
   class Statement;
-  void seed(const SandboxFixture& fixture);
-  void execute(const std::string& sql);
+  void seed(const SandboxFixture& fixture) KQ_REQUIRES(mutex_);
+  void execute(const std::string& sql) KQ_REQUIRES(mutex_);
 
-  std::mutex mutex_;
-  sqlite3* db_ = nullptr;  // guarded by mutex_
+  kq::Mutex mutex_;
+  sqlite3* db_ KQ_GUARDED_BY(mutex_) = nullptr;
 };
 
 }  // namespace kqsandbox

@@ -10,6 +10,7 @@
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/Log.h>
+#include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <nlohmann/json.hpp>
 
@@ -21,7 +22,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -103,7 +103,7 @@ std::optional<std::string> parse(const std::vector<std::string>& arguments, Opti
   return std::nullopt;
 }
 
-std::mutex outputMutex;
+kq::Mutex outputMutex;  // one writer of the log and the terminal at a time
 
 // One line of the log, with the time.
 void logLine(const std::string& line) {
@@ -112,7 +112,7 @@ void logLine(const std::string& line) {
   localtime_r(&now, &local);
   char stamp[16];
   std::strftime(stamp, sizeof stamp, "%H:%M:%S", &local);
-  std::scoped_lock lock(outputMutex);
+  kq::MutexLock lock(outputMutex);
   std::cout << stamp << " " << line << std::endl;
 }
 
@@ -264,7 +264,7 @@ int main(int argc, char** argv) {
     // The library's own diagnostics (the operators' XMPP) go to a file, not the terminal.
     std::ofstream libraryLog(folder / "library.log", std::ios::app);
     kq::setLogSink([&libraryLog](std::string_view line) {
-      std::scoped_lock lock(outputMutex);
+      kq::MutexLock lock(outputMutex);
       libraryLog << line << std::endl;
     });
 
