@@ -30,11 +30,11 @@ std::optional<std::string> addParameter(const std::string& argument,
 /// A flag that one thread raises and another waits for.
 class Completion {
  public:
+  /// Raises the flag and wakes the waiter, under the lock: the waiter may destroy the flag as
+  /// soon as it sees it raised.
   void signal() {
-    {
-      kq::MutexLock lock(mutex_);
-      done_ = true;
-    }
+    kq::MutexLock lock(mutex_);
+    done_ = true;
     condition_.notify_all();
   }
   void wait() {
