@@ -6,13 +6,10 @@ install(TARGETS KQVisitorCore EXPORT KQVisitorCoreTargets
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 # Internal headers live in detail/ folders and stay out of the installed tree; no installed
 # header includes them (the installed-package test compiles each installed header alone).
-# XMPPQueue.h is internal too (only private members name its class); it moves to detail/ with
-# the next change to its locking.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/KQVisitorCore/
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/KQVisitorCore
   FILES_MATCHING PATTERN "*.h"
-  PATTERN "detail" EXCLUDE
-  PATTERN "XMPPQueue.h" EXCLUDE)
+  PATTERN "detail" EXCLUDE)
 
 set(KQ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/KQVisitorCore)
 install(EXPORT KQVisitorCoreTargets NAMESPACE KQVisitorCore:: DESTINATION ${KQ_CMAKE_DIR})

@@ -4,9 +4,9 @@
 #include <KQVisitorCore/Utilities/DatePlus.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include <functional>

@@ -1,8 +1,8 @@
 #include <KQVisitorCore/XMPP/XMPPModule.h>
 
 #include <KQVisitorCore/Platform/detail/Guarded.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 
 namespace kq::xmpp {
 

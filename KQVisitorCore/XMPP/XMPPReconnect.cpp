@@ -4,9 +4,9 @@
 #include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 
 #include <KQVisitorCore/Platform/Timer.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include <algorithm>

@@ -2,11 +2,11 @@
 
 #include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 #include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/detail/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamController.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamErrors.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamSettings.h>

@@ -1,6 +1,5 @@
 #include <KQVisitorCore/XMPP/XMPPCapabilities.h>
 #include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
@@ -10,6 +9,7 @@
 #include <KQVisitorCore/XMPP/XMPPvCardAvatarModule.h>
 #include <KQVisitorCore/XMPP/XMPPvCardMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPvCardTempModule.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/FakePeerStreamTest.h"

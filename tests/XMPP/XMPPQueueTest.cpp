@@ -1,6 +1,6 @@
 #include <KQVisitorCore/Platform/Timer.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/MainQueue.h"

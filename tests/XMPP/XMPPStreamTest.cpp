@@ -1,9 +1,9 @@
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 #include <KQVisitorCore/XMPP/detail/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPQueues.h>
 
 #include "tests/support/FakePeerStreamTest.h"

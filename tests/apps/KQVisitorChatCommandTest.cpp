@@ -112,8 +112,6 @@ class ChatService {
     return {};
   }
 
-  test::RecordingHTTPServer server;
-
  private:
   static test::ScriptedResponse json(int status, std::string body) {
     test::ScriptedResponse response;
@@ -148,6 +146,10 @@ class ChatService {
   std::vector<std::string> replies_;
   std::size_t nextReply_ = 0;
   std::deque<std::string> outbox_;
+
+ public:
+  // Last, so that it stops first: its threads answer from the members above.
+  test::RecordingHTTPServer server;
 };
 
 class KQVisitorChatCommandTest : public ::testing::Test {

@@ -2,7 +2,7 @@
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/detail/ThreadSafety.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 
 #include <atomic>
 #include <cstddef>

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <KQVisitorCore/XMPP/XMPPModule.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 
 #include <memory>
 

@@ -3,8 +3,8 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPParser.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamErrors.h>
 
 #include <netinet/in.h>

@@ -1,8 +1,8 @@
 #include <KQVisitorCore/XMPP/detail/XMPPStreamController.h>
 
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamErrors.h>
 
 #include <asio/ssl/context.hpp>

@@ -1,4 +1,4 @@
-#include <KQVisitorCore/XMPP/XMPPQueue.h>
+#include <KQVisitorCore/XMPP/detail/XMPPQueue.h>
 
 #include <KQVisitorCore/Platform/detail/OwnedThread.h>
 #include <KQVisitorCore/Platform/detail/ThreadSafety.h>
