@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <future>
-#include <random>
 #include <thread>
 #include <vector>
 
@@ -111,30 +110,6 @@ TEST(TimerTest, InvalidateFromAnotherThreadWaitsForATickInProgress) {
   release.set_value();
   invalidator.join();
   EXPECT_TRUE(finishedWhenInvalidateReturned);
-}
-
-TEST(TimerTest, ManyTimersFireInDeadlineOrder) {
-  ManualClockScope clock;
-  std::mt19937 random(42);
-  std::uniform_int_distribution<int> milliseconds(1, 5000);
-  std::vector<std::pair<int, int>> expected;  // (deadline, index)
-  std::vector<int> fired;
-  std::vector<std::shared_ptr<Timer>> timers;
-  for (int i = 0; i < 200; ++i) {
-    const int deadline = milliseconds(random);
-    expected.emplace_back(deadline, i);
-    timers.push_back(Timer::scheduledTimer(DispatchQueue::main(),
-                                           std::chrono::milliseconds(deadline), false,
-                                           [&fired, i](Timer&) { fired.push_back(i); }));
-  }
-  std::stable_sort(expected.begin(), expected.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
-  clock->advance(5s);
-  test::drainMainQueue();
-  ASSERT_EQ(fired.size(), expected.size());
-  for (size_t i = 0; i < fired.size(); ++i) {
-    EXPECT_EQ(fired[i], expected[i].second) << "position " << i;
-  }
 }
 
 // A one-shot timer keeps itself alive until it fires, fires once, then releases its tick and
