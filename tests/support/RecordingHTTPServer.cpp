@@ -133,10 +133,6 @@ RecordingHTTPServer::~RecordingHTTPServer() {
   impl_->thread.join();
 }
 
-int RecordingHTTPServer::port() const {
-  return impl_->port;
-}
-
 std::string RecordingHTTPServer::origin() const {
   return std::string(impl_->tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(impl_->port);
 }
@@ -275,10 +271,6 @@ RawHTTPServer::~RawHTTPServer() {
   impl_->thread.join();
   close(impl_->listener);
   close(impl_->wake);
-}
-
-int RawHTTPServer::port() const {
-  return impl_->port;
 }
 
 std::string RawHTTPServer::origin() const {

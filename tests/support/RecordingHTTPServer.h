@@ -49,7 +49,6 @@ class RecordingHTTPServer {
   RecordingHTTPServer(const RecordingHTTPServer&) = delete;
   RecordingHTTPServer& operator=(const RecordingHTTPServer&) = delete;
 
-  [[nodiscard]] int port() const;
   /// "http://127.0.0.1:<port>" (https with TLS).
   [[nodiscard]] std::string origin() const;
 
@@ -88,7 +87,6 @@ class RawHTTPServer {
   RawHTTPServer(const RawHTTPServer&) = delete;
   RawHTTPServer& operator=(const RawHTTPServer&) = delete;
 
-  [[nodiscard]] int port() const;
   [[nodiscard]] std::string origin() const;
   /// Answers the next request not yet answered.
   void enqueueResponse(std::string rawResponse);

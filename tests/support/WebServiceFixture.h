@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <future>
 #include <memory>
@@ -104,7 +103,8 @@ inline void flushSharedWebService() {
 }
 
 /// A web service talking to a RecordingHTTPServer: every configured origin points at the
-/// server, the service has its own HTTP session, and the network check answers `internet`.
+/// server, the service has its own HTTP session, and the network check always finds the
+/// internet.
 class WebServiceFixture : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -118,7 +118,7 @@ class WebServiceFixture : public ::testing::Test {
   KQVisitorWebService::Dependencies dependencies() {
     KQVisitorWebService::Dependencies result;
     result.session = session;
-    result.isInternetAvaliable = [this] { return internet.load(); };
+    result.isInternetAvaliable = [] { return true; };
     return result;
   }
 
@@ -127,7 +127,6 @@ class WebServiceFixture : public ::testing::Test {
   RecordingHTTPServer server;
   CallbackRecorder recorder;
   std::shared_ptr<HTTPSession> session = HTTPSession::create({});
-  std::atomic<bool> internet{true};
   std::unique_ptr<KQVisitorWebService> service;
 };
 
