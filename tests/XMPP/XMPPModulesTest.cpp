@@ -18,13 +18,8 @@
 namespace kq::xmpp {
 namespace {
 
+constexpr auto idOf = &test::FakeXMPPPeer::idOf;
 using test::runMainQueueUntil;
-
-// The id attribute of the first element in `text`.
-std::string idOf(const std::string& text) {
-  const auto start = text.find("id=\"") + 4;
-  return text.substr(start, text.find('"', start) - start);
-}
 
 using XMPPModulesTest = test::FakePeerStreamTest;
 

@@ -344,10 +344,9 @@ class XMPPStreamDeadConnectionTest : public XMPPStreamTest {
   // Reads the next ping the stream sends and answers its id.
   std::string receivePing() {
     const std::string ping = peer.receiveUntil("</iq>");
-    const auto idStart = ping.find("id=\"") + 4;
     EXPECT_NE(ping.find("<ping xmlns=\"urn:xmpp:ping\"/>"), std::string::npos) << ping;
     EXPECT_NE(ping.find("type=\"get\""), std::string::npos) << ping;
-    return ping.substr(idStart, ping.find('"', idStart) - idStart);
+    return test::FakeXMPPPeer::idOf(ping);
   }
 
   test::ManualClockScope clock;

@@ -161,6 +161,11 @@ std::string FakeXMPPPeer::features(std::string_view mechanisms, bool tls) {
   return text;
 }
 
+std::string FakeXMPPPeer::idOf(std::string_view stanza) {
+  const auto start = stanza.find("id=\"") + 4;
+  return std::string(stanza.substr(start, stanza.find('"', start) - start));
+}
+
 bool FakeXMPPPeer::openStream(std::string_view mechanisms, bool tls) {
   if (!accept()) {
     return false;
@@ -182,10 +187,9 @@ std::string FakeXMPPPeer::completeAuthentication(std::string_view boundJID) {
        "<session xmlns='urn:ietf:params:xml:ns:xmpp-session'><optional/></session>"
        "</stream:features>");
   std::string request = receiveUntil("</iq>");
-  const auto idStart = request.find("id=\"") + 4;
-  const std::string id = request.substr(idStart, request.find('"', idStart) - idStart);
-  send("<iq type='result' id='" + id + "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>" +
-       std::string(boundJID) + "</jid></bind></iq>");
+  send("<iq type='result' id='" + idOf(request) +
+       "'><bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'><jid>" + std::string(boundJID) +
+       "</jid></bind></iq>");
   return request;
 }
 

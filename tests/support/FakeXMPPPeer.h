@@ -43,6 +43,8 @@ class FakeXMPPPeer {
   static std::string features(std::string_view mechanisms, bool tls = false);
   /// Accepts a client and answers its stream header with features offering `mechanisms`.
   bool openStream(std::string_view mechanisms = "ANONYMOUS PLAIN", bool tls = false);
+  /// The id attribute of the first element in `stanza`.
+  static std::string idOf(std::string_view stanza);
   /// Reads the client's <auth/>, answers success, reads the restarted stream header, offers
   /// binding and binds the resource to `boundJID`. Returns the bind request.
   std::string completeAuthentication(std::string_view boundJID);
