@@ -328,14 +328,5 @@ TEST_F(KQVisitorXMPPClientTest, IdleRoomRemovalNeedsARoomIdAndReloads) {
   EXPECT_EQ(notifications.names(), std::vector<std::string>{"reloadData"});
 }
 
-TEST(KQVisitorXMPPClientSingletonTest, InstanceIsOneObjectWithOneStream) {
-  auto& first = KQVisitorXMPPClient::instance();
-  auto& second = KQVisitorXMPPClient::instance();
-  EXPECT_EQ(&first, &second);
-  EXPECT_EQ(first.xmppStream(), second.xmppStream());
-  EXPECT_EQ(first.sitesManager(), second.sitesManager());
-  EXPECT_TRUE(first.xmppStream()->isDisconnected());
-}
-
 }  // namespace
 }  // namespace kq
