@@ -265,12 +265,7 @@ TEST_F(ReachabilityTest, TheChatCommandWithoutANetworkSaysSoAndExitsAtOnce) {
   const auto result = test::runChild({KQ_CHAT_TOOL, "chat", "--domain", "shop.example", "--json"},
                                      {"KQVISITOR_CONFIG=" + folder.file("config.json")}, "Hi\n");
   EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  std::vector<Json> errors;
-  for (const auto& event : test::jsonLines(result.out)) {
-    if (event["event"] == "error") {
-      errors.push_back(event);
-    }
-  }
+  const auto errors = test::named(test::jsonLines(result.out), "error");
   ASSERT_FALSE(errors.empty()) << result.out;
   EXPECT_EQ(
       errors.back(),

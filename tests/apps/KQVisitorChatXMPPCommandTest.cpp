@@ -2,8 +2,8 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/JSONLines.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/ProsodyServer.h"
-#include "tests/support/RecordingHTTPServer.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <nlohmann/json.hpp>
@@ -16,17 +16,7 @@ namespace kq {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// The events named `name`, in order.
-std::vector<Json> named(const std::vector<Json>& all, const std::string& name) {
-  std::vector<Json> found;
-  for (const auto& event : all) {
-    if (event["event"] == name) {
-      found.push_back(event);
-    }
-  }
-  return found;
-}
+using test::named;
 
 class KQVisitorChatXMPPCommandTest : public ::testing::Test {
  protected:

@@ -18,4 +18,16 @@ inline std::vector<nlohmann::ordered_json> jsonLines(const std::string& out) {
   return lines;
 }
 
+/// The events of `all` whose "event" is `name`, in order.
+inline std::vector<nlohmann::ordered_json> named(const std::vector<nlohmann::ordered_json>& all,
+                                                 const std::string& name) {
+  std::vector<nlohmann::ordered_json> found;
+  for (const auto& event : all) {
+    if (event["event"] == name) {
+      found.push_back(event);
+    }
+  }
+  return found;
+}
+
 }  // namespace kq::test
