@@ -28,19 +28,22 @@ struct NotificationCenter::State {
 
 namespace {
 
-// Takes the observers that `predicate` selects out of `observers`, marked removed.
-template <class Predicate>
-std::vector<std::shared_ptr<Observer>> takeWhere(std::vector<std::shared_ptr<Observer>>& observers,
-                                                 const Predicate& predicate) {
-  std::vector<std::shared_ptr<Observer>> removed;
-  auto kept = std::stable_partition(observers.begin(), observers.end(),
-                                    [&](const auto& observer) { return !predicate(*observer); });
-  for (auto it = kept; it != observers.end(); ++it) {
-    (*it)->removed = true;
-    removed.push_back(std::move(*it));
-  }
-  observers.erase(kept, observers.end());
-  return removed;
+// Removes the observers that `predicate` selects, marked removed so that a post under way
+// skips them. Their handlers' captures are destroyed after the lock is released.
+template <class Centre, class Predicate>
+void removeWhere(Guarded<Centre>& state, const Predicate& predicate) {
+  const auto removed = state.with([&predicate](Centre& centre) {
+    std::vector<std::shared_ptr<Observer>> taken;
+    auto& observers = centre.observers;
+    auto kept = std::stable_partition(observers.begin(), observers.end(),
+                                      [&](const auto& observer) { return !predicate(*observer); });
+    for (auto it = kept; it != observers.end(); ++it) {
+      (*it)->removed = true;
+      taken.push_back(std::move(*it));
+    }
+    observers.erase(kept, observers.end());
+    return taken;
+  });
 }
 
 }  // namespace
@@ -69,20 +72,12 @@ NotificationCenter::Token NotificationCenter::addObserver(std::string name, Hand
 }
 
 void NotificationCenter::removeObserver(Token token) {
-  const auto removed = state_->with([token](State& centre) {
-    return takeWhere(centre.observers,
-                     [token](const Observer& observer) { return observer.token == token; });
-  });
-  // The handlers' captures are destroyed here, outside the lock.
+  removeWhere(*state_, [token](const Observer& observer) { return observer.token == token; });
 }
 
 void NotificationCenter::removeObserver(const void* owner) {
   if (owner != nullptr) {
-    const auto removed = state_->with([owner](State& centre) {
-      return takeWhere(centre.observers,
-                       [owner](const Observer& observer) { return observer.owner == owner; });
-    });
-    // The handlers' captures are destroyed here, outside the lock.
+    removeWhere(*state_, [owner](const Observer& observer) { return observer.owner == owner; });
   }
 }
 

@@ -2,8 +2,8 @@
 #include "ServiceOutput.h"
 
 #include <KQVisitorCore/KQVisitorCore.h>
-#include <KQVisitorCore/Platform/detail/Guarded.h>
 
+#include <atomic>
 #include <iostream>
 #include <thread>
 
@@ -74,14 +74,14 @@ int runCall(const std::vector<std::string>& arguments) {
   // are the immediate ones (no network, unusable settings).
   const auto caller = std::this_thread::get_id();
   Completion finished;
-  kq::Guarded<bool> succeeded;
+  std::atomic<bool> succeeded = false;
   bool settingsFailed = false;
   service.requestDataWithParameters(
       parameters, method, *operation,
       [&](std::nullptr_t, nlohmann::ordered_json result) {
         printJSONLine({{"callback", "success"}, {"result", std::move(result)}});
         if (std::this_thread::get_id() != caller) {
-          succeeded.with([](bool& value) { value = true; });
+          succeeded = true;
           finished.signal();
         }
       },
@@ -97,7 +97,7 @@ int runCall(const std::vector<std::string>& arguments) {
     return kExitFailure;
   }
   finished.wait();
-  return succeeded.with([](bool value) { return value; }) ? kExitOk : kExitFailure;
+  return succeeded ? kExitOk : kExitFailure;
 }
 
 }  // namespace kqchat

@@ -2,8 +2,8 @@
 #include "ServiceOutput.h"
 
 #include <KQVisitorCore/KQVisitorCore.h>
-#include <KQVisitorCore/Platform/detail/Guarded.h>
 
+#include <atomic>
 #include <iostream>
 
 namespace kqchat {
@@ -47,10 +47,10 @@ int runSoap(const std::vector<std::string>& arguments) {
   }
 
   Completion finished;
-  kq::Guarded<long> reported;
+  std::atomic<long> reported = 0;
   const auto block = [&](bool ok, long status) {
     printJSONLine({{"callback", "result"}, {"ok", ok}, {"status", status}});
-    reported.with([status](long& value) { value = status; });
+    reported = status;
     finished.signal();
   };
   auto& service = kq::KQVisitorWebService::sharedInstance();
@@ -60,7 +60,7 @@ int runSoap(const std::vector<std::string>& arguments) {
     service.getLanguagesList(parameters, block);
   }
   finished.wait();
-  return reported.with([](long value) { return value; }) == 6 ? kExitOk : kExitFailure;
+  return reported == 6 ? kExitOk : kExitFailure;
 }
 
 }  // namespace kqchat

@@ -24,17 +24,17 @@ class Guarded {
     return std::forward<Function>(function)(value_);
   }
 
-  /// A copy of one field. (Owner is T; deduced, so that a Guarded of a scalar compiles.)
-  template <class Field, class Owner = T>
-  Field get(Field Owner::*field) const KQ_EXCLUDES(mutex_) {
+  /// A copy of one field.
+  template <class Field>
+  Field get(Field T::*field) const KQ_EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     return value_.*field;
   }
 
   /// Replaces one field. The old value is destroyed after the lock is released, so that its
   /// destructor may call back in.
-  template <class Field, class Owner = T>
-  void set(Field Owner::*field, Field value) KQ_EXCLUDES(mutex_) {
+  template <class Field>
+  void set(Field T::*field, Field value) KQ_EXCLUDES(mutex_) {
     {
       MutexLock lock(mutex_);
       std::swap(value_.*field, value);
