@@ -44,6 +44,12 @@ bool ProsodyServer::launch() {
   if (!options_.tls) {
     arguments.emplace_back("--no-tls");
   }
+  if (!options_.streamManagement) {
+    arguments.emplace_back("--no-smacks");
+  }
+  if (!options_.roomArchive) {
+    arguments.emplace_back("--no-archive");
+  }
   for (const auto& name : options_.certificateNames) {
     arguments.insert(arguments.end(), {"--host", name});
   }
