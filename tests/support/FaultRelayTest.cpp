@@ -1,0 +1,124 @@
+// The fault relay that the reconnection tests and the soak benchmark put between a client and
+// its server: plain sockets on both sides, so that what each side sees is the kernel's word.
+
+#include "tests/support/FaultRelay.h"
+
+#include "tests/support/Loopback.h"
+#include "tests/support/MainQueue.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace kq::test {
+namespace {
+
+// A socket closed at the end of its scope.
+class Socket {
+ public:
+  explicit Socket(int fd) : fd_(fd) {}
+  ~Socket() { close(); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  [[nodiscard]] int fd() const { return fd_; }
+  void close() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+      fd_ = -1;
+    }
+  }
+  void send(const std::string& text) const {
+    ASSERT_EQ(::send(fd_, text.data(), text.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(text.size()));
+  }
+  // What arrives within `patience`: the bytes, "(closed)" at the end of the stream, "error:
+  // NAME" when the read fails, "(nothing)" when nothing came.
+  [[nodiscard]] std::string read(std::chrono::milliseconds patience = kPatience) const {
+    pollfd waiting{fd_, POLLIN, 0};
+    if (::poll(&waiting, 1, static_cast<int>(patience.count())) <= 0) {
+      return "(nothing)";
+    }
+    char buffer[256];
+    const ssize_t size = ::recv(fd_, buffer, sizeof buffer, 0);
+    if (size < 0) {
+      return std::string("error: ") + strerrorname_np(errno);
+    }
+    return size == 0 ? "(closed)" : std::string(buffer, static_cast<std::size_t>(size));
+  }
+
+ private:
+  int fd_;
+};
+
+// The target server's side of the next connection the relay makes; -1 when none comes.
+int acceptFrom(const Socket& listener) {
+  pollfd waiting{listener.fd(), POLLIN, 0};
+  const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kPatience);
+  if (::poll(&waiting, 1, static_cast<int>(patience.count())) <= 0) {
+    return -1;
+  }
+  return ::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC);
+}
+
+class FaultRelayTest : public ::testing::Test {
+ protected:
+  std::uint16_t targetPort_ = 0;
+  Socket listener_{listenOnLoopback(targetPort_)};
+  FaultRelay relay_{targetPort_};
+};
+
+TEST_F(FaultRelayTest, ForwardsBothWaysAndEndsTheOtherSideOnACloseOrAReset) {
+  Socket client(connectToLoopback(relay_.port()));
+  Socket server(acceptFrom(listener_));
+  ASSERT_GE(server.fd(), 0);
+  client.send("hello");
+  EXPECT_EQ(server.read(), "hello");
+  server.send("welcome");
+  EXPECT_EQ(client.read(), "welcome");
+  server.close();
+  EXPECT_EQ(client.read(), "(closed)");
+
+  const Socket second(connectToLoopback(relay_.port()));
+  const Socket secondServer(acceptFrom(listener_));
+  second.send("ping");
+  ASSERT_EQ(secondServer.read(), "ping");  // the relay holds the connection
+  relay_.reset();
+  EXPECT_EQ(second.read(), "error: ECONNRESET");
+  EXPECT_EQ(secondServer.read(), "(closed)");
+  EXPECT_EQ(relay_.counts().accepted, 2);
+  EXPECT_EQ(relay_.counts().open, 0);
+}
+
+TEST_F(FaultRelayTest, ASilentDropHoldsTheBytesOfEveryConnectionUntilItEnds) {
+  const Socket client(connectToLoopback(relay_.port()));
+  const Socket server(acceptFrom(listener_));
+  client.send("hello");
+  ASSERT_EQ(server.read(), "hello");
+
+  relay_.dropSilently(true);
+  client.send("up");
+  server.send("down");
+  // A connection made during the drop is accepted and reaches the server, but carries nothing.
+  const Socket late(connectToLoopback(relay_.port()));
+  const Socket lateServer(acceptFrom(listener_));
+  ASSERT_GE(lateServer.fd(), 0);
+  late.send("late");
+  EXPECT_EQ(relay_.counts().open, 2);
+  std::vector<pollfd> receivers = {
+      {server.fd(), POLLIN, 0}, {client.fd(), POLLIN, 0}, {lateServer.fd(), POLLIN, 0}};
+  EXPECT_EQ(::poll(receivers.data(), receivers.size(), 100), 0) << "something went through";
+
+  relay_.dropSilently(false);
+  EXPECT_EQ(server.read(), "up");
+  EXPECT_EQ(client.read(), "down");
+  EXPECT_EQ(lateServer.read(), "late");
+}
+
+}  // namespace
+}  // namespace kq::test
