@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -130,8 +131,10 @@ void ProsodyProcess::writeConfiguration() const {
          << "data_path = " << lua((folder / "data").string()) << "\n"
          << "plugin_paths = { " << lua((folder / "plugins").string()) << " }\n"
          << "log = { { levels = { min = \"info\" }, to = \"console\" } }\n"
+         // Stream management: a client whose connection drops resumes its session, and what
+         // the server sent in between is not lost.
          << "modules_enabled = { \"roster\", \"saslauth\", \"tls\", \"disco\", \"ping\", "
-            "\"presence\", \"message\", \"iq\" }\n"
+            "\"presence\", \"message\", \"iq\", \"smacks\" }\n"
          << "modules_disabled = { \"s2s\" }\n"
          << "c2s_ports = { " << options_.port << " }\n"
          << "c2s_interfaces = { \"127.0.0.1\" }\n"
@@ -139,7 +142,10 @@ void ProsodyProcess::writeConfiguration() const {
          << "c2s_require_encryption = false\n"
          << "allow_unencrypted_plain_auth = true\n"
          << "authentication = \"kq_visitor\"\n"
-         << "storage = \"memory\"\n"
+         // Everything in memory but the rooms' archive, kept in data/ so that it outlives a
+         // restart of the server: a room's members catch up on what they missed from it.
+         << "default_storage = \"memory\"\n"
+         << "storage = { muc_log = \"internal\" }\n"
          << "kq_accounts = {\n"
          << accounts.str() << "}\n";
   if (options_.tls) {
@@ -149,7 +155,8 @@ void ProsodyProcess::writeConfiguration() const {
     config << "modules_disabled = { \"s2s\", \"tls\" }\n";
   }
   config << "\nVirtualHost \"localhost\"\n\nComponent \"conference.localhost\" \"muc\"\n"
-         << "  restrict_room_creation = false\n";
+         << "  restrict_room_creation = false\n"
+         << "  modules_enabled = { \"muc_mam\" }\n";
   if (!config) {
     throw std::runtime_error("cannot write the XMPP server's configuration in " + folder.string());
   }
@@ -200,7 +207,7 @@ int ProsodyProcess::launch() {
 
 void ProsodyProcess::supervise() {
   std::ofstream log(options_.folder / "prosody.log", std::ios::app);
-  while (true) {
+  for (bool again = false;; again = true) {
     const int output = launch();
     if (output < 0) {
       kq::MutexLock lock(mutex_);
@@ -214,15 +221,21 @@ void ProsodyProcess::supervise() {
     while ((length = ::read(output, chunk, sizeof chunk)) > 0) {
       log.write(chunk, length);
       log.flush();
-      kq::MutexLock lock(mutex_);
-      if (!ready_) {
-        startLog_.append(chunk, static_cast<std::size_t>(length));
-        if (startLog_.find("Failed to open server port") != std::string::npos) {
-          failed_ = true;
-        } else if (startLog_.find("Activated service 'c2s'") != std::string::npos) {
-          ready_ = true;
+      bool becameReady = false;
+      {
+        kq::MutexLock lock(mutex_);
+        if (!ready_) {
+          startLog_.append(chunk, static_cast<std::size_t>(length));
+          if (startLog_.find("Failed to open server port") != std::string::npos) {
+            failed_ = true;
+          } else if (startLog_.find("Activated service 'c2s'") != std::string::npos) {
+            ready_ = becameReady = true;
+          }
+          changed_.notify_all();
         }
-        changed_.notify_all();
+      }
+      if (becameReady && again) {
+        log_("the XMPP server takes clients again on 127.0.0.1:" + std::to_string(options_.port));
       }
     }
     ::close(output);
@@ -235,16 +248,29 @@ void ProsodyProcess::supervise() {
     }
     int status = 0;
     ::waitpid(pid, &status, 0);
+    std::string startOutput;
     {
       kq::MutexLock lock(mutex_);
       pid_ = -1;
       if (stopping_ || !wasReady) {
         failed_ = failed_ || !wasReady;
         changed_.notify_all();
-        return;
+        if (stopping_ || !again) {
+          return;  // the constructor reports a first start that failed
+        }
+        startOutput = startLog_;
       }
     }
-    log_("the XMPP server stopped on its own; starting it again");
+    if (!wasReady) {
+      log_("the XMPP server did not start again, so chats over XMPP cannot go on: see " +
+           (options_.folder / "prosody.log").string() + " and restart the sandbox. Its output:\n" +
+           startOutput);
+      return;
+    }
+    const std::string how = WIFSIGNALED(status)
+                                ? std::string("killed by SIG") + sigabbrev_np(WTERMSIG(status))
+                                : "exit status " + std::to_string(WEXITSTATUS(status));
+    log_("the XMPP server stopped on its own (" + how + "); starting it again");
   }
 }
 
