@@ -10,6 +10,8 @@
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
+#include <cmath>
+
 namespace kqsandbox {
 
 using kq::xmpp::XMPPStream;
@@ -37,8 +39,12 @@ void OperatorAgent::start(int port) {
   reconnect_->setReconnectTimerInterval(std::chrono::duration<double>(1.0));
   reconnect_->activate(stream_);
   if (!stream_->connectWithTimeout(kq::xmpp::XMPPStreamTimeoutNone)) {
-    log_("operator " + person_.name + " cannot connect to the XMPP server");
+    log_(who() + " cannot connect to the XMPP server: see library.log in the data folder");
   }
+}
+
+std::string OperatorAgent::who() const {
+  return "operator " + person_.name + " (" + person_.id + ")";
 }
 
 void OperatorAgent::stop() {
@@ -75,7 +81,29 @@ void OperatorAgent::xmppStreamDidConnect(XMPPStream& sender) {
 
 void OperatorAgent::xmppStreamDidAuthenticate(XMPPStream& sender) {
   sender.sendElement(kq::xmpp::XMPPPresence());  // available: invitations reach us
-  log_("operator " + person_.name + " (" + person_.id + ") is online on the XMPP server");
+  if (!wasOnline_) {
+    log_(who() + " is online on the XMPP server");
+  } else {
+    // A chat that ended while we were away has no room to go back to.
+    std::erase_if(chats_, [this](const auto& entry) {
+      const auto kept = store_.chat(entry.second.id);
+      if (kept && !kept->ended) {
+        return false;
+      }
+      entry.second.room->deactivate();
+      return true;
+    });
+    std::string ids;
+    for (const auto& [jid, chat] : chats_) {
+      ids += (ids.empty() ? "" : ", ") + chat.id;
+    }
+    log_(who() + ": logged in again" +
+         (chats_.empty()       ? ""
+          : chats_.size() == 1 ? "; going back into the room of chat " + ids
+                               : "; going back into the rooms of chats " + ids));
+  }
+  link_ = Link::Online;
+  wasOnline_ = true;
   for (auto& [jid, chat] : chats_) {
     join(chat, true);  // back into the rooms after a lost connection
   }
@@ -83,7 +111,7 @@ void OperatorAgent::xmppStreamDidAuthenticate(XMPPStream& sender) {
 
 void OperatorAgent::xmppStreamDidNotAuthenticate(XMPPStream& /*sender*/,
                                                  const kq::xmpp::XMPPElement& /*error*/) {
-  log_("operator " + person_.name + " was refused by the XMPP server: check its password");
+  log_(who() + " was refused by the XMPP server: check the operator's password in the fixture");
 }
 
 void OperatorAgent::xmppStreamDidDisconnect(XMPPStream& /*sender*/,
@@ -91,9 +119,27 @@ void OperatorAgent::xmppStreamDidDisconnect(XMPPStream& /*sender*/,
   for (auto& [jid, chat] : chats_) {
     chat.joined = false;
   }
-  if (!stopping_) {
-    log_("operator " + person_.name + " lost the XMPP server" +
-         (error ? " (" + error->description() + ")" : std::string()) + "; trying again");
+  if (stopping_) {
+    return;
+  }
+  std::string why;
+  if (error) {
+    const auto said = error->userInfo.find("NSLocalizedDescription");
+    const bool plain = said != error->userInfo.end() && said->is_string();
+    why = " (" + (plain ? said->get<std::string>() : error->description()) + ")";
+  }
+  // One line when the connection goes, one when the server does not answer yet; the attempts
+  // after that are quiet until one succeeds.
+  if (link_ == Link::Online) {
+    log_(who() + ": connection to the XMPP server lost" + why + "; reconnecting");
+    link_ = Link::Lost;
+  } else if (link_ != Link::Waiting) {
+    log_(who() + ": the XMPP server does not answer yet" + why + "; trying again every " +
+         std::to_string(std::lround(reconnect_->reconnectTimerInterval().count() * 1000)) + " ms");
+    if (link_ == Link::Starting) {
+      reconnect_->manualStart();  // on its own, the module only reconnects after a first login
+    }
+    link_ = Link::Waiting;
   }
 }
 
@@ -115,8 +161,7 @@ void OperatorAgent::xmppStreamDidReceiveMessage(XMPPStream& /*sender*/,
         kq::DispatchQueue::main());
     chat.room->activate(stream_);
     chat.room->addDelegate(shared_from_this(), kq::DispatchQueue::main());
-    log_("operator " + person_.name + " invited to chat " + chat.id + " by visitor " +
-         invitation->visitorName);
+    log_(who() + " invited to chat " + chat.id + " by visitor " + invitation->visitorName);
   }
   if (!chat.joined) {
     join(chat, !isNew);
@@ -145,8 +190,9 @@ void OperatorAgent::xmppRoomDidCreate(kq::xmpp::XMPPRoom& sender) {
 
 void OperatorAgent::xmppRoomDidJoin(kq::xmpp::XMPPRoom& sender) {
   if (Chat* chat = chatOfRoom(sender)) {
+    log_(who() + (chat->everJoined ? " is back in" : " joined") + " the room of chat " + chat->id);
     chat->joined = true;
-    log_("operator " + person_.name + " joined the room of chat " + chat->id);
+    chat->everJoined = true;
   }
 }
 

@@ -23,8 +23,9 @@ namespace kqsandbox {
 /// password, it takes each visitor's invitation, joins the chat's room, answers the visitor's
 /// chat packets from the script (as the service's operators do: "manager_id", "user_id",
 /// "visitor_name", "time_stamp") and ends the chat with "[destroy room]" when the script says.
-/// What is said is kept in the store. After a lost connection it logs in again and goes back
-/// into its rooms. Everything runs on the main queue.
+/// What is said is kept in the store. After a lost connection (the sandbox restarts a server that
+/// stops) it logs in again and goes back into its rooms, saying so in the log at each step.
+/// Everything runs on the main queue.
 class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
                       public kq::xmpp::XMPPRoomDelegate,
                       public std::enable_shared_from_this<OperatorAgent> {
@@ -62,7 +63,16 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
     std::string websiteId;
     std::shared_ptr<kq::xmpp::XMPPRoom> room;
     bool joined = false;
+    bool everJoined = false;  // a join now is a return
   };
+  // Where the connection to the server stands, for the log.
+  enum class Link {
+    Starting,  // connecting for the first time
+    Online,
+    Lost,     // lost; reconnecting
+    Waiting,  // an attempt failed too; trying on
+  };
+  [[nodiscard]] std::string who() const;
   void join(Chat& chat, bool again);
   // The operator's line `text` into the chat's room.
   void send(const Chat& chat, const std::string& text);
@@ -75,6 +85,8 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
   std::shared_ptr<kq::xmpp::XMPPStream> stream_;
   std::shared_ptr<kq::xmpp::XMPPReconnect> reconnect_;
   std::map<std::string, Chat> chats_;  // by room JID
+  Link link_ = Link::Starting;
+  bool wasOnline_ = false;
   bool stopping_ = false;
 };
 

@@ -14,9 +14,11 @@ namespace kqsandbox {
 
 /// The sandbox's XMPP server: Prosody run as a child process with a configuration of our own
 /// (domain "localhost", rooms at conference.localhost, visitors anonymous, operators with a
-/// password), kept in a folder of the data folder, its log in prosody.log there. A server that
-/// stops on its own is started again (told to the log), so that a restart is something the
-/// visitor's side lives through.
+/// password, stream management with resumption), kept in a folder of the data folder, its log
+/// in prosody.log there. The rooms keep an archive in data/ of that folder, which outlives a
+/// restart of the server (and of the sandbox, with --data); everything else is in memory. A
+/// server that stops on its own is started again, and each step is told to the log, so that a
+/// restart is something the visitor's side lives through.
 class ProsodyProcess {
  public:
   struct Options {
