@@ -14,6 +14,7 @@ inline constexpr std::string_view kXMPPSessionNamespace = "urn:ietf:params:xml:n
 inline constexpr std::string_view kXMPPStanzasNamespace = "urn:ietf:params:xml:ns:xmpp-stanzas";
 inline constexpr std::string_view kXMPPStreamsErrorNamespace =
     "urn:ietf:params:xml:ns:xmpp-streams";
+inline constexpr std::string_view kXMPPStreamManagementNamespace = "urn:xmpp:sm:3";
 inline constexpr std::string_view kXMPPPingNamespace = "urn:xmpp:ping";
 inline constexpr std::string_view kXMPPRosterNamespace = "jabber:iq:roster";
 inline constexpr std::string_view kXMPPDiscoInfoNamespace = "http://jabber.org/protocol/disco#info";

@@ -24,8 +24,22 @@ std::optional<XMPPElement> XMPPSASLAuthentication::responseToChallenge(
   return std::nullopt;  // single-step mechanisms get no challenge
 }
 
+XMPPElement XMPPSASLAuthentication::resumptionAuthElement(const std::optional<XMPPJID>& myJID,
+                                                          const std::string& /*resumptionId*/) {
+  return authElement(myJID);
+}
+
 XMPPElement XMPPAnonymousAuthentication::authElement(const std::optional<XMPPJID>& /*myJID*/) {
   return authElementFor(mechanismName());
+}
+
+XMPPElement XMPPAnonymousAuthentication::resumptionAuthElement(const std::optional<XMPPJID>& myJID,
+                                                               const std::string& resumptionId) {
+  XMPPElement auth = authElementFor(mechanismName());
+  if (myJID && myJID->user()) {
+    auth.setStringValue(base64Encode("resume " + *myJID->user() + " " + resumptionId));
+  }
+  return auth;
 }
 
 XMPPElement XMPPPlainAuthentication::authElement(const std::optional<XMPPJID>& myJID) {

@@ -21,6 +21,11 @@ class KQ_EXPORT XMPPSASLAuthentication {
   [[nodiscard]] virtual std::string mechanismName() const = 0;
   /// The <auth> element that opens the exchange for the account `myJID`.
   [[nodiscard]] virtual XMPPElement authElement(const std::optional<XMPPJID>& myJID) = 0;
+  /// The <auth> element that logs in again as the bound address `myJID` to resume its session
+  /// `resumptionId` (stream management) on a new connection: authElement() unless the
+  /// mechanism must ask for that user.
+  [[nodiscard]] virtual XMPPElement resumptionAuthElement(const std::optional<XMPPJID>& myJID,
+                                                          const std::string& resumptionId);
   /// The answer to a server <challenge>; nullopt aborts the exchange.
   virtual std::optional<XMPPElement> responseToChallenge(const XMPPElement& challenge);
 };

@@ -158,6 +158,22 @@ void XMPPStream::setKeepAliveTimeout(Seconds timeout) {
   impl_->settings.set(&XMPPStreamSettings::keepAliveTimeout, timeout);
 }
 
+XMPPStream::Seconds XMPPStream::acknowledgementTimeout() const {
+  return impl_->settings.get(&XMPPStreamSettings::acknowledgementTimeout);
+}
+
+void XMPPStream::setAcknowledgementTimeout(Seconds timeout) {
+  impl_->settings.set(&XMPPStreamSettings::acknowledgementTimeout, timeout);
+}
+
+XMPPStream::Seconds XMPPStream::resumptionTimeout() const {
+  return impl_->settings.get(&XMPPStreamSettings::resumptionTimeout);
+}
+
+void XMPPStream::setResumptionTimeout(Seconds timeout) {
+  impl_->settings.set(&XMPPStreamSettings::resumptionTimeout, timeout);
+}
+
 XMPPStreamState XMPPStream::state() const {
   return impl_->settings.get(&XMPPStreamSettings::state);
 }

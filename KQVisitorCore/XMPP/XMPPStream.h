@@ -86,12 +86,15 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
     kErrorNotConnected = 10,
     kErrorNegotiationTimeout = 11,
     kErrorKeepAliveTimeout = 12,
+    kErrorAcknowledgementTimeout = 13,
   };
 
   using Seconds = std::chrono::duration<double>;
   static constexpr Seconds kDefaultNegotiationTimeout{30.0};
   static constexpr Seconds kDefaultKeepAliveInterval{60.0};
   static constexpr Seconds kDefaultKeepAliveTimeout{20.0};
+  static constexpr Seconds kDefaultAcknowledgementTimeout{10.0};
+  static constexpr Seconds kDefaultResumptionTimeout{60.0};
 
   static std::shared_ptr<XMPPStream> create();
 
@@ -135,6 +138,27 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   void setKeepAliveInterval(Seconds interval);
   [[nodiscard]] Seconds keepAliveTimeout() const;
   void setKeepAliveTimeout(Seconds timeout);
+
+  /// Stream management (XEP-0198), used whenever the server offers it: after each stanza the
+  /// stream asks the server to acknowledge what it has received (one request out at a time)
+  /// and keeps every stanza until it is acknowledged. When an acknowledgement is still missing
+  /// after acknowledgementTimeout(), the link is taken for dead at once, without waiting for
+  /// the keep-alive. Zero or less: no bound. 10 s until set.
+  [[nodiscard]] Seconds acknowledgementTimeout() const;
+  void setAcknowledgementTimeout(Seconds timeout);
+  /// When the connection of a session the server agreed to keep ends with an error, the stream
+  /// resumes the session over a new connection (xmppStreamWillResume): at once, then after 1,
+  /// 2 and 4 s between tries, each bounded by acknowledgementTimeout(). It logs in again as
+  /// before (an anonymous login asks, in its trace, for the user whose session it resumes) and
+  /// asks the server to resume instead of binding a resource; there is no new login for the
+  /// host, no rejoin, and what either side had sent without an acknowledgement is sent again,
+  /// once. Meanwhile the stream stays connected and authenticated, and stanzas sent go once it
+  /// has resumed. When the server refuses (restarted, session expired), or resumptionTimeout()
+  /// passes, did-disconnect follows with the error that ended the connection, and stanzas never
+  /// written are reported as not sent. A server without stream management sees the stream as
+  /// it would be without it. 60 s until set.
+  [[nodiscard]] Seconds resumptionTimeout() const;
+  void setResumptionTimeout(Seconds timeout);
 
   // --- State --------------------------------------------------------------------------------
 

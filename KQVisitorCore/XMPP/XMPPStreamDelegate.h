@@ -55,6 +55,13 @@ class KQ_EXPORT XMPPStreamDelegate {
   virtual void xmppStreamDidFailToSendElement(XMPPStream& /*sender*/,
                                               const XMPPElement& /*element*/,
                                               const KQError& /*error*/) {}
+  /// The connection of a session the server keeps (stream management) ended with `error`: the
+  /// stream stays connected and authenticated while it resumes the session on a new
+  /// connection. did-resume follows, or did-disconnect with `error` when it cannot.
+  virtual void xmppStreamWillResume(XMPPStream& /*sender*/, const KQError& /*error*/) {}
+  /// The session goes on over a new connection, with no new login: what either side sent in
+  /// between and the other had not acknowledged has been sent again.
+  virtual void xmppStreamDidResume(XMPPStream& /*sender*/) {}
   /// The connect timeout passed before the stream was connected; the stream disconnects.
   virtual void xmppStreamConnectDidTimeout(XMPPStream& /*sender*/) {}
   /// The stream is closed: `error` says why, nullopt after disconnect() was asked for.

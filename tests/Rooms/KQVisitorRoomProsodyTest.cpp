@@ -183,9 +183,14 @@ TEST_F(KQVisitorRoomProsodyTest, AfterAnErrorFromTheRoomOrAServerRestartTheRoomI
   ASSERT_TRUE(runMainQueueUntil([&] { return room->isConnected() && !room->isRoomJoininng(); }))
       << "the joining flag is cleared once the room is joined again";
 
+  // The stream tries to resume its session, once a second; the restarted server has lost it and
+  // refuses, and the stream disconnects.
   server->stop();
-  ASSERT_TRUE(runMainQueueUntil([&] { return !room->isConnected(); }));
   server->start();
+  ASSERT_TRUE(runMainQueueUntil([&] {
+    clock->advance(1s);
+    return !room->isConnected();
+  }));
   clock->advance(5s);  // the reconnect interval
   ASSERT_TRUE(runMainQueueUntil([&] { return logins.posted.size() == 2U && room->isConnected(); }));
   EXPECT_EQ(statuses.back(), KQRoomUpdateJoining) << "going online joins the room again";

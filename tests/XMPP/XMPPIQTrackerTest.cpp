@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 // records the answers it hands out and what it asks of the stream.
 class XMPPIQTrackerTest : public ::testing::Test, public XMPPIQTracker::Host {
  protected:
-  void send(std::string_view text) override { pings.emplace_back(text); }
+  void sendPing(const XMPPIQ& ping) override { pings.emplace_back(ping.XMLString()); }
   void keepAliveDidTimeOut(const KQError& error) override { deaths.push_back(error.code); }
 
   XMPPIQTracker::Response record(const std::string& id) {

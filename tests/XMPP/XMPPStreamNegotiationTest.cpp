@@ -65,6 +65,12 @@ class XMPPStreamNegotiationTest : public ::testing::Test, public XMPPStreamNegot
     calls.push_back("did not authenticate " + failure.children().at(0).name());
   }
   void negotiationDidAuthenticate() override { calls.emplace_back("did authenticate"); }
+  void negotiationDidResume(std::uint32_t handled) override {
+    calls.push_back("did resume " + std::to_string(handled));
+  }
+  void negotiationDidNotResume(const KQError& error) override {
+    calls.push_back("did not resume " + std::to_string(error.code));
+  }
 
   // A new negotiation, for a new connection; opens its stream.
   void open() {

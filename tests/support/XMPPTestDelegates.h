@@ -20,6 +20,7 @@ struct StreamEvents : xmpp::XMPPStreamDelegate {
   std::vector<xmpp::XMPPElement> failedToSend;
   std::optional<xmpp::XMPPElement> authenticationError;
   std::optional<KQError> disconnectError;
+  std::optional<KQError> resumeError;  // what ended the connection of the last resumption
   bool answerIQs = false;
 
   [[nodiscard]] int count(const std::string& event) const {
@@ -64,6 +65,11 @@ struct StreamEvents : xmpp::XMPPStreamDelegate {
     events.push_back("didFailToSendElement");
     failedToSend.push_back(element);
   }
+  void xmppStreamWillResume(xmpp::XMPPStream& /*sender*/, const KQError& error) override {
+    events.push_back("willResume");
+    resumeError = error;
+  }
+  void xmppStreamDidResume(xmpp::XMPPStream& /*sender*/) override { events.push_back("didResume"); }
   void xmppStreamConnectDidTimeout(xmpp::XMPPStream& /*sender*/) override {
     events.push_back("connectDidTimeout");
   }

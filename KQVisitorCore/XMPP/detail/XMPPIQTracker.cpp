@@ -119,7 +119,7 @@ void XMPPIQTracker::checkKeepAlive() {
     }
     scheduleKeepAlive(clockDuration(settings_.get(&XMPPStreamSettings::keepAliveInterval)));
   });
-  host_.send(ping.XMLString());
+  host_.sendPing(ping);
 }
 
 }  // namespace kq::xmpp

@@ -22,7 +22,8 @@ namespace kq::xmpp {
 /// pings the server, and when no answer comes within keepAliveTimeout it tells its Host the
 /// connection is dead. Internal to the library.
 ///
-/// One per connection, used on the stream's queue only.
+/// One per session: a session that resumes over a new connection keeps its IQs waiting. Used on
+/// the stream's queue only.
 class XMPPIQTracker {
  public:
   /// The answer to a tracked IQ: its result or error, or nullopt after the time-out or when the
@@ -33,8 +34,8 @@ class XMPPIQTracker {
   class Host {
    public:
     virtual ~Host() = default;
-    /// Writes `text` (a ping) to the server.
-    virtual void send(std::string_view text) = 0;
+    /// Sends the stanza `ping` to the server.
+    virtual void sendPing(const XMPPIQ& ping) = 0;
     /// The server did not answer a ping in time: the connection ends with `error`.
     virtual void keepAliveDidTimeOut(const KQError& error) = 0;
   };
@@ -55,8 +56,10 @@ class XMPPIQTracker {
   /// Hands a result or error IQ to the response waiting for its id; false when none does.
   bool answer(const XMPPIQ& iq);
 
-  /// The stream is authenticated: the keep-alive starts counting from now.
+  /// The stream is authenticated (or resumed): the keep-alive starts counting from now.
   void startKeepAlive();
+  /// The connection is gone while its session is resumed: no liveness checks until then.
+  void stopKeepAlive() { invalidateTimer(keepAliveTimer_); }
   /// Something arrived from the server.
   void didReceive();
 

@@ -122,6 +122,7 @@ void XMPPStreamConnection::restartParser(bool afterChunk) {
               [this](const XMPPElement& element) { owner_.connectionDidReceiveElement(element); },
           .didEnd =
               [this] {
+                serverEndedStream_ = true;
                 owner_.connectionDidEnd(
                     streamError(XMPPStream::kErrorServerClosed, "The server closed the stream"));
               },

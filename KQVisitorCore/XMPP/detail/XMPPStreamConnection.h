@@ -93,6 +93,9 @@ class XMPPStreamConnection : public std::enable_shared_from_this<XMPPStreamConne
   void setToldToDisconnect() { toldToDisconnect_ = true; }
   [[nodiscard]] bool wasToldToDisconnect() const { return toldToDisconnect_; }
 
+  /// Whether the server ended its XML stream (</stream:stream>), which ends its session too.
+  [[nodiscard]] bool serverEndedStream() const { return serverEndedStream_; }
+
   /// The resource is bound: the server's packets need no quick acknowledgement any more.
   void stopQuickAcks() { quickAcks_ = false; }
 
@@ -137,6 +140,7 @@ class XMPPStreamConnection : public std::enable_shared_from_this<XMPPStreamConne
   bool waitingToWrite_ = false;   // the transport keeps bytes until the socket takes them
   bool closeAfterWriting_ = false;
   bool toldToDisconnect_ = false;
+  bool serverEndedStream_ = false;
   bool quickAcks_ = true;
 };
 

@@ -22,7 +22,10 @@ XMPPStreamController::XMPPStreamController(XMPPStream& stream, std::shared_ptr<X
       queue_(std::move(queue)),
       settings_(settings),
       delegates_(delegates),
-      modules_(modules) {}
+      modules_(modules),
+      management_(*this, [this](Clock::Duration delay, std::function<void()> task) {
+        return scheduleFor(connection_, delay, std::move(task));
+      }) {}
 
 XMPPStreamController::~XMPPStreamController() = default;
 
@@ -50,9 +53,44 @@ std::shared_ptr<Timer> XMPPStreamController::scheduleFor(
                                });
 }
 
+std::shared_ptr<Timer> XMPPStreamController::scheduleForSession(Clock::Duration delay,
+                                                                std::function<void()> task) {
+  std::weak_ptr<XMPPStream> weakStream = self();
+  return Timer::scheduledTimer(
+      queue_, delay, false, [this, weakStream, session = session_, task = std::move(task)](Timer&) {
+        const auto stream = weakStream.lock();
+        if (stream && session_ == session) {
+          task();
+        }
+      });
+}
+
 // --- Connecting and closing --------------------------------------------------------------------
 
 void XMPPStreamController::connect(std::chrono::duration<double> timeout) {
+  ++session_;
+  resuming_.reset();
+  management_.reset();
+  openConnection(std::nullopt);
+  const std::string domain = settings_.with([](const XMPPStreamSettings& settings) {
+    return settings.myJID ? settings.myJID->domain() : std::string();
+  });
+  iqs_.emplace(
+      *this, settings_,
+      [this](Clock::Duration delay, std::function<void()> task) {
+        return scheduleForSession(delay, std::move(task));
+      },
+      domain);
+  negotiation_->start(timeout);
+  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+    delegate.xmppStreamSocketWillConnect(sender);
+  });
+  connection_->connect();
+}
+
+// A new connection with its negotiation, which resumes the session when `resumption` is given.
+void XMPPStreamController::openConnection(
+    std::optional<XMPPStreamNegotiation::Resumption> resumption) {
   const auto [host, port, domain] = settings_.with([](const XMPPStreamSettings& settings) {
     const std::string jidDomain = settings.myJID ? settings.myJID->domain() : std::string();
     return std::tuple(settings.hostName.empty() && settings.myJID ? jidDomain : settings.hostName,
@@ -61,21 +99,23 @@ void XMPPStreamController::connect(std::chrono::duration<double> timeout) {
   // Operations under way hold the stream through the owner, as they hold the connection.
   const std::shared_ptr<XMPPStreamConnection::Owner> owner(self(), this);
   connection_ = std::make_shared<XMPPStreamConnection>(queue_, owner, host, port);
-  const XMPPStreamSchedule schedule = [this, current = std::weak_ptr(connection_)](
-                                          Clock::Duration delay, std::function<void()> task) {
+  XMPPStreamSchedule schedule = [this, current = std::weak_ptr(connection_)](
+                                    Clock::Duration delay, std::function<void()> task) {
     return scheduleFor(current, delay, std::move(task));
   };
-  negotiation_.emplace(*this, settings_, schedule, domain);
-  iqs_.emplace(*this, settings_, schedule, domain);
-  negotiation_->start(timeout);
-  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-    delegate.xmppStreamSocketWillConnect(sender);
-  });
-  connection_->connect();
+  if (resumption) {
+    negotiation_.emplace(*this, settings_, std::move(schedule), domain, std::move(*resumption));
+  } else {
+    negotiation_.emplace(*this, settings_, std::move(schedule), domain);
+  }
 }
 
 void XMPPStreamController::disconnect() {
   if (!connection_) {
+    if (resuming_) {
+      modules_.wasToldToDisconnect();
+      end(std::nullopt);  // between two tries to resume
+    }
     return;
   }
   connection_->setToldToDisconnect();
@@ -83,14 +123,15 @@ void XMPPStreamController::disconnect() {
   if (!connection_) {
     return;  // a module closed it
   }
-  if (connection_->holdsWrites()) {
-    close(std::nullopt);  // no stream to end yet: not connected, or in the TLS handshake
+  if (resuming_ || connection_->holdsWrites()) {
+    // No stream to end: not connected, in the TLS handshake, or a try to resume.
+    close(std::nullopt);
     return;
   }
   connection_->closeAfterWriting("</stream:stream>");
 }
 
-void XMPPStreamController::close(const std::optional<KQError>& error) {
+void XMPPStreamController::close(const std::optional<KQError>& error, bool mayResume) {
   if (!connection_) {
     return;
   }
@@ -100,6 +141,31 @@ void XMPPStreamController::close(const std::optional<KQError>& error) {
   connection_.reset();
   closing->shutdown();
   negotiation_->stop();
+  management_.connectionDidEnd();
+  const bool wasLive =
+      resuming_ || negotiation_->phase() == XMPPStreamNegotiation::Phase::Authenticated;
+  // A stream the server ended, politely or with a stream error, ended its session too.
+  if (mayResume && error && !closing->wasToldToDisconnect() && wasLive &&
+      management_.isResumable() && !closing->serverEndedStream() &&
+      error->code != XMPPStream::kErrorStreamError) {
+    suspend(*error);
+    return;
+  }
+  if (closing->wasToldToDisconnect()) {
+    end(std::nullopt);
+  } else {
+    end(resuming_ ? std::optional(resuming_->error) : error);
+  }
+}
+
+// Ends the session: the stream is disconnected, and stanzas that were never written are
+// reported as not sent.
+void XMPPStreamController::end(const std::optional<KQError>& error) {
+  ++session_;
+  if (resuming_) {
+    invalidateTimer(resuming_->timer);
+    resuming_.reset();
+  }
   settings_.with([](XMPPStreamSettings& settings) {
     settings.state = XMPPStreamState::Disconnected;
     settings.secure = false;
@@ -107,12 +173,97 @@ void XMPPStreamController::close(const std::optional<KQError>& error) {
     settings.authenticating = false;
     settings.mechanisms.clear();
   });
-  const std::optional<KQError> reported = closing->wasToldToDisconnect() ? std::nullopt : error;
+  const auto unwritten = management_.reset();
   iqs_->close();
-  modules_.didDisconnect(reported);
-  notify([reported](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-    delegate.xmppStreamDidDisconnect(sender, reported);
+  for (const auto& element : unwritten) {
+    notify([element](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+      delegate.xmppStreamDidFailToSendElement(
+          sender, element,
+          streamError(XMPPStream::kErrorNotConnected,
+                      "The stream disconnected before it could send this"));
+    });
+  }
+  modules_.didDisconnect(error);
+  notify([error](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+    delegate.xmppStreamDidDisconnect(sender, error);
   });
+}
+
+// --- Resuming a session ------------------------------------------------------------------------
+
+// The connection of a resumable session ended with `error`: tries again at once, then after 1,
+// 2 and 4 s between tries, until the resumption time-out.
+void XMPPStreamController::suspend(const KQError& error) {
+  if (!resuming_) {
+    const auto timeout = settings_.get(&XMPPStreamSettings::resumptionTimeout);
+    resuming_.emplace(Resuming{error, Clock::shared()->now() + clockDuration(timeout), 0, nullptr});
+    iqs_->stopKeepAlive();
+    notify([error](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+      delegate.xmppStreamWillResume(sender, error);
+    });
+  }
+  if (Clock::shared()->now() >= resuming_->deadline) {
+    end(resuming_->error);
+    return;
+  }
+  const int attempts = resuming_->attempts++;
+  if (attempts == 0) {
+    queue_->async([this, stream = self(), session = session_] {
+      if (session_ == session && resuming_ && !connection_) {
+        attemptResumption();
+      }
+    });
+    return;
+  }
+  const auto delay = clockDuration(std::chrono::seconds(1 << std::min(attempts - 1, 2)));
+  resuming_->timer = scheduleForSession(delay, [this] { attemptResumption(); });
+}
+
+void XMPPStreamController::attemptResumption() {
+  if (!authentication_) {
+    end(resuming_->error);
+    return;
+  }
+  openConnection(
+      XMPPStreamNegotiation::Resumption{management_.resumptionId(), management_.resumeRequest()});
+  negotiation_->start(XMPPStreamTimeoutNone);
+  auto bound = settings_.get(&XMPPStreamSettings::acknowledgementTimeout);
+  if (bound <= XMPPStream::Seconds::zero()) {
+    bound = settings_.get(&XMPPStreamSettings::negotiationTimeout);
+  }
+  if (bound > XMPPStream::Seconds::zero()) {
+    resuming_->timer = scheduleFor(connection_, clockDuration(bound), [this, bound] {
+      close(streamError(XMPPStream::kErrorConnectTimeout,
+                        "Resuming the session timed out: no answer within " + secondsText(bound)));
+    });
+  }
+  connection_->connect();
+}
+
+// The session cannot be resumed: it ends with the error that ended its connection.
+void XMPPStreamController::giveUpResuming() {
+  if (connection_) {
+    close(resuming_->error, false);
+  } else {
+    end(resuming_->error);
+  }
+}
+
+void XMPPStreamController::negotiationDidResume(std::uint32_t handled) {
+  connection_->stopQuickAcks();
+  invalidateTimer(resuming_->timer);
+  resuming_.reset();
+  for (const auto& stanza : management_.didResume(handled)) {
+    writeStanza(stanza);
+  }
+  iqs_->startKeepAlive();
+  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+    delegate.xmppStreamDidResume(sender);
+  });
+}
+
+void XMPPStreamController::negotiationDidNotResume(const KQError& /*error*/) {
+  giveUpResuming();
 }
 
 // --- The connection's events -------------------------------------------------------------------
@@ -122,10 +273,12 @@ bool XMPPStreamController::isCurrent(const XMPPStreamConnection& connection) con
 }
 
 void XMPPStreamController::connectionDidConnectSocket() {
-  settings_.set(&XMPPStreamSettings::state, XMPPStreamState::Negotiating);
-  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-    delegate.xmppStreamSocketDidConnect(sender);
-  });
+  if (!resuming_) {
+    settings_.set(&XMPPStreamSettings::state, XMPPStreamState::Negotiating);
+    notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+      delegate.xmppStreamSocketDidConnect(sender);
+    });
+  }
   negotiation_->openStream();
 }
 
@@ -143,9 +296,14 @@ void XMPPStreamController::connectionDidReceiveElement(const XMPPElement& elemen
     close(streamError(XMPPStream::kErrorStreamError, "Stream error: " + condition));
     return;
   }
+  if (negotiation_->phase() != XMPPStreamNegotiation::Phase::Resuming &&
+      management_.receive(element)) {
+    return;
+  }
   if (negotiation_->receive(element)) {
     return;
   }
+  management_.didReceiveStanza();
   const std::string name = element.name();
   if (name == "iq") {
     dispatchIQ(XMPPIQ(element));
@@ -157,6 +315,10 @@ void XMPPStreamController::connectionDidReceiveElement(const XMPPElement& elemen
 }
 
 void XMPPStreamController::connectionWillSecure() {
+  if (resuming_ && tlsSettings_) {
+    connection_->startTLS(*tlsSettings_, tlsContext_);  // as the delegates said last time
+    return;
+  }
   auto stream = self();
   auto current = connection_;
   auto settings = std::make_shared<XMPPTLSSettings>();
@@ -167,6 +329,7 @@ void XMPPStreamController::connectionWillSecure() {
       },
       [this, stream, current, settings](const std::vector<bool>& /*answers*/) {
         if (connection_ == current) {
+          tlsSettings_ = *settings;
           connection_->startTLS(*settings, tlsContext_);
         }
       },
@@ -174,10 +337,12 @@ void XMPPStreamController::connectionWillSecure() {
 }
 
 void XMPPStreamController::connectionDidSecure() {
-  settings_.set(&XMPPStreamSettings::secure, true);
-  notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
-    delegate.xmppStreamDidSecure(sender);
-  });
+  if (!resuming_) {
+    settings_.set(&XMPPStreamSettings::secure, true);
+    notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
+      delegate.xmppStreamDidSecure(sender);
+    });
+  }
   negotiation_->openStream();
 }
 
@@ -193,8 +358,25 @@ void XMPPStreamController::write(std::string_view text) {
   }
 }
 
+void XMPPStreamController::writeStanza(const XMPPElement& stanza) {
+  write(stanza.XMLString());
+  management_.didSend(stanza);
+}
+
 void XMPPStreamController::send(std::string_view text) {
   write(text);
+}
+
+void XMPPStreamController::sendPing(const XMPPIQ& ping) {
+  writeStanza(ping);
+}
+
+void XMPPStreamController::sendNonza(std::string_view text) {
+  write(text);
+}
+
+void XMPPStreamController::acknowledgementDidTimeOut(const KQError& error) {
+  close(error);
 }
 
 void XMPPStreamController::restartParser(bool afterChunk) {
@@ -210,6 +392,10 @@ void XMPPStreamController::fail(const KQError& error) {
 }
 
 void XMPPStreamController::connectDidTimeOut(const KQError& error) {
+  if (resuming_) {
+    close(error);
+    return;
+  }
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamConnectDidTimeout(sender);
   });
@@ -217,6 +403,10 @@ void XMPPStreamController::connectDidTimeOut(const KQError& error) {
 }
 
 void XMPPStreamController::negotiationDidConnect() {
+  if (resuming_) {
+    negotiation_->authenticate(authentication_);  // logs in again as before, then resumes
+    return;
+  }
   modules_.didConnect();
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamDidConnect(sender);
@@ -224,6 +414,10 @@ void XMPPStreamController::negotiationDidConnect() {
 }
 
 void XMPPStreamController::negotiationDidNotAuthenticate(const XMPPElement& failure) {
+  if (resuming_) {
+    giveUpResuming();
+    return;
+  }
   notify([failure](XMPPStreamDelegate& delegate, XMPPStream& sender) {
     delegate.xmppStreamDidNotAuthenticate(sender, failure);
   });
@@ -231,6 +425,10 @@ void XMPPStreamController::negotiationDidNotAuthenticate(const XMPPElement& fail
 
 void XMPPStreamController::negotiationDidAuthenticate() {
   connection_->stopQuickAcks();
+  if (negotiation_->offersStreamManagement()) {
+    // Before anything the host sends on did-authenticate, so that all of it is counted.
+    write(management_.enable(settings_.get(&XMPPStreamSettings::acknowledgementTimeout)));
+  }
   iqs_->startKeepAlive();
   modules_.didAuthenticate();
   notify([](XMPPStreamDelegate& delegate, XMPPStream& sender) {
@@ -247,6 +445,7 @@ void XMPPStreamController::keepAliveDidTimeOut(const KQError& error) {
 void XMPPStreamController::authenticate(
     const std::shared_ptr<XMPPSASLAuthentication>& authentication) {
   if (connection_ && negotiation_->canAuthenticate()) {
+    authentication_ = authentication;
     negotiation_->authenticate(authentication);
     return;
   }
@@ -257,6 +456,12 @@ void XMPPStreamController::authenticate(
 }
 
 void XMPPStreamController::sendElement(XMPPElement element) {
+  if (resuming_) {
+    modules_.willSendElement(element);
+    management_.hold(element);  // goes once the session has resumed
+    modules_.didSendElement(element);
+    return;
+  }
   if (!connection_ || connection_->isClosing() || !negotiation_->carriesStanzas()) {
     notify([element](XMPPStreamDelegate& delegate, XMPPStream& sender) {
       delegate.xmppStreamDidFailToSendElement(
@@ -266,14 +471,14 @@ void XMPPStreamController::sendElement(XMPPElement element) {
     return;
   }
   modules_.willSendElement(element);
-  write(element.XMLString());
+  writeStanza(element);
   modules_.didSendElement(element);
 }
 
 void XMPPStreamController::sendIQ(const XMPPIQ& iq, const std::string& id,
                                   std::chrono::duration<double> timeout,
                                   XMPPIQTracker::Response response) {
-  if (!connection_ || !negotiation_->carriesStanzas()) {
+  if (!resuming_ && (!connection_ || !negotiation_->carriesStanzas())) {
     response(std::nullopt);
     return;
   }

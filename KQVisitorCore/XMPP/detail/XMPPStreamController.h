@@ -10,10 +10,12 @@
 #include <KQVisitorCore/XMPP/detail/XMPPDelegateList.h>
 #include <KQVisitorCore/XMPP/detail/XMPPIQTracker.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamConnection.h>
+#include <KQVisitorCore/XMPP/detail/XMPPStreamManagement.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamNegotiation.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamSettings.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -26,17 +28,23 @@ class XMPPQueue;
 class XMPPSASLAuthentication;
 class XMPPStream;
 
-/// A stream's work on its queue: one connection at a time, from connect() to its close, with the
-/// parts that live and die with it (its bytes: XMPPStreamConnection; the negotiation:
-/// XMPPStreamNegotiation; the IQs waiting for answers and the keep-alive: XMPPIQTracker). It
-/// joins them, hands the stanzas that arrive to the modules and then the delegates, and tells
-/// them of every event. Internal to the library.
+/// A stream's work on its queue: one session at a time, from connect() to its close, over one
+/// connection at a time. The parts of a connection live and die with it (its bytes:
+/// XMPPStreamConnection; the negotiation: XMPPStreamNegotiation); those of the session last
+/// until it ends (the IQs waiting for answers and the keep-alive: XMPPIQTracker; stream
+/// management: XMPPStreamManagement). It joins them, hands the stanzas that arrive to the
+/// modules and then the delegates, and tells them of every event.
 ///
-/// Each connection starts with new parts, so nothing of an earlier connection reaches a later
-/// one. Used on the stream's queue only (or by a thread holding a turn of it).
+/// A session the server keeps for us outlives a connection that ends with an error: the
+/// controller resumes it over new connections, quietly (the delegates hear only will-resume and
+/// did-resume), until the server resumes it, refuses, or the resumption time-out passes.
+/// Otherwise each session starts with new parts, so nothing of an earlier one reaches a later
+/// one. Internal to the library. Used on the stream's queue only (or by a thread holding a turn
+/// of it).
 class XMPPStreamController final : public XMPPStreamConnection::Owner,
                                    public XMPPStreamNegotiation::Host,
-                                   public XMPPIQTracker::Host {
+                                   public XMPPIQTracker::Host,
+                                   public XMPPStreamManagement::Host {
  public:
   /// The stream's modules, told of events before the delegates. XMPPModule's hooks are the
   /// stream's own to call, so the stream implements this.
@@ -84,8 +92,15 @@ class XMPPStreamController final : public XMPPStreamConnection::Owner,
   void notify(std::function<void(XMPPStreamDelegate&, XMPPStream&)> call);
   std::shared_ptr<Timer> scheduleFor(const std::weak_ptr<XMPPStreamConnection>& current,
                                      Clock::Duration delay, std::function<void()> task);
-  void close(const std::optional<KQError>& error);
+  std::shared_ptr<Timer> scheduleForSession(Clock::Duration delay, std::function<void()> task);
+  void openConnection(std::optional<XMPPStreamNegotiation::Resumption> resumption);
+  void close(const std::optional<KQError>& error, bool mayResume = true);
+  void end(const std::optional<KQError>& error);
+  void suspend(const KQError& error);
+  void attemptResumption();
+  void giveUpResuming();
   void write(std::string_view text);
+  void writeStanza(const XMPPElement& stanza);
 
   void dispatchIQ(const XMPPIQ& iq);
   void dispatchMessage(const XMPPMessage& message);
@@ -100,8 +115,13 @@ class XMPPStreamController final : public XMPPStreamConnection::Owner,
   void connectionDidSecure() override;
   void connectionDidEnd(const std::optional<KQError>& error) override;
 
-  // XMPPStreamNegotiation::Host and XMPPIQTracker::Host
+  // XMPPStreamNegotiation::Host, XMPPIQTracker::Host and XMPPStreamManagement::Host
   void send(std::string_view text) override;
+  void sendPing(const XMPPIQ& ping) override;
+  void sendNonza(std::string_view text) override;
+  void acknowledgementDidTimeOut(const KQError& error) override;
+  void negotiationDidResume(std::uint32_t handled) override;
+  void negotiationDidNotResume(const KQError& error) override;
   void restartParser(bool afterChunk) override;
   void secureAfterChunk() override;
   void fail(const KQError& error) override;
@@ -117,11 +137,25 @@ class XMPPStreamController final : public XMPPStreamConnection::Owner,
   XMPPDelegateList<XMPPStreamDelegate>& delegates_;
   Modules& modules_;
 
+  // A session being resumed: from the cut to did-resume, or to its end.
+  struct Resuming {
+    KQError error;  // what ended its connection, reported if it cannot be resumed
+    Clock::TimePoint deadline;
+    int attempts = 0;
+    std::shared_ptr<Timer> timer;  // the next attempt, or the bound on the one under way
+  };
+
   std::shared_ptr<XMPPStreamConnection> connection_;  // null while disconnected
   // The current connection's, or the last one's until the next starts.
   std::optional<XMPPStreamNegotiation> negotiation_;
+  // The current session's, or the last one's until the next starts.
   std::optional<XMPPIQTracker> iqs_;
-  std::shared_ptr<asio::ssl::context> tlsContext_;  // built once, kept across connections
+  XMPPStreamManagement management_;
+  std::optional<Resuming> resuming_;
+  std::uint64_t session_ = 0;  // counts sessions: a timer of an earlier one does nothing
+  std::shared_ptr<XMPPSASLAuthentication> authentication_;  // the last login's, to resume
+  std::optional<XMPPTLSSettings> tlsSettings_;              // the delegates' last answer, to resume
+  std::shared_ptr<asio::ssl::context> tlsContext_;          // built once, kept across connections
 };
 
 }  // namespace kq::xmpp

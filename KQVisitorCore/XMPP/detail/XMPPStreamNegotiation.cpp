@@ -4,6 +4,7 @@
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamErrors.h>
 
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -34,6 +35,13 @@ XMPPStreamNegotiation::XMPPStreamNegotiation(Host& host, Guarded<XMPPStreamSetti
       settings_(settings),
       schedule_(std::move(schedule)),
       domain_(std::move(domain)) {}
+
+XMPPStreamNegotiation::XMPPStreamNegotiation(Host& host, Guarded<XMPPStreamSettings>& settings,
+                                             XMPPStreamSchedule schedule, std::string domain,
+                                             Resumption resumption)
+    : XMPPStreamNegotiation(host, settings, std::move(schedule), std::move(domain)) {
+  resumption_ = std::move(resumption);
+}
 
 XMPPStreamNegotiation::~XMPPStreamNegotiation() {
   stop();
@@ -125,6 +133,10 @@ bool XMPPStreamNegotiation::receive(const XMPPElement& element) {
     handleSASL(element);
     return true;
   }
+  if (phase_ == Phase::Resuming) {
+    handleResumption(element);
+    return true;
+  }
   if (phase_ == Phase::Binding || phase_ == Phase::StartingSession) {
     if (name == "iq") {
       handleBindResult(XMPPIQ(element));
@@ -135,7 +147,13 @@ bool XMPPStreamNegotiation::receive(const XMPPElement& element) {
 }
 
 void XMPPStreamNegotiation::handleFeatures(const XMPPElement& features) {
+  if (phase_ == Phase::OpeningAfterAuth && resumption_) {
+    resume(features);
+    return;
+  }
   if (phase_ == Phase::OpeningAfterAuth) {
+    streamManagementOffered_ =
+        features.elementForName("sm", kXMPPStreamManagementNamespace).has_value();
     const auto bind = features.elementForName("bind", kXMPPBindNamespace);
     if (!bind) {
       host_.fail(streamError(XMPPStream::kErrorProtocol, "The server offers no resource binding"));
@@ -189,7 +207,7 @@ void XMPPStreamNegotiation::becomeReady(const XMPPElement& features) {
   phase_ = Phase::Ready;
   invalidateTimer(connectTimer_);
   invalidateTimer(negotiationTimer_);  // the host decides when to authenticate
-  settings_.with([&offered](XMPPStreamSettings& settings) {
+  updateSettings([&offered](XMPPStreamSettings& settings) {
     settings.mechanisms = std::move(offered);
     settings.state = XMPPStreamState::Connected;
   });
@@ -203,11 +221,12 @@ void XMPPStreamNegotiation::authenticate(
   authentication_ = authentication;
   phase_ = Phase::Authenticating;
   armNegotiationTimer();
-  const auto jid = settings_.with([](XMPPStreamSettings& settings) {
-    settings.state = XMPPStreamState::Negotiating;
-    return settings.myJID;
-  });
-  host_.send(authentication->authElement(jid).XMLString());
+  updateSettings(
+      [](XMPPStreamSettings& settings) { settings.state = XMPPStreamState::Negotiating; });
+  const auto jid = settings_.get(&XMPPStreamSettings::myJID);
+  host_.send((resumption_ ? authentication->resumptionAuthElement(jid, resumption_->id)
+                          : authentication->authElement(jid))
+                 .XMLString());
 }
 
 void XMPPStreamNegotiation::handleSASL(const XMPPElement& element) {
@@ -227,7 +246,7 @@ void XMPPStreamNegotiation::handleSASL(const XMPPElement& element) {
     authentication_.reset();
     phase_ = Phase::Ready;
     invalidateTimer(negotiationTimer_);
-    settings_.with([](XMPPStreamSettings& settings) {
+    updateSettings([](XMPPStreamSettings& settings) {
       settings.authenticating = false;
       settings.state = XMPPStreamState::Connected;
     });
@@ -270,6 +289,37 @@ void XMPPStreamNegotiation::handleBindResult(const XMPPIQ& iq) {
     return;
   }
   finishAuthentication();
+}
+
+// --- Resuming a session -----------------------------------------------------------------------
+
+void XMPPStreamNegotiation::resume(const XMPPElement& features) {
+  if (!features.elementForName("sm", kXMPPStreamManagementNamespace)) {
+    host_.negotiationDidNotResume(streamError(XMPPStream::kErrorProtocol,
+                                              "The server no longer offers to resume the session"));
+    return;
+  }
+  phase_ = Phase::Resuming;
+  host_.send(resumption_->request);
+}
+
+void XMPPStreamNegotiation::handleResumption(const XMPPElement& element) {
+  if (element.xmlns() != kXMPPStreamManagementNamespace) {
+    return;  // nothing else is meant to come before the answer
+  }
+  if (element.name() == "resumed") {
+    const auto text = element.attributeStringValueForName("h", "0");
+    phase_ = Phase::Authenticated;
+    authentication_.reset();
+    invalidateTimer(negotiationTimer_);
+    host_.negotiationDidResume(static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 10)));
+  } else if (element.name() == "failed") {
+    const auto children = element.children();
+    host_.negotiationDidNotResume(streamError(
+        XMPPStream::kErrorProtocol,
+        "The server would not resume the session: " +
+            (children.empty() ? std::string("no reason given") : children.front().name())));
+  }
 }
 
 void XMPPStreamNegotiation::finishAuthentication() {

@@ -8,7 +8,9 @@
 #include <KQVisitorCore/XMPP/detail/XMPPStreamTimers.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,6 +38,7 @@ class XMPPStreamNegotiation {
     OpeningAfterAuth,  // stream restarted after SASL success, waiting for features
     Binding,
     StartingSession,
+    Resuming,  // <resume/> sent instead of binding, waiting for <resumed/>
     Authenticated,
   };
 
@@ -59,12 +62,26 @@ class XMPPStreamNegotiation {
     virtual void negotiationDidConnect() = 0;
     virtual void negotiationDidNotAuthenticate(const XMPPElement& failure) = 0;
     virtual void negotiationDidAuthenticate() = 0;
+    /// The server resumed the session, having handled `handled` of our stanzas.
+    virtual void negotiationDidResume(std::uint32_t handled) = 0;
+    /// The server would not resume the session: `error` says why.
+    virtual void negotiationDidNotResume(const KQError& error) = 0;
+  };
+
+  /// What resuming a session needs: its id and the request that resumes it.
+  struct Resumption {
+    std::string id;
+    std::string request;
   };
 
   /// A negotiation of a stream to `domain`, reading its settings from and keeping its state in
   /// `settings`, with time-outs set through `schedule`.
   XMPPStreamNegotiation(Host& host, Guarded<XMPPStreamSettings>& settings,
                         XMPPStreamSchedule schedule, std::string domain);
+  /// A negotiation that resumes a session after SASL instead of binding a resource. It leaves
+  /// the stream's public state as it is: the session it resumes is still connected for the host.
+  XMPPStreamNegotiation(Host& host, Guarded<XMPPStreamSettings>& settings,
+                        XMPPStreamSchedule schedule, std::string domain, Resumption resumption);
   /// Invalidates its timers.
   ~XMPPStreamNegotiation();
   XMPPStreamNegotiation(const XMPPStreamNegotiation&) = delete;
@@ -85,6 +102,8 @@ class XMPPStreamNegotiation {
   void authenticate(const std::shared_ptr<XMPPSASLAuthentication>& authentication);
 
   [[nodiscard]] Phase phase() const { return phase_; }
+  /// Whether the server offered stream management once authenticated.
+  [[nodiscard]] bool offersStreamManagement() const { return streamManagementOffered_; }
   [[nodiscard]] bool canAuthenticate() const { return phase_ == Phase::Ready; }
   /// Negotiated: stanzas may flow (before authentication too).
   [[nodiscard]] bool carriesStanzas() const {
@@ -98,6 +117,15 @@ class XMPPStreamNegotiation {
   void handleSASL(const XMPPElement& element);
   void handleBindResult(const XMPPIQ& iq);
   void finishAuthentication();
+  void resume(const XMPPElement& features);
+  void handleResumption(const XMPPElement& element);
+  // Changes the stream's public state, unless this negotiation resumes a session.
+  template <class Change>
+  void updateSettings(Change change) {
+    if (!resumption_) {
+      settings_.with(change);
+    }
+  }
 
   Host& host_;
   Guarded<XMPPStreamSettings>& settings_;
@@ -108,6 +136,8 @@ class XMPPStreamNegotiation {
   bool sessionRequired_ = false;
   std::string bindID_;
   std::string sessionID_;
+  bool streamManagementOffered_ = false;
+  std::optional<Resumption> resumption_;
   std::shared_ptr<XMPPSASLAuthentication> authentication_;
   std::shared_ptr<Timer> negotiationTimer_;  // while waiting for the server to negotiate
   std::shared_ptr<Timer> connectTimer_;      // the caller's bound on reaching did-connect

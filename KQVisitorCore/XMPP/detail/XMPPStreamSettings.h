@@ -22,6 +22,8 @@ struct XMPPStreamSettings {
   XMPPStream::Seconds negotiationTimeout = XMPPStream::kDefaultNegotiationTimeout;
   XMPPStream::Seconds keepAliveInterval = XMPPStream::kDefaultKeepAliveInterval;
   XMPPStream::Seconds keepAliveTimeout = XMPPStream::kDefaultKeepAliveTimeout;
+  XMPPStream::Seconds acknowledgementTimeout = XMPPStream::kDefaultAcknowledgementTimeout;
+  XMPPStream::Seconds resumptionTimeout = XMPPStream::kDefaultResumptionTimeout;
 
   XMPPStreamState state = XMPPStreamState::Disconnected;
   bool secure = false;
