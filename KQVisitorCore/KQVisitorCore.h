@@ -53,6 +53,7 @@
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPReconnectDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
 #include <KQVisitorCore/XMPP/XMPPRoomDelegate.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPRoster.h>

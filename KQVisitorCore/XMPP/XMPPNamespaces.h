@@ -27,5 +27,10 @@ inline constexpr std::string_view kXMPPChatStatesNamespace =
     "http://jabber.org/protocol/chatstates";
 inline constexpr std::string_view kXMPPvCardTempNamespace = "vcard-temp";
 inline constexpr std::string_view kXMPPvCardAvatarNamespace = "vcard-temp:x:update";
+inline constexpr std::string_view kXMPPMAMNamespace = "urn:xmpp:mam:2";
+inline constexpr std::string_view kXMPPRSMNamespace = "http://jabber.org/protocol/rsm";
+inline constexpr std::string_view kXMPPForwardNamespace = "urn:xmpp:forward:0";
+inline constexpr std::string_view kXMPPDelayNamespace = "urn:xmpp:delay";
+inline constexpr std::string_view kXMPPStanzaIdNamespace = "urn:xmpp:sid:0";
 
 }  // namespace kq::xmpp

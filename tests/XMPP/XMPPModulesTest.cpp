@@ -2,6 +2,7 @@
 #include <KQVisitorCore/XMPP/XMPPCapabilitiesMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPRoster.h>
 #include <KQVisitorCore/XMPP/XMPPRosterDelegate.h>
@@ -322,6 +323,36 @@ TEST(XMPPRoomMemoryStorageTest, KeepsTheNewestMessagesAndSentOnesAsSent) {
   // What a caller gets is its own: changing it changes nothing kept.
   kept.back().elementForName("body")->setStringValue("edited copy");
   EXPECT_EQ(memory.messages(roomJID).back().body(), "as sent");
+}
+
+// Dates as XMPP writes them (a missed line's time comes so), and the room's stanza id, which
+// counts only when the room itself set it.
+TEST(XMPPRoomArchiveTest, ReadsDatesAndTheRoomsStanzaId) {
+  const Date noon = Date::dateWithTimeIntervalSince1970(1795089600);  // 2026-11-19 12:00:00 UTC
+  EXPECT_EQ(XMPPRoomArchive::dateTimeString(noon.dateByAddingTimeInterval(0.75)),
+            "2026-11-19T12:00:00Z");
+  const std::pair<const char*, std::optional<Date>> dates[] = {
+      {"2026-11-19T12:00:00Z", noon},
+      {"2026-11-19T12:00:00.250Z", noon.dateByAddingTimeInterval(0.25)},
+      {"2026-11-19T17:30:00+05:30", noon},
+      {"2026-11-19T04:00:00-08:00", noon},
+      {"2026-11-19T12:00:00", std::nullopt},
+      {"2026-02-30T12:00:00Z", std::nullopt},
+  };
+  for (const auto& [text, date] : dates) {
+    EXPECT_EQ(XMPPRoomArchive::dateFromDateTimeString(text), date) << text;
+  }
+
+  const auto message = XMPPElement::elementWithXMLString(
+      "<message xmlns='jabber:client' from='room7@conference.localhost/Omar'>"
+      "<stanza-id xmlns='urn:xmpp:sid:0' by='someone@localhost' id='forged'/>"
+      "<stanza-id xmlns='urn:xmpp:sid:0' by='room7@conference.localhost' id='s1'/>"
+      "<delay xmlns='urn:xmpp:delay' stamp='2026-11-19T12:00:00Z'/></message>");
+  ASSERT_TRUE(message);
+  EXPECT_EQ(XMPPRoomArchive::stanzaId(XMPPMessage(*message),
+                                      *XMPPJID::jidWithString("room7@conference.localhost")),
+            "s1");
+  EXPECT_EQ(XMPPRoomArchive::delayStamp(XMPPMessage(*message)), noon);
 }
 
 TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
