@@ -14,10 +14,13 @@
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorHTTPRoomTransport.h>
+#include <KQVisitorCore/Rooms/detail/KQVisitorRoomCatchUp.h>
 #include <KQVisitorCore/Rooms/detail/KQVisitorXMPPRoomTransport.h>
 #include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
 
 #include <algorithm>
+#include <cmath>
 #include <string_view>
 #include <utility>
 
@@ -28,6 +31,10 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr Clock::Duration kIdleRemovalDelay = 4s;
+// How far a catch-up by time reaches back before the last stanza heard: the server's clock
+// and ours may differ, and what comes twice is known again. Also how far apart two arrival
+// times of one stanza may be when nothing else tells them apart.
+constexpr double kClockAllowance = 60.0;
 
 std::optional<std::string> siteIdOf(const std::shared_ptr<KQVisitorSite>& site) {
   return site ? site->siteId() : std::nullopt;
@@ -35,6 +42,35 @@ std::optional<std::string> siteIdOf(const std::shared_ptr<KQVisitorSite>& site) 
 
 std::optional<std::string> usernameOf(const std::shared_ptr<KQVisitorUser>& user) {
   return user ? user->username() : std::nullopt;
+}
+
+// What the room keeps of `message` from `occupant`.
+KQVisitorRoom::ReceivedStanza heardOf(const xmpp::XMPPMessage& message,
+                                      const xmpp::XMPPJID& occupant, Date arrival,
+                                      std::optional<std::string> stanzaId) {
+  return {message.elementID(),
+          std::move(stanzaId),
+          occupant.resource().value_or(""),
+          kqChatMessage(message),
+          message.attributeStringValueForName("time_stamp"),
+          arrival,
+          nullptr};
+}
+
+// True when `a` and `b` are one stanza: by the room's stanza ids when both have one, else by
+// sender and text, and by the packet's time stamp when both have one, else by arrival.
+bool isSameStanza(const KQVisitorRoom::ReceivedStanza& a, const KQVisitorRoom::ReceivedStanza& b) {
+  if (a.stanzaId && b.stanzaId) {
+    return *a.stanzaId == *b.stanzaId;
+  }
+  if (a.sender != b.sender || a.text != b.text) {
+    return false;
+  }
+  if (a.timeStamp && b.timeStamp) {
+    return *a.timeStamp == *b.timeStamp;
+  }
+  return std::abs(a.arrival.timeIntervalSince1970() - b.arrival.timeIntervalSince1970()) <=
+         kClockAllowance;
 }
 
 // How the platform would print an XMPPRoom in a log line.
@@ -67,6 +103,13 @@ struct KQVisitorRoom::State {
   bool isRoomNeedUpate = false;
   std::optional<std::string> isRoomExist;
   bool isDelayed = false;
+  std::shared_ptr<KQVisitorRoomCatchUp> catchUp;  // set with the XMPPRoom
+  // The multi-user-chat room whose conversation the transcript holds (set at its first join),
+  // when it was joined, and what the room kept of each stanza since.
+  std::optional<std::string> conversationRoom;
+  Date joinedAt;
+  std::vector<ReceivedStanza> received;
+  CatchUpListener catchUpListener;
 };
 
 KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
@@ -101,9 +144,42 @@ std::shared_ptr<xmpp::XMPPRoom> KQVisitorRoom::xmppRoom() const {
 }
 
 void KQVisitorRoom::setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom) {
-  state_->set(&State::xmpp, xmppRoom ? std::make_shared<KQVisitorXMPPRoomTransport>(
-                                           weak_from_this(), std::move(xmppRoom))
-                                     : nullptr);
+  std::shared_ptr<KQVisitorXMPPRoomTransport> transport;
+  std::shared_ptr<KQVisitorRoomCatchUp> catchUp;
+  if (xmppRoom) {
+    // A catch-up's stanzas are handled in order as live ones are, each stanza the room knows
+    // already only once; the listener hears of those the archive or history brought.
+    catchUp = std::make_shared<KQVisitorRoomCatchUp>(
+        xmppRoom, [weak = weak_from_this()](std::vector<KQVisitorRoomCatchUp::Stanza> stanzas,
+                                            bool finished) {
+          const auto self = weak.lock();
+          if (!self) {
+            return;
+          }
+          std::vector<ReceivedStanza> caughtUp;
+          for (const auto& stanza : stanzas) {
+            if (self->isRoomDestroyed()) {
+              break;
+            }
+            auto kept = self->receiveStanza(
+                stanza.message,
+                heardOf(stanza.message, stanza.occupant, stanza.arrival, stanza.stanzaId),
+                stanza.caughtUp ? Arrival::CaughtUp : Arrival::HeldBack);
+            if (kept && stanza.caughtUp) {
+              caughtUp.push_back(std::move(*kept));
+            }
+          }
+          const auto listener = self->state_->get(&State::catchUpListener);
+          if (finished && listener) {
+            listener(caughtUp);
+          }
+        });
+    transport = std::make_shared<KQVisitorXMPPRoomTransport>(weak_from_this(), std::move(xmppRoom));
+  }
+  state_->with([&](State& state) {  // the old ones are released outside the lock
+    std::swap(state.xmpp, transport);
+    std::swap(state.catchUp, catchUp);
+  });
 }
 
 std::shared_ptr<KQVisitorHTTPRoomTransport> KQVisitorRoom::http() {
@@ -193,6 +269,20 @@ std::string KQVisitorRoom::httpMessageId() const {
 
 void KQVisitorRoom::setHttpMessageId(std::optional<std::string> httpMessageId) {
   state_->set(&State::httpMessageId, std::move(httpMessageId));
+}
+
+std::optional<KQVisitorRoom::ReceivedStanza> KQVisitorRoom::receivedStanza(
+    const std::shared_ptr<KQVisitorMessage>& message) const {
+  return state_->with([&message](const State& state) -> std::optional<ReceivedStanza> {
+    const auto found =
+        std::find_if(state.received.rbegin(), state.received.rend(),
+                     [&message](const ReceivedStanza& kept) { return kept.message == message; });
+    return message && found != state.received.rend() ? std::optional(*found) : std::nullopt;
+  });
+}
+
+void KQVisitorRoom::setCatchUpListener(CatchUpListener listener) {
+  state_->set(&State::catchUpListener, std::move(listener));
 }
 
 std::vector<KQVisitorRoom::RoomUpdatesCallbackRef> KQVisitorRoom::roomUpdatesCallback() const {
@@ -336,13 +426,26 @@ void KQVisitorRoom::sendRoomUpdatesWithStatus(std::int64_t status, const std::an
 // --- XMPP mode --------------------------------------------------------------------------------
 
 void KQVisitorRoom::connect() {
-  const auto [id, xmpp] =
-      state_->with([](const State& state) { return std::pair(state.roomId, state.xmpp); });
+  const auto [id, xmpp, catchUp, rejoin, mark] = state_->with([](const State& state) {
+    const bool again = state.xmpp && state.conversationRoom == state.xmpp->room()->roomJID().bare();
+    // From the last stanza heard, or from the first join when none was.
+    KQVisitorRoomCatchUp::Mark from{std::nullopt, state.joinedAt};
+    if (!state.received.empty()) {
+      from = {state.received.back().stanzaId, state.received.back().arrival};
+    }
+    from.since = from.since.dateByAddingTimeInterval(-kClockAllowance);
+    return std::tuple(state.roomId, state.xmpp, state.catchUp, again, from);
+  });
   if (!id || isConnected()) {
     return;
   }
   if (xmpp) {  // an HTTP room joins when its polling starts
-    xmpp->join(describe(usernameOf(getVisitor())));
+    const std::string nickname = describe(usernameOf(getVisitor()));
+    if (rejoin) {
+      catchUp->start(nickname, mark);
+    } else {
+      xmpp->join(nickname);
+    }
   }
   sendRoomUpdatesWithStatus(KQRoomUpdateJoining, {});
 }
@@ -585,21 +688,40 @@ void KQVisitorRoom::xmppRoomDidCreate(xmpp::XMPPRoom& /*sender*/) {
   setIsRoomJoined(true);
 }
 
-void KQVisitorRoom::xmppRoomDidJoin(xmpp::XMPPRoom& /*sender*/) {
+void KQVisitorRoom::xmppRoomDidJoin(xmpp::XMPPRoom& sender) {
   if (!isRoomJoined()) {
     sendRoomUpdatesWithStatus(KQRoomUpdateJoined, self());
   }
-  clearAllMessages();
-  addOperatorGreetingMessage();
-  state_->with([](State& state) {
+  const std::string joined = sender.roomJID().bare();
+  const bool rejoined = state_->with([&joined](State& state) {
+    if (state.conversationRoom == joined) {
+      return true;
+    }
+    state.conversationRoom = joined;
+    state.joinedAt = Date::now();
+    state.received.clear();
+    return false;
+  });
+  if (!rejoined) {  // a rejoin keeps the transcript; its catch-up adds what was missed
+    clearAllMessages();
+    addOperatorGreetingMessage();
+  }
+  const auto catchUp = state_->with([](State& state) {
     state.isRoomJoined = true;
     state.isRoomJoininng = false;
+    return state.catchUp;
   });
+  if (catchUp) {
+    catchUp->roomDidJoin();
+  }
 }
 
 void KQVisitorRoom::xmppRoomDidLeave(xmpp::XMPPRoom& sender) {
   setIsRoomJoininng(true);
   log("xmppRoomDidLeave : ", describeRoom(sender));
+  if (const auto catchUp = state_->get(&State::catchUp)) {
+    catchUp->roomDidLeave();
+  }
 }
 
 void KQVisitorRoom::xmppRoomDidDestroy(xmpp::XMPPRoom& /*sender*/) {
@@ -611,20 +733,51 @@ void KQVisitorRoom::xmppRoomDidFailToDestroy(xmpp::XMPPRoom& sender,
   log(describeRoom(sender));
 }
 
-void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
+void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& sender,
                                               const xmpp::XMPPMessage& message,
-                                              const xmpp::XMPPJID& /*occupantJID*/) {
-  const std::string body = kqChatMessage(message);
-  if (body == kDestroyRoomText) {
-    roomDestroyUpdate();
+                                              const xmpp::XMPPJID& occupantJID) {
+  if (const auto catchUp = state_->get(&State::catchUp);
+      catchUp && catchUp->holdBack(message, occupantJID)) {
     return;
   }
+  receiveStanza(message,
+                heardOf(message, occupantJID,
+                        xmpp::XMPPRoomArchive::delayStamp(message).value_or(Date::now()),
+                        xmpp::XMPPRoomArchive::stanzaId(message, sender.roomJID())),
+                Arrival::Live);
+}
+
+std::optional<KQVisitorRoom::ReceivedStanza> KQVisitorRoom::receiveStanza(
+    const xmpp::XMPPMessage& message, ReceivedStanza heard, Arrival arrival) {
+  if (arrival != Arrival::Live) {  // a catch-up may bring what the room holds already
+    auto known = state_->with([&heard](const State& state) -> std::optional<ReceivedStanza> {
+      const auto found =
+          std::find_if(state.received.rbegin(), state.received.rend(),
+                       [&heard](const ReceivedStanza& kept) { return isSameStanza(kept, heard); });
+      return found == state.received.rend() ? std::nullopt : std::optional(*found);
+    });
+    if (known) {
+      return known;
+    }
+  }
+  // Kept for each stanza handled but an error.
+  const auto remember = [this, &heard] {
+    state_->with([&heard](State& state) { state.received.push_back(heard); });
+  };
+  const std::string body = kqChatMessage(message);
+  if (body == kDestroyRoomText) {
+    remember();
+    roomDestroyUpdate();
+    return heard;
+  }
   if (body == kDNDText || body == kIgnoreText) {
+    remember();
     destroyRoom();
-    return;
+    return heard;
   }
   const auto visitor = getVisitor();
   if (body == kNickChangeText) {
+    remember();
     if (visitor) {
       visitor->setUsername(visitorName(message));
     }
@@ -635,7 +788,7 @@ void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
       defaults.setObject(std::move(*record), key);
       defaults.synchronize();
     }
-    return;
+    return heard;
   }
   if (isErrorMessage(message)) {
     if (const auto room = xmppRoom()) {
@@ -643,19 +796,19 @@ void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
     }
     connect();
     sendRoomUpdatesWithStatus(KQRoomUpdateRejoining, {});
-    return;
-  }
-  if (kq::ignoreMessage(message)) {
-    return;
+    return std::nullopt;
   }
   const auto senderId = visitorId(message);
   const std::int64_t type = getMessageType(senderId, managerId(message));
-  if (type == KQVisitorMessageTypeIgnored) {
-    return;
+  if (kq::ignoreMessage(message) || type == KQVisitorMessageTypeIgnored) {
+    remember();
+    return heard;
   }
   auto received = std::make_shared<KQVisitorMessage>();
   received->setMessage(body);
-  received->setTimeStamp(getTimeStamp(message));
+  // What the archive or the room's history brings takes the server's time.
+  received->setTimeStamp(arrival == Arrival::CaughtUp ? std::optional(heard.arrival)
+                                                      : getTimeStamp(message));
   received->setManagerId(managerId(message));
   received->setMessageType(type);
 
@@ -670,9 +823,11 @@ void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
     occupant->setUsername(visitorName(message));
     addRoomOcuupant(describe(senderId), std::move(occupant));
   }
-  state_->with([&received](State& state) {
+  heard.message = received;
+  state_->with([&received, &heard](State& state) {
     ++state.unreadMessagesCount;
     state.messages.push_back(received);
+    state.received.push_back(heard);
   });
   if (type == KQVisitorMessageTypeVisitor) {
     if (visitor) {
@@ -680,12 +835,13 @@ void KQVisitorRoom::xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/,
     }
     received->setSender(visitor);
     sendRoomUpdatesWithStatus(KQRoomUpdateOwnMessage, std::any(received));
-    return;
+    return heard;
   }
   const auto occupants = roomOcuupants();
   const auto found = occupants.find(describe(senderId));
   received->setSender(found == occupants.end() ? nullptr : found->second);
   sendRoomUpdatesWithStatus(KQRoomUpdateNewMessage, self());
+  return heard;
 }
 
 }  // namespace kq

@@ -2,6 +2,7 @@
 
 #include <KQVisitorCore/Model/KQVisitorMessage.h>
 #include <KQVisitorCore/Model/KQVisitorUser.h>
+#include <KQVisitorCore/Platform/Date.h>
 #include <KQVisitorCore/Platform/Export.h>
 #include <KQVisitorCore/Platform/KQError.h>
 #include <KQVisitorCore/Rooms/RoomsManager.h>
@@ -59,6 +60,18 @@ enum KQRoomUpdateStatus : std::int64_t {
 /// the join until the room itself ends; closing it leaves the chat room and removes its
 /// delegates, so no event reaches a closed room. site() is not owned.
 ///
+/// Rejoining: when the connection drops and the client logs in again, connect() is called for
+/// the same room. A first join asks for no history and starts the transcript with the greeting.
+/// A later join of the same multi-user-chat room keeps the transcript, and fetches only what
+/// was said while the visitor was away: from the room's archive (XEP-0313) after the last
+/// stanza id heard, or, when the room keeps none or the fetch fails, from the history the
+/// server sends with a join that asks for it. Each message that comes back is recognised by the
+/// room's stanza id, or else by sender, time and text, so that one already held is not stored,
+/// counted or announced again, and a missed one is, once and in order. Without this every
+/// rejoin would start the conversation over, announce old lines as new, and lose the lines
+/// said in between. When the catch-up has finished, the catch-up listener hears which stanzas
+/// came back.
+///
 /// A room can be filed in RoomsManager as it is; it answers none of the registry's usage flags,
 /// so the registry's group removals refuse it (RoomsManager::UndefinedKey).
 ///
@@ -75,6 +88,25 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   using RoomUpdatesCallbackRef = std::shared_ptr<const RoomUpdatesCallback>;
   using Occupants = std::map<std::string, std::shared_ptr<KQVisitorUser>>;
   using Messages = std::vector<std::shared_ptr<KQVisitorMessage>>;
+
+  /// What the room keeps of each stanza it handled from its multi-user-chat room, to know it
+  /// again when a rejoin brings it back: one for each message it stored, and one for each
+  /// control text. Error messages have none.
+  struct ReceivedStanza {
+    std::optional<std::string> id;         ///< the stanza's "id" attribute
+    std::optional<std::string> stanzaId;   ///< the room's stanza id (XEP-0359), when it archives
+    std::string sender;                    ///< the occupant's nickname
+    std::string text;                      ///< the body
+    std::optional<std::string> timeStamp;  ///< the chat packet's "time_stamp", as written
+    /// When the room had it: the server's stamp for a message handed out late (archive,
+    /// history), else when it arrived here.
+    Date arrival;
+    /// The message stored for it; null when it stored none (control texts, ignored lines).
+    std::shared_ptr<KQVisitorMessage> message;
+  };
+  /// Hears, on the main queue, every stanza a rejoin's catch-up brought back, oldest first:
+  /// those already held (`message` is the one held) and the missed ones, stored just before.
+  using CatchUpListener = std::function<void(const std::vector<ReceivedStanza>& stanzas)>;
 
   /// The control texts a received message may be.
   static constexpr const char* kDestroyRoomText = "[destroy room]";
@@ -126,6 +158,13 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// The last message id HTTP polling saw; "0" while none was stored.
   [[nodiscard]] std::string httpMessageId() const;
   void setHttpMessageId(std::optional<std::string> httpMessageId);
+  /// What the room keeps of the stanza that brought `message` (the last stored for it);
+  /// nullopt for a message that came otherwise: the greeting, over HTTP, or from the host.
+  [[nodiscard]] std::optional<ReceivedStanza> receivedStanza(
+      const std::shared_ptr<KQVisitorMessage>& message) const;
+  /// Replaces the catch-up listener (null for none). Called after a rejoin's catch-up has
+  /// finished, not when it was cut short by another loss of the room.
+  void setCatchUpListener(CatchUpListener listener);
   /// The update callbacks, in registration order (a copy).
   [[nodiscard]] std::vector<RoomUpdatesCallbackRef> roomUpdatesCallback() const;
   /// Kept for the host application; the library never reads or writes them after creation.
@@ -179,8 +218,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
 
   // --- XMPP mode --------------------------------------------------------------------------
 
-  /// Joins with the current user's name as nickname and no history, then status 4. Nothing
-  /// without a room id, or while joined.
+  /// Joins with the current user's name as nickname, then status 4. Nothing without a room id,
+  /// or while joined. The first join asks for no history; a rejoin of the same multi-user-chat
+  /// room catches up (see the class comment).
   void connect();
   /// Disconnects the XMPPRoom's whole stream.
   void closeStream();
@@ -294,6 +334,13 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   // main queue, as a line received over XMPP is.
   void receiveHTTPLine(const std::shared_ptr<KQVisitorMessage>& line);
   std::any self();
+  // How a room stanza reached the room: live, held back during a catch-up (possibly already
+  // held), or brought back by the catch-up (possibly already held; takes the server's time).
+  enum class Arrival { Live, HeldBack, CaughtUp };
+  // The chat-packet handling of one stanza of the XMPP room. Answers what the room keeps of it
+  // (the one held already, for a stanza it knows again); nullopt for an error message.
+  std::optional<ReceivedStanza> receiveStanza(const xmpp::XMPPMessage& message,
+                                              ReceivedStanza heard, Arrival arrival);
 
   const std::unique_ptr<Guarded<State>> state_;
 };

@@ -141,7 +141,7 @@ TEST_F(KQVisitorRoomTest, MessageTypesIgnoredTextsAndTheInvitationText) {
             (nlohmann::ordered_json{{"image", "avatar.png"}, {"message", ""}, {"sender", ""}}));
 }
 
-TEST_F(KQVisitorRoomTest, JoinEventsFollowTheFlagsAndPutTheGreetingBackEachTime) {
+TEST_F(KQVisitorRoomTest, JoinEventsFollowTheFlagsAndARejoinKeepsTheTranscript) {
   room->addRoomOcuupant("42", [] {
     auto op = std::make_shared<KQVisitorUser>();
     op->setUsername("Omar");
@@ -161,9 +161,16 @@ TEST_F(KQVisitorRoomTest, JoinEventsFollowTheFlagsAndPutTheGreetingBackEachTime)
   room->xmppRoomDidJoin(*xmppRoom);
   room->xmppRoomDidCreate(*xmppRoom);
   EXPECT_EQ(updates.size(), 1U) << "no second status 0 while joined";
-  ASSERT_EQ(room->messages().size(), 1U) << "the greeting is again the only message";
+  ASSERT_EQ(room->messages().size(), 2U) << "the same room again: the transcript stays";
   EXPECT_EQ(room->messages()[0]->message(), "Hello, how can I help?");
   EXPECT_FALSE(room->isRoomJoininng());
+
+  const auto otherChat = std::make_shared<xmpp::XMPPRoom>(
+      xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+      *xmpp::XMPPJID::jidWithString("room8@conference.localhost"), DispatchQueue::main());
+  room->setXmppRoom(otherChat);
+  room->xmppRoomDidJoin(*otherChat);
+  EXPECT_EQ(room->messages().size(), 1U) << "another chat starts with the greeting";
 }
 
 TEST_F(KQVisitorRoomTest, ReceivedMessagesAreTypedStoredCountedAndAnnounced) {
