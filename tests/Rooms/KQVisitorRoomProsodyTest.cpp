@@ -11,6 +11,7 @@
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+#include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
 
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
@@ -40,6 +41,7 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
   void SetUp() override {
     test::ProsodyServer::Options options;
     options.tls = false;
+    options.roomArchive = roomArchive;
     options.accounts["42"] = "secret";
     server = std::make_unique<test::ProsodyServer>(options);
     KQVisitorConfig config;
@@ -95,6 +97,7 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
   }
 
   test::ManualClockScope clock;
+  bool roomArchive = true;
   std::unique_ptr<test::ProsodyServer> server;
   std::unique_ptr<test::Operator> agent;
   std::shared_ptr<KQVisitorUser> visitor = user("u1", "Ann");
@@ -219,6 +222,101 @@ TEST_F(KQVisitorRoomProsodyTest, StartingAChatByIdAnswersOnceTheRoomIsJoined) {
   EXPECT_EQ(manager->getCurrentRoom()->roomId(), "81");
   EXPECT_TRUE(manager->getCurrentRoom()->isConnected());
 }
+
+// The same, with the room archive on the server (the parameter) or not.
+class KQVisitorRoomRejoinTest : public KQVisitorRoomProsodyTest,
+                                public ::testing::WithParamInterface<bool> {
+ protected:
+  KQVisitorRoomRejoinTest() { roomArchive = GetParam(); }
+};
+
+std::vector<std::string> textsOf(const KQVisitorRoom::Messages& messages, std::size_t from) {
+  std::vector<std::string> texts;
+  for (std::size_t i = from; i < messages.size(); ++i) {
+    texts.push_back(messages[i]->message().value_or("(none)"));
+  }
+  return texts;
+}
+
+// The visitor's connection drops while the operator goes on talking; the rejoin keeps the
+// transcript and adds each missed line once, in order: from the room's archive after the last
+// stanza id heard, or, without an archive, from the room's history, which brings the line heard
+// before the drop again, known by sender, time and text.
+TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscript) {
+  const auto room = startChat("79");
+  ASSERT_TRUE(room);
+  ASSERT_TRUE(runMainQueueUntil([&] { return !agent->events->messages.empty(); }));  // invited
+  auto operatorEvents = std::make_shared<test::RoomEvents>();
+  const auto operatorRoom = agent->joinRoom(room->xmppRoom()->roomJID(), operatorEvents);
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+  const test::PostedNotifications firstMessage{"RoomStatusFirstMessage"};
+  std::vector<std::vector<KQVisitorRoom::ReceivedStanza>> catchUps;
+  room->setCatchUpListener([&](const auto& stanzas) { catchUps.push_back(stanzas); });
+  const auto announced = [&] {
+    return std::count(statuses.begin(), statuses.end(), KQRoomUpdateNewMessage);
+  };
+
+  operatorSays(operatorRoom, "Hi Ann");
+  ASSERT_TRUE(runMainQueueUntil([&] { return announced() == 1; }));
+  const auto before = room->messages();  // the greeting and "Hi Ann"
+  ASSERT_EQ(before.size(), 2U);
+  EXPECT_EQ(room->receivedStanza(before[1])->stanzaId.has_value(), roomArchive);
+
+  client().xmppStream()->disconnect();
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
+  const std::vector<std::string> missed{"one", "two", "three"};
+  for (const auto& line : missed) {
+    operatorSays(operatorRoom, line);
+  }
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->messages.size() == 4U; }))
+      << "the room has had them all";
+  ASSERT_TRUE(client().connectUser(visitor));
+  ASSERT_TRUE(runMainQueueUntil([&] { return catchUps.size() == 1U; }));
+  operatorSays(operatorRoom, "four");  // live again; anything still owed would come first
+  ASSERT_TRUE(runMainQueueUntil([&] { return announced() == 5; }));
+
+  const auto after = room->messages();
+  ASSERT_EQ(after.size(), 6U);
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), after.begin())) << "the transcript stays";
+  EXPECT_EQ(textsOf(after, 2), (std::vector<std::string>{"one", "two", "three", "four"}));
+  EXPECT_EQ(room->unreadMessagesCount(), 1 + 5) << "one from the record, five received";
+  EXPECT_EQ(firstMessage.posted.size(), 1U) << "the first message was \"Hi Ann\"";
+
+  KQVisitorRoom::Messages broughtBack;
+  for (const auto& stanza : catchUps[0]) {
+    EXPECT_EQ(stanza.sender, "Operator");
+    broughtBack.push_back(stanza.message);
+  }
+  const KQVisitorRoom::Messages expected =
+      roomArchive ? KQVisitorRoom::Messages{after[2], after[3], after[4]}
+                  : KQVisitorRoom::Messages{before[1], after[2], after[3], after[4]};
+  EXPECT_EQ(broughtBack, expected) << "the line heard before is the one held, not a new one";
+  EXPECT_EQ(after[2]->timeStamp(), room->receivedStanza(after[2])->arrival)
+      << "a missed line takes the server's time";
+
+  if (roomArchive) {
+    // The archive page by page, two lines a page, after the line heard before the drop.
+    const auto archive =
+        std::make_shared<xmpp::XMPPRoomArchive>(room->xmppRoom()->roomJID(), DispatchQueue::main());
+    ASSERT_TRUE(archive->activate(agent->stream));
+    std::optional<std::optional<std::vector<xmpp::XMPPRoomArchive::Item>>> fetched;
+    archive->fetchMessages({room->receivedStanza(before[1])->stanzaId, std::nullopt, 2},
+                           [&](auto items) { fetched = std::move(items); });
+    ASSERT_TRUE(runMainQueueUntil([&] { return fetched.has_value(); }));
+    archive->deactivate();
+    ASSERT_TRUE(*fetched);
+    std::vector<std::string> texts;
+    for (const auto& item : **fetched) {
+      texts.push_back(kqChatMessage(item.message));
+      EXPECT_EQ(item.archiveId, room->receivedStanza(after[2 + texts.size() - 1])->stanzaId);
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{"one", "two", "three", "four"}));
+  }
+  operatorRoom->deactivate();
+}
+
+INSTANTIATE_TEST_SUITE_P(RoomArchive, KQVisitorRoomRejoinTest, ::testing::Bool(),
+                         [](const auto& param) { return param.param ? "Archive" : "HistoryOnly"; });
 
 }  // namespace
 }  // namespace kq
