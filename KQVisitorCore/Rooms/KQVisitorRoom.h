@@ -37,7 +37,7 @@ enum KQRoomUpdateStatus : std::int64_t {
   KQRoomUpdateJoined = 0,       ///< the room was created or joined; the room
   KQRoomUpdateDestroyed = 1,    ///< the room was destroyed; the room
   KQRoomUpdateNewMessage = 3,   ///< an operator's message was stored; the room
-  KQRoomUpdateJoining = 4,      ///< the join request was sent; no object
+  KQRoomUpdateJoining = 4,      ///< the room is being joined (see connect()); no object
   KQRoomUpdateOwnMessage = 13,  ///< the visitor's own message came back; the new KQVisitorMessage
   KQRoomUpdateRejoining = 14,   ///< an error message made the room join again; no object
 };
@@ -220,7 +220,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
 
   /// Joins with the current user's name as nickname, then status 4. Nothing without a room id,
   /// or while joined. The first join asks for no history; a rejoin of the same multi-user-chat
-  /// room catches up (see the class comment).
+  /// room catches up (see the class comment): its join request goes once the room has said
+  /// whether it keeps an archive, and a second call while it is under way adds nothing but the
+  /// status.
   void connect();
   /// Disconnects the XMPPRoom's whole stream.
   void closeStream();

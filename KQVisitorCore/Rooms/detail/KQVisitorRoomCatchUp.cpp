@@ -6,13 +6,17 @@
 #include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
+#include <iterator>
+#include <tuple>
+#include <utility>
+
 namespace kq {
 
 enum class KQVisitorRoomCatchUp::Phase {
   Idle,
   Discovering,        // asking whether the room keeps an archive
-  JoiningForArchive,  // joined asking for no history; the archive follows
-  JoiningForHistory,  // joined asking for the history since the mark
+  JoiningForArchive,  // joining with no history asked for; the archive follows the join
+  JoiningForHistory,  // joining with the history since the mark asked for
   LeavingForHistory,  // the archive failed: left, to join again for the history
   FetchingArchive,    // paging through the archive
   ReplayingHistory,   // the join's history is coming
@@ -33,25 +37,41 @@ KQVisitorRoomCatchUp::KQVisitorRoomCatchUp(std::shared_ptr<xmpp::XMPPRoom> room,
       state_(std::make_unique<Guarded<State>>()) {}
 
 KQVisitorRoomCatchUp::~KQVisitorRoomCatchUp() {
+  if (const auto stream = archive_->xmppStream()) {
+    stream->removeDelegate(this);
+  }
   archive_->deactivate();
 }
 
 void KQVisitorRoomCatchUp::start(const std::string& nickname, const Mark& mark) {
-  const std::uint64_t attempt = state_->with([&](State& state) {
-    state.phase = Phase::Discovering;
-    state.nickname = nickname;
-    state.mark = mark;
-    state.heldBack.clear();
-    return ++state.attempt;
-  });
-  // The archive follows the room onto the stream it is on now.
+  const std::optional<std::uint64_t> attempt =
+      state_->with([&](State& state) -> std::optional<std::uint64_t> {
+        if (state.phase != Phase::Idle) {
+          return std::nullopt;
+        }
+        state.phase = Phase::Discovering;
+        state.nickname = nickname;
+        state.mark = mark;
+        return ++state.attempt;
+      });
+  if (!attempt) {
+    return;
+  }
+  // The archive, and the watch on the connection, follow the room onto its stream.
   const auto stream = room_->xmppStream();
-  if (archive_->xmppStream() != stream) {
+  if (const auto previous = archive_->xmppStream(); previous != stream) {
+    if (previous) {
+      previous->removeDelegate(this);
+    }
     archive_->deactivate();
     archive_->activate(stream);
+    if (stream) {
+      stream->addDelegate(std::static_pointer_cast<xmpp::XMPPStreamDelegate>(shared_from_this()),
+                          DispatchQueue::main());
+    }
   }
   std::weak_ptr<KQVisitorRoomCatchUp> weak = weak_from_this();
-  archive_->discoverArchive([weak, attempt](bool archived) {
+  archive_->discoverArchive([weak, attempt = *attempt](bool archived) {
     if (const auto self = weak.lock()) {
       self->discovered(attempt, archived);
     }
@@ -174,18 +194,31 @@ void KQVisitorRoomCatchUp::historyReplayed(std::uint64_t attempt) {
 }
 
 void KQVisitorRoomCatchUp::roomDidLeave() {
-  auto heldBack = state_->with([](State& state) -> std::optional<std::vector<Stanza>> {
-    switch (state.phase) {
-      case Phase::Idle:
-      case Phase::Discovering: return std::nullopt;
-      case Phase::LeavingForHistory:
-        state.phase = Phase::JoiningForHistory;  // the leave it asked for
-        return std::nullopt;
-      default:
-        state.phase = Phase::Idle;
-        ++state.attempt;
-        return std::exchange(state.heldBack, {});
+  const bool ours = state_->with([](State& state) {
+    if (state.phase != Phase::LeavingForHistory) {
+      return false;
     }
+    state.phase = Phase::JoiningForHistory;  // the leave it asked for
+    return true;
+  });
+  if (!ours) {
+    end();
+  }
+}
+
+void KQVisitorRoomCatchUp::xmppStreamDidDisconnect(xmpp::XMPPStream& /*sender*/,
+                                                   const std::optional<KQError>& /*error*/) {
+  end();
+}
+
+void KQVisitorRoomCatchUp::end() {
+  auto heldBack = state_->with([](State& state) -> std::optional<std::vector<Stanza>> {
+    if (state.phase == Phase::Idle) {
+      return std::nullopt;
+    }
+    state.phase = Phase::Idle;
+    ++state.attempt;  // what its questions bring is dropped
+    return std::exchange(state.heldBack, {});
   });
   if (heldBack) {
     handover_(std::move(*heldBack), false);

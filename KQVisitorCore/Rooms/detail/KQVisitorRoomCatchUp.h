@@ -3,6 +3,7 @@
 #include <KQVisitorCore/Platform/Date.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
+#include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
 
 #include <functional>
 #include <memory>
@@ -29,8 +30,12 @@ class XMPPRoomArchive;
 /// history before it reads anything sent later). Room messages that arrive meanwhile are held
 /// back, so that the conversation is handed over in order, old messages first.
 ///
+/// One catch-up at a time: while one is under way, a new start is not needed and is ignored; a
+/// lost connection or a leave of the room ends it.
+///
 /// Every call and every callback runs on the main queue (the room's events come there).
-class KQVisitorRoomCatchUp : public std::enable_shared_from_this<KQVisitorRoomCatchUp> {
+class KQVisitorRoomCatchUp : public std::enable_shared_from_this<KQVisitorRoomCatchUp>,
+                             public xmpp::XMPPStreamDelegate {
  public:
   /// A room message handed over at the end of a catch-up.
   struct Stanza {
@@ -56,18 +61,22 @@ class KQVisitorRoomCatchUp : public std::enable_shared_from_this<KQVisitorRoomCa
   using Handover = std::function<void(std::vector<Stanza> stanzas, bool finished)>;
 
   KQVisitorRoomCatchUp(std::shared_ptr<xmpp::XMPPRoom> room, Handover handover);
-  ~KQVisitorRoomCatchUp();
+  ~KQVisitorRoomCatchUp() override;
   KQVisitorRoomCatchUp(const KQVisitorRoomCatchUp&) = delete;
   KQVisitorRoomCatchUp& operator=(const KQVisitorRoomCatchUp&) = delete;
 
-  /// Joins again under `nickname` and catches up from `mark`. A catch-up under way is dropped
-  /// (what it held back comes again with the new one: the mark has not moved).
+  /// Joins again under `nickname` and catches up from `mark`; nothing while a catch-up is under
+  /// way (it joins already).
   void start(const std::string& nickname, const Mark& mark);
   /// The room reports it is joined.
   void roomDidJoin();
   /// The room reports it was left: unless the catch-up left on purpose, it ends, and hands
   /// over what it held back.
   void roomDidLeave();
+  /// The connection ended: the catch-up ends as for a leave (its questions will not be
+  /// answered, and the join may not have gone out).
+  void xmppStreamDidDisconnect(xmpp::XMPPStream& sender,
+                               const std::optional<KQError>& error) override;
   /// True when `message` is held back until the catch-up ends. Error messages never are.
   bool holdBack(const xmpp::XMPPMessage& message, const xmpp::XMPPJID& occupant);
 
@@ -79,6 +88,7 @@ class KQVisitorRoomCatchUp : public std::enable_shared_from_this<KQVisitorRoomCa
                std::optional<std::vector<Stanza>> archived);  // nullopt: the fetch failed
   void historyReplayed(std::uint64_t attempt);
   void join(const std::string& nickname, const Mark& mark, bool archived);
+  void end();  // hands over what was held back, unfinished
 
   const std::shared_ptr<xmpp::XMPPRoom> room_;
   const std::shared_ptr<xmpp::XMPPRoomArchive> archive_;
