@@ -260,12 +260,13 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
   ASSERT_TRUE(runMainQueueUntil([&] { return announced() == 1; }));
   const auto before = room->messages();  // the greeting and "Hi Ann"
   ASSERT_EQ(before.size(), 2U);
-  EXPECT_EQ(room->receivedStanza(before[1])->stanzaId.has_value(), roomArchive);
+  const auto heardBefore = room->receivedStanza(before[1]);
+  ASSERT_TRUE(heardBefore);
+  EXPECT_EQ(heardBefore->stanzaId.has_value(), roomArchive) << "the archive's id is kept";
 
   client().xmppStream()->disconnect();
   ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
-  const std::vector<std::string> missed{"one", "two", "three"};
-  for (const auto& line : missed) {
+  for (const auto* line : {"one", "two", "three"}) {
     operatorSays(operatorRoom, line);
   }
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->messages.size() == 4U; }))
@@ -291,8 +292,9 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
       roomArchive ? KQVisitorRoom::Messages{after[2], after[3], after[4]}
                   : KQVisitorRoom::Messages{before[1], after[2], after[3], after[4]};
   EXPECT_EQ(broughtBack, expected) << "the line heard before is the one held, not a new one";
-  EXPECT_EQ(after[2]->timeStamp(), room->receivedStanza(after[2])->arrival)
-      << "a missed line takes the server's time";
+  const auto heardMissed = room->receivedStanza(after[2]);
+  ASSERT_TRUE(heardMissed);
+  EXPECT_EQ(after[2]->timeStamp(), heardMissed->arrival) << "a missed line takes the server's time";
 
   if (roomArchive) {
     // The archive page by page, two lines a page, after the line heard before the drop.
@@ -300,15 +302,17 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
         std::make_shared<xmpp::XMPPRoomArchive>(room->xmppRoom()->roomJID(), DispatchQueue::main());
     ASSERT_TRUE(archive->activate(agent->stream));
     std::optional<std::optional<std::vector<xmpp::XMPPRoomArchive::Item>>> fetched;
-    archive->fetchMessages({room->receivedStanza(before[1])->stanzaId, std::nullopt, 2},
+    archive->fetchMessages({heardBefore->stanzaId, std::nullopt, 2},
                            [&](auto items) { fetched = std::move(items); });
     ASSERT_TRUE(runMainQueueUntil([&] { return fetched.has_value(); }));
     archive->deactivate();
     ASSERT_TRUE(*fetched);
+    ASSERT_EQ((*fetched)->size(), 4U);
     std::vector<std::string> texts;
     for (const auto& item : **fetched) {
       texts.push_back(kqChatMessage(item.message));
-      EXPECT_EQ(item.archiveId, room->receivedStanza(after[2 + texts.size() - 1])->stanzaId);
+      const auto kept = room->receivedStanza(after[1 + texts.size()]);
+      EXPECT_EQ(item.archiveId, kept ? kept->stanzaId : std::nullopt) << texts.back();
     }
     EXPECT_EQ(texts, (std::vector<std::string>{"one", "two", "three", "four"}));
   }
