@@ -266,9 +266,11 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
 
   client().xmppStream()->disconnect();
   ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
-  for (const auto* line : {"one", "two", "three"}) {
-    operatorSays(operatorRoom, line);
-  }
+  operatorSays(operatorRoom, "one");
+  auto two = makeKQVisitorMessage(operatorRoom->roomJID(), "two", "42", "W1", "42", "Omar", "79");
+  two.addAttributeWithName("id", "line-2");  // as the visitor's own lines will carry one
+  operatorRoom->sendMessage(two);
+  operatorSays(operatorRoom, "three");
   ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->messages.size() == 4U; }))
       << "the room has had them all";
   ASSERT_TRUE(client().connectUser(visitor));
@@ -286,6 +288,9 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
   KQVisitorRoom::Messages broughtBack;
   for (const auto& stanza : catchUps[0]) {
     EXPECT_EQ(stanza.sender, "Operator");
+    if (stanza.text == "two") {
+      EXPECT_EQ(stanza.id, "line-2");
+    }
     broughtBack.push_back(stanza.message);
   }
   const KQVisitorRoom::Messages expected =
