@@ -31,7 +31,8 @@ namespace kq::xmpp {
 ///
 /// The public methods may be called from any thread while the module is active on a stream.
 /// Completions run on the dispatch queue given at construction, else on the stream's queue;
-/// never inside the call that asked.
+/// never inside the call that asked, except for a module that has neither queue (no dispatch
+/// queue given, never activated), which answers at once.
 class KQ_EXPORT XMPPRoomArchive : public XMPPModule {
  public:
   /// One archived message.
