@@ -150,8 +150,8 @@ void KQVisitorRoom::setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom) {
     // A catch-up's stanzas are handled in order as live ones are, each stanza the room knows
     // already only once; the listener hears of those the archive or history brought.
     catchUp = std::make_shared<KQVisitorRoomCatchUp>(
-        xmppRoom, [weak = weak_from_this()](std::vector<KQVisitorRoomCatchUp::Stanza> stanzas,
-                                            bool finished) {
+        xmppRoom, [weak = weak_from_this()](
+                      const std::vector<KQVisitorRoomCatchUp::Stanza>& stanzas, bool finished) {
           const auto self = weak.lock();
           if (!self) {
             return;
