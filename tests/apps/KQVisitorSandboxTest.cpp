@@ -168,18 +168,9 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverXMPPWithTheOperatorAgentAcrossAServe
       << sandbox.process->output();
   EXPECT_EQ(visitor.finishInput(), 0) << visitor.output();
   const auto said = conversation(visitor.output());
-  // Every answer reaches the visitor, in order. The visitor rejoining is served the room's
-  // archive as history, so the answer said before the restart may come again in between.
-  const auto omar = omarsLines(said);
-  ASSERT_GE(omar.size(), 4U) << visitor.output();
-  EXPECT_EQ(std::vector(omar.begin(), omar.begin() + 2),
-            std::vector(kScriptedAnswers.begin(), kScriptedAnswers.begin() + 2));
-  EXPECT_EQ(std::vector(omar.end() - 2, omar.end()),
-            std::vector(kScriptedAnswers.begin() + 2, kScriptedAnswers.end()))
-      << visitor.output();
-  for (auto line = omar.begin() + 2; line != omar.end() - 2; ++line) {
-    EXPECT_EQ(*line, kScriptedAnswers[1]) << visitor.output();
-  }
+  // Every answer reaches the visitor once, in order: the rejoin's catch-up from the room's
+  // archive, kept on disk across the restart, recognises what the visitor already had.
+  EXPECT_EQ(omarsLines(said), kScriptedAnswers) << visitor.output();
   EXPECT_EQ(std::vector(said.end() - 2, said.end()),
             (std::vector<std::string>{"ended", "-: Left the conversation"}));
   // The operator kept the conversation on the service's side.
