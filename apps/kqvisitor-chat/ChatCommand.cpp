@@ -231,6 +231,15 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     }
   }
 
+  void xmppStreamWillResume(kq::xmpp::XMPPStream& /*sender*/, const KQError& error) override {
+    say("Connection to the chat server lost (" + error.description() +
+        "); resuming the session...");
+  }
+
+  void xmppStreamDidResume(kq::xmpp::XMPPStream& /*sender*/) override {
+    say("Back on the chat server: the session goes on where it was.");
+  }
+
   void xmppStreamDidAuthenticate(kq::xmpp::XMPPStream& /*sender*/) override {
     authenticated_ = true;
   }
