@@ -71,10 +71,7 @@ void XMPPStreamController::connect(std::chrono::duration<double> timeout) {
   ++session_;
   resuming_.reset();
   management_.reset();
-  openConnection(std::nullopt);
-  const std::string domain = settings_.with([](const XMPPStreamSettings& settings) {
-    return settings.myJID ? settings.myJID->domain() : std::string();
-  });
+  const std::string domain = openConnection(std::nullopt);
   iqs_.emplace(
       *this, settings_,
       [this](Clock::Duration delay, std::function<void()> task) {
@@ -88,8 +85,9 @@ void XMPPStreamController::connect(std::chrono::duration<double> timeout) {
   connection_->connect();
 }
 
-// A new connection with its negotiation, which resumes the session when `resumption` is given.
-void XMPPStreamController::openConnection(
+// A new connection with its negotiation, which resumes the session when `resumption` is given;
+// answers the domain it connects to.
+std::string XMPPStreamController::openConnection(
     std::optional<XMPPStreamNegotiation::Resumption> resumption) {
   const auto [host, port, domain] = settings_.with([](const XMPPStreamSettings& settings) {
     const std::string jidDomain = settings.myJID ? settings.myJID->domain() : std::string();
@@ -108,6 +106,7 @@ void XMPPStreamController::openConnection(
   } else {
     negotiation_.emplace(*this, settings_, std::move(schedule), domain);
   }
+  return domain;
 }
 
 void XMPPStreamController::disconnect() {
@@ -206,6 +205,7 @@ void XMPPStreamController::suspend(const KQError& error) {
     end(resuming_->error);
     return;
   }
+  invalidateTimer(resuming_->timer);  // the bound on the try that just failed
   const int attempts = resuming_->attempts++;
   if (attempts == 0) {
     queue_->async([this, stream = self(), session = session_] {

@@ -93,7 +93,7 @@ class XMPPStreamController final : public XMPPStreamConnection::Owner,
   std::shared_ptr<Timer> scheduleFor(const std::weak_ptr<XMPPStreamConnection>& current,
                                      Clock::Duration delay, std::function<void()> task);
   std::shared_ptr<Timer> scheduleForSession(Clock::Duration delay, std::function<void()> task);
-  void openConnection(std::optional<XMPPStreamNegotiation::Resumption> resumption);
+  std::string openConnection(std::optional<XMPPStreamNegotiation::Resumption> resumption);
   void close(const std::optional<KQError>& error, bool mayResume = true);
   void end(const std::optional<KQError>& error);
   void suspend(const KQError& error);
