@@ -74,6 +74,7 @@
 
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 
+#include <KQVisitorCore/Rooms/KQVisitorOutbox.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Rooms/RoomsManager.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>

@@ -495,6 +495,13 @@ bool KQVisitorRoom::sendMessage(const std::string& text) {
   return transport()->send(text);
 }
 
+bool KQVisitorRoom::sendMessage(const std::string& text, const std::string& stanzaId) {
+  if (const auto xmpp = state_->get(&State::xmpp)) {
+    return xmpp->send(text, stanzaId);
+  }
+  return transport()->send(text);
+}
+
 std::int64_t KQVisitorRoom::getMessageType(const std::optional<std::string>& senderId,
                                            const std::optional<std::string>& managerId) {
   if (intValue(managerId.value_or("")) == 0) {

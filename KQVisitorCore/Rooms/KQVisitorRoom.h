@@ -244,6 +244,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// answers false and sends nothing; otherwise the chat packet goes and the answer is true.
   /// The text is stored when the room echoes it back.
   bool sendMessage(const std::string& text);
+  /// As sendMessage(text), with `stanzaId` as the chat packet's "id" attribute, which the room
+  /// gives back with the line (receivedStanza()). An HTTP room sends the text alone.
+  bool sendMessage(const std::string& text, const std::string& stanzaId);
   /// 1 when `managerId` reads 0; 4 when the ids are equal; 2 when `senderId` reads negative;
   /// 3 otherwise.
   static std::int64_t getMessageType(const std::optional<std::string>& senderId,

@@ -57,14 +57,15 @@ void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room, const std
                           const std::optional<std::string>& websiteId,
                           const std::optional<std::string>& managerId,
                           const std::optional<std::string>& visitorName,
-                          const std::optional<std::string>& chatId) {
+                          const std::optional<std::string>& chatId,
+                          const std::optional<std::string>& stanzaId) {
   if (text.empty() || !room) {
     return;
   }
-  onModuleQueue(room, [room, text, userId, websiteId, managerId, visitorName, chatId] {
+  onModuleQueue(room, [room, text, userId, websiteId, managerId, visitorName, chatId, stanzaId] {
     if (const auto stream = room->xmppStream()) {
       stream->sendElement(makeKQVisitorMessage(room->roomJID(), text, userId, websiteId, managerId,
-                                               visitorName, chatId));
+                                               visitorName, chatId, stanzaId));
     }
   });
 }
@@ -74,10 +75,14 @@ xmpp::XMPPMessage makeKQVisitorMessage(const xmpp::XMPPJID& roomJID, const std::
                                        const std::optional<std::string>& websiteId,
                                        const std::optional<std::string>& managerId,
                                        const std::optional<std::string>& visitorName,
-                                       const std::optional<std::string>& chatId) {
+                                       const std::optional<std::string>& chatId,
+                                       const std::optional<std::string>& stanzaId) {
   xmpp::XMPPMessage message;
   message.addAttributeWithName("to", roomJID.full());
   message.addAttributeWithName("type", "groupchat");
+  if (stanzaId) {
+    message.addAttributeWithName("id", *stanzaId);
+  }
   message.addBody(text);
   message.addAttributeWithName("user_id", value(userId));
   message.addAttributeWithName("custom_packet", "true");

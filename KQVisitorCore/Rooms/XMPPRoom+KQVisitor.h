@@ -22,21 +22,24 @@ namespace kq {
 /// and the attributes "user_id", "custom_packet" ("true"), "website_id", "manager_id",
 /// "chat_id", "visitor_name" and "time_stamp" (now, local time, "yyyy-MM-dd HH:mm:ss"), in that
 /// order. Nothing when `text` is empty. Built and sent on the room's moduleQueue: at once when
-/// called on it, else posted (and this returns before the packet is sent).
+/// called on it, else posted (and this returns before the packet is sent). With `stanzaId`
+/// the message also carries it as its "id" attribute, after "type".
 KQ_EXPORT void sendKQVisitorMessage(const std::shared_ptr<xmpp::XMPPRoom>& room,
                                     const std::string& text,
                                     const std::optional<std::string>& userId,
                                     const std::optional<std::string>& websiteId,
                                     const std::optional<std::string>& managerId,
                                     const std::optional<std::string>& visitorName,
-                                    const std::optional<std::string>& chatId);
+                                    const std::optional<std::string>& chatId,
+                                    const std::optional<std::string>& stanzaId = std::nullopt);
 
 /// The chat packet sendKQVisitorMessage sends to `roomJID`, built now (time stamp included) and
 /// not sent.
 KQ_EXPORT xmpp::XMPPMessage makeKQVisitorMessage(
     const xmpp::XMPPJID& roomJID, const std::string& text, const std::optional<std::string>& userId,
     const std::optional<std::string>& websiteId, const std::optional<std::string>& managerId,
-    const std::optional<std::string>& visitorName, const std::optional<std::string>& chatId);
+    const std::optional<std::string>& visitorName, const std::optional<std::string>& chatId,
+    const std::optional<std::string>& stanzaId = std::nullopt);
 
 /// Invites "<operatorID>@localhost" into the room (mediated invitation) with `text` as the
 /// reason. Only the text, the operator id and the room are used: the other fields travel inside

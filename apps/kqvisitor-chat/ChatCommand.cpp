@@ -4,13 +4,14 @@
 
 #include <unistd.h>
 #include <cstdlib>
-#include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kqchat {
 
@@ -25,8 +26,6 @@ constexpr std::string_view kUsage =
     "[--phone P] [--message TEXT] [--http] [--json] [--linger SECONDS] [--verbose]";
 
 constexpr kq::Clock::Duration kLeavingPatience = std::chrono::seconds(10);
-constexpr kq::Clock::Duration kResendDelay = std::chrono::seconds(1);
-constexpr int kMostSends = 3;
 constexpr kq::Clock::Duration kEchoPatience = std::chrono::seconds(30);
 
 struct Options {
@@ -136,15 +135,16 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     });
   }
 
-  // A line typed by the visitor: sent once the chat has started, in the order typed; reported
-  // unsent when the run is already ending.
+  // A line typed by the visitor: into the room's outbox once the chat has started, in the order
+  // typed; reported unsent when the run is already ending.
   void send(const std::string& line) {
     if (finishing_) {
       reportUnsent(line);
-      return;
+    } else if (outbox_) {
+      outbox_->send(line);
+    } else {
+      early_.push_back(line);
     }
-    pending_.push_back({line});
-    sendPending();
   }
 
   // Standard input has ended: leave once the replies have had --linger seconds to come.
@@ -167,17 +167,24 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     // Leaving takes a service's answer or the server's goodbye: neither is waited for forever.
     kq::DispatchQueue::main()->asyncAfter(kLeavingPatience,
                                           [self = shared_from_this()] { self->stop(); });
-    // Lines not sent, and lines sent that the room never gave back, did not reach the chat.
-    for (const auto* lines : {&unconfirmed_, &pending_}) {
-      for (const auto& line : *lines) {
+    // Lines the chat never got: the chat is being left, so they are not kept for a later run.
+    for (const auto& line : early_) {
+      reportUnsent(line);
+    }
+    early_.clear();
+    const auto room = room_.lock();
+    if (outbox_) {
+      for (const auto& line : outbox_->lines()) {
         reportUnsent(line.text);
       }
+      outbox_->close();
+      outbox_.reset();
+      if (const auto chatId = room ? room->roomId() : std::nullopt) {
+        kq::KQVisitorOutbox::forgetLines(*chatId);
+      }
     }
-    unconfirmed_.clear();
-    pending_.clear();
     auto& client = kq::KQVisitorXMPPClient::instance();
     const auto manager = client.sitesManager();
-    const auto room = room_.lock();
     if (started_) {
       say("Leaving the chat...");
     }
@@ -357,7 +364,40 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     print({{"event", "started"}, {"joined", true}, {"chatId", chatId ? Json(*chatId) : Json()}},
           started_ ? "Back in the chat." : "Chat started. Type a message and press Enter.");
     started_ = true;
-    sendPending();
+    if (!outbox_ && room) {
+      // The outbox keeps each line until the chat has it, across lost connections and rejoins;
+      // it also takes back what an earlier run that was killed left for this chat.
+      outbox_ = kq::KQVisitorOutbox::make(
+          room, [weak = weak_from_this()](const kq::KQVisitorOutbox::Line& line,
+                                          kq::KQOutboxLineFate fate,
+                                          const std::optional<KQError>& failure) {
+            if (const auto self = weak.lock()) {
+              self->lineFate(line, fate, failure);
+            }
+          });
+      for (const auto& line : std::exchange(early_, {})) {
+        outbox_->send(line);
+      }
+    }
+    lingerIfDone();
+  }
+
+  void lineFate(const kq::KQVisitorOutbox::Line& line, kq::KQOutboxLineFate fate,
+                const std::optional<KQError>& error) {
+    if (fate == kq::KQOutboxLineSent && line.sends > 1 && !options_.json) {
+      say("Sending again: " + line.text);
+    } else if (fate == kq::KQOutboxLineDelivered) {
+      showNewMessages();  // over HTTP the line is in the transcript now
+      lingerIfDone();
+    } else if (fate == kq::KQOutboxLineGivenUp) {
+      if (error) {
+        showError(*error, "Not sent: " + line.text);
+        ++unsent_;
+      } else {
+        reportUnsent(line.text);
+      }
+      lingerIfDone();
+    }
   }
 
   void roomUpdated(std::int64_t status) {
@@ -379,15 +419,7 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
       lastRoomStatus_ = status;
     }
     showNewMessages();
-    if (status == kq::KQRoomUpdateOwnMessage && !unconfirmed_.empty()) {
-      unconfirmed_.pop_front();  // one of ours, back from the room
-      lingerIfDone();
-    } else if (status == kq::KQRoomUpdateRejoining) {
-      resendRefused();
-    }
-    if (status == kq::KQRoomUpdateJoined) {
-      sendPending();  // lines that waited for a rejoin
-    } else if (status == kq::KQRoomUpdateDestroyed) {
+    if (status == kq::KQRoomUpdateDestroyed) {
       finish();
     }
   }
@@ -440,70 +472,14 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
     }
   }
 
-  // Sends the lines typed so far once the chat has started; a line the room cannot take now
-  // (its stream is down) waits for the next join. Over HTTP one line is on its way at a time,
-  // so that the service stores them in the order typed.
-  void sendPending() {
-    const auto room = room_.lock();
-    while (started_ && !finishing_ && room && !pending_.empty() && inFlight_ == 0) {
-      Line line = pending_.front();
-      if (options_.http) {
-        sendOverHTTP(line.text);
-      } else if (room->sendMessage(line.text)) {
-        ++line.sends;
-        unconfirmed_.push_back(line);  // until the room gives it back
-      } else {
-        if (room->isRoomDestroyed()) {
-          finish();  // reports what is left as unsent
-        }
-        return;
-      }
-      pending_.pop_front();
-    }
-    lingerIfDone();
-  }
-
-  // The room refused a line (the visitor was not in it, after a server restart, say) and is
-  // being joined again: the lines it has not given back go again, a moment later, in order; a
-  // line refused kMostSends times is given up (and reported unsent at the end).
-  void resendRefused() {
-    for (auto line = unconfirmed_.rbegin(); line != unconfirmed_.rend(); ++line) {
-      if (line->sends < kMostSends) {
-        pending_.push_front(*line);
-      } else {
-        reportUnsent(line->text);
-      }
-    }
-    unconfirmed_.clear();
-    kq::DispatchQueue::main()->asyncAfter(kResendDelay,
-                                          [self = shared_from_this()] { self->sendPending(); });
-  }
-
   // A line that did not reach the chat: said, and counted against the exit status.
   void reportUnsent(const std::string& text) {
     print({{"event", "unsent"}, {"text", text}}, "Not sent: " + text);
     ++unsent_;
   }
 
-  // Over HTTP the line goes through the sites manager, whose answer tells whether it arrived.
-  void sendOverHTTP(const std::string& line) {
-    ++inFlight_;
-    kq::KQVisitorXMPPClient::instance().sitesManager()->sendHTTPMessage(
-        line, [self = shared_from_this(), line](std::optional<KQError> error, auto /*message*/) {
-          kq::DispatchQueue::main()->async([self, line, error = std::move(error)] {
-            --self->inFlight_;
-            if (error) {
-              self->showError(*error, "Not sent: " + line);
-              ++self->unsent_;
-            }
-            self->showNewMessages();
-            self->sendPending();
-          });
-        });
-  }
-
   void lingerIfDone() {
-    if (!inputEnded_ || !started_ || !pending_.empty() || !unconfirmed_.empty() || inFlight_ > 0 ||
+    if (!inputEnded_ || !started_ || !early_.empty() || (outbox_ && !outbox_->lines().empty()) ||
         lingering_ || finishing_) {
       return;
     }
@@ -525,15 +501,10 @@ class ChatSession : public kq::xmpp::XMPPStreamDelegate,
   Options options_;
   std::weak_ptr<KQVisitorRoom> room_;
   KQVisitorRoom::RoomUpdatesCallbackRef updates_;
-  struct Line {
-    std::string text;
-    int sends = 0;
-  };
-  std::deque<Line> pending_;      // typed, not yet handed to the room
-  std::deque<Line> unconfirmed_;  // over XMPP: sent, not yet given back by the room
+  std::vector<std::string> early_;  // typed before the chat started
+  std::shared_ptr<kq::KQVisitorOutbox> outbox_;
   std::set<const kq::KQVisitorMessage*> shown_;
   std::vector<std::shared_ptr<kq::KQVisitorMessage>> kept_;
-  int inFlight_ = 0;  // HTTP sends not answered yet
   int unsent_ = 0;
   bool started_ = false;
   bool inputEnded_ = false;

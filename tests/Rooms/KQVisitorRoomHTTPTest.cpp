@@ -5,6 +5,8 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Rooms/KQVisitorOutbox.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 
@@ -234,6 +236,63 @@ TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
   ASSERT_TRUE(closed.first);
   EXPECT_EQ(closed.first->domain, "Can not insert message");
   EXPECT_EQ(server.requests().size(), before);
+}
+
+// Lines go one at a time, in order: one that could not reach the service goes again, later,
+// and holds back those after it; one that waits beyond the give-up time is given up.
+TEST_F(KQVisitorRoomHTTPTest, TheOutboxRetriesUnreachedLinesInOrderAndGivesUpLateOnes) {
+  test::ManualClockScope clock;
+  std::vector<std::string> fates;
+  const auto outbox =
+      KQVisitorOutbox::make(room, [&](const auto& line, auto fate, const auto& /*error*/) {
+        static const char* const kNames[] = {"sent", "delivered", "given up"};
+        fates.push_back(line.text + ":" + kNames[fate]);
+      });
+  test::pointServicesAt("http://127.0.0.1:9");  // nothing listens there
+  outbox->send("one");
+  outbox->send("two");
+  outbox->send("three");
+  ASSERT_TRUE(test::runMainQueueUntil([&] {
+    clock->advance(100ms);
+    return fates.size() == 2U;
+  })) << "the same line again, after a while";
+  EXPECT_EQ(fates, (std::vector<std::string>{"one:sent", "one:sent"}));
+
+  const test::ScriptedResponse stored{200, R"({"response":"1"})", "application/json", {}};
+  server.setDefaultResponse(stored);
+  test::pointServicesAt(server.origin());
+  ASSERT_TRUE(test::runMainQueueUntil([&] {
+    clock->advance(500ms);
+    return outbox->lines().empty();
+  }));
+  EXPECT_EQ(fates, (std::vector<std::string>{"one:sent", "one:sent", "one:sent", "one:delivered",
+                                             "two:sent", "two:delivered", "three:sent",
+                                             "three:delivered"}));
+  std::vector<std::string> inserted;
+  for (const auto& request : server.requests()) {
+    const auto start = request.target.find("InsertChatMessage?");
+    inserted.push_back(request.target.substr(start, request.target.find('&') - start));
+  }
+  EXPECT_EQ(inserted, (std::vector<std::string>{"InsertChatMessage?parMessage=one",
+                                                "InsertChatMessage?parMessage=two",
+                                                "InsertChatMessage?parMessage=three"}));
+
+  fates.clear();
+  test::pointServicesAt("http://127.0.0.1:9");
+  outbox->setGiveUpAfter(10s);
+  outbox->send("four");
+  ASSERT_TRUE(test::runMainQueueUntil([&] {
+    clock->advance(1s);
+    return !outbox->lines().empty() && outbox->lines().front().sends >= 3;
+  }));
+  clock->advance(10s);
+  test::drainMainQueue();
+  EXPECT_TRUE(outbox->lines().empty());
+  EXPECT_EQ(fates.back(), "four:given up");
+  EXPECT_FALSE(UserDefaults::standard().objectForKey("kqoutbox7")) << "nothing left to send";
+  test::flushSharedWebService();  // the last try's answer finds nothing to send
+  test::drainMainQueue();
+  outbox->close();
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <KQVisitorCore/Network/KQVisitorXMPPClient.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/UserDefaults.h>
+#include <KQVisitorCore/Rooms/KQVisitorOutbox.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
@@ -56,6 +58,7 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
     client().setSitesManager(manager);
     agent = std::make_unique<test::Operator>(*server);
     ASSERT_TRUE(agent->login());
+    forgetOutboxes();
   }
 
   void TearDown() override {
@@ -67,6 +70,14 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
     server.reset();
     KQVisitorConfig::setShared(KQVisitorConfig());
     test::drainMainQueue();
+    forgetOutboxes();
+  }
+
+  // The outboxes' lines are kept in the standard user defaults, which outlive the process.
+  static void forgetOutboxes() {
+    for (const char* chatId : {"80", "82"}) {
+      KQVisitorOutbox::forgetLines(chatId);
+    }
   }
 
   static KQVisitorXMPPClient& client() { return KQVisitorXMPPClient::instance(); }
@@ -96,8 +107,35 @@ class KQVisitorRoomProsodyTest : public ::testing::Test {
     sendKQVisitorMessage(room, text, "42", "W1", "42", visitorName, "77");
   }
 
+  // The operator in the chat's room, once the visitor has invited it.
+  std::shared_ptr<xmpp::XMPPRoom> operatorJoins(const std::shared_ptr<KQVisitorRoom>& room) {
+    EXPECT_TRUE(runMainQueueUntil([&] { return !agent->events->messages.empty(); }));
+    auto joined = agent->joinRoom(room->xmppRoom()->roomJID(), operatorEvents);
+    EXPECT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+    return joined;
+  }
+
+  // The lines of the room as the operator heard them, oldest first.
+  std::vector<std::string> operatorHeard() const {
+    std::vector<std::string> texts;
+    for (const auto& message : operatorEvents->messages) {
+      texts.push_back(kqChatMessage(message));
+    }
+    return texts;
+  }
+
+  // An outbox for `room` whose fates go to `fates` as "text:fate".
+  std::shared_ptr<KQVisitorOutbox> outboxFor(const std::shared_ptr<KQVisitorRoom>& room) {
+    return KQVisitorOutbox::make(room, [this](const auto& line, auto fate, const auto& /*error*/) {
+      static const char* const kNames[] = {"sent", "delivered", "given up"};
+      fates.push_back(line.text + ":" + kNames[fate]);
+    });
+  }
+
   test::ManualClockScope clock;
   bool roomArchive = true;
+  std::shared_ptr<test::RoomEvents> operatorEvents = std::make_shared<test::RoomEvents>();
+  std::vector<std::string> fates;
   std::unique_ptr<test::ProsodyServer> server;
   std::unique_ptr<test::Operator> agent;
   std::shared_ptr<KQVisitorUser> visitor = user("u1", "Ann");
@@ -127,9 +165,7 @@ TEST_F(KQVisitorRoomProsodyTest, AVisitorChatsWithTheOperatorUntilTheOperatorEnd
   EXPECT_EQ(visitorName(invitation), "Ann");
   EXPECT_EQ(greeting(invitation), "Hello, I am Omar");
 
-  auto operatorEvents = std::make_shared<test::RoomEvents>();
-  const auto operatorRoom = agent->joinRoom(room->xmppRoom()->roomJID(), operatorEvents);
-  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+  const auto operatorRoom = operatorJoins(room);
 
   // The operator's message (type 4), a colleague's through the same agent (type 3), then the
   // visitor's own line coming back.
@@ -250,10 +286,7 @@ std::vector<std::string> textsOf(const KQVisitorRoom::Messages& messages, std::s
 TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscript) {
   const auto room = startChat("79");
   ASSERT_TRUE(room);
-  ASSERT_TRUE(runMainQueueUntil([&] { return !agent->events->messages.empty(); }));  // invited
-  auto operatorEvents = std::make_shared<test::RoomEvents>();
-  const auto operatorRoom = agent->joinRoom(room->xmppRoom()->roomJID(), operatorEvents);
-  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+  const auto operatorRoom = operatorJoins(room);
   const test::PostedNotifications firstMessage{"RoomStatusFirstMessage"};
   std::vector<std::vector<KQVisitorRoom::ReceivedStanza>> catchUps;
   room->setCatchUpListener([&](const auto& stanzas) { catchUps.push_back(stanzas); });
@@ -329,8 +362,72 @@ TEST_P(KQVisitorRoomRejoinTest, ARejoinAddsEachMissedLineOnceAndKeepsTheTranscri
   operatorRoom->deactivate();
 }
 
+// A line that reached the room just as the connection went, and one typed while away: after
+// the rejoin each is in the room once, in order, known again by the id its packet carries
+// (from the archive, or from the room's history).
+TEST_P(KQVisitorRoomRejoinTest, TheOutboxPutsEachLineInTheRoomOnceAcrossALostConnection) {
+  const auto room = startChat("80");
+  ASSERT_TRUE(room);
+  const auto operatorRoom = operatorJoins(room);
+  const auto outbox = outboxFor(room);
+  outbox->send("one");
+  ASSERT_TRUE(runMainQueueUntil([&] { return fates.size() == 2U; }));
+  outbox->send("two");
+  client().xmppStream()->disconnect();  // after "two" has gone, before its echo can come
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
+  outbox->send("three");
+  test::drainMainQueue();
+  EXPECT_EQ(fates, (std::vector<std::string>{"one:sent", "one:delivered", "two:sent"}));
+
+  ASSERT_TRUE(client().connectUser(visitor));
+  ASSERT_TRUE(runMainQueueUntil([&] { return outbox->lines().empty(); }));
+  outbox->send("four");  // whatever went before it reaches the operator before it
+  ASSERT_TRUE(
+      runMainQueueUntil([&] { return operatorHeard().size() == 4U && outbox->lines().empty(); }));
+  test::drainMainQueue();
+  EXPECT_EQ(operatorHeard(), (std::vector<std::string>{"one", "two", "three", "four"}));
+  EXPECT_EQ(fates, (std::vector<std::string>{"one:sent", "one:delivered", "two:sent",
+                                             "two:delivered", "three:sent", "three:delivered",
+                                             "four:sent", "four:delivered"}))
+      << "\"two\" was found in what the rejoin caught up, not sent again";
+  EXPECT_EQ(textsOf(room->messages(), 1),
+            (std::vector<std::string>{"one", "two", "three", "four"}));
+  outbox->close();
+  operatorRoom->deactivate();
+}
+
 INSTANTIATE_TEST_SUITE_P(RoomArchive, KQVisitorRoomRejoinTest, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Archive" : "HistoryOnly"; });
+
+// Lines a run of the host left in the user defaults: the one that reached the room is found
+// in its archive and not sent again; the others go, in order, before a line typed now.
+TEST_F(KQVisitorRoomProsodyTest, AnOutboxTakesBackTheLinesOfAnEarlierRunAndLooksInTheArchive) {
+  const auto room = startChat("82");
+  ASSERT_TRUE(room);
+  const auto operatorRoom = operatorJoins(room);
+  ASSERT_TRUE(room->sendMessage("two", "id-two"));
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorHeard().size() == 1U; }));
+  const double written = Date::now().timeIntervalSince1970() - 5;
+  UserDefaults::standard().setObject(
+      nlohmann::ordered_json::array(
+          {{{"id", "id-two"}, {"text", "two"}, {"written", written}, {"sends", 1}},
+           {{"id", "id-three"}, {"text", "three"}, {"written", written}, {"sends", 1}},
+           {{"id", "id-four"}, {"text", "four"}, {"written", written}, {"sends", 0}}}),
+      "kqoutbox82");
+
+  const auto outbox = outboxFor(room);
+  outbox->send("five");
+  ASSERT_TRUE(
+      runMainQueueUntil([&] { return operatorHeard().size() == 4U && outbox->lines().empty(); }));
+  test::drainMainQueue();
+  EXPECT_EQ(fates,
+            (std::vector<std::string>{"two:delivered", "three:sent", "four:sent", "five:sent",
+                                      "three:delivered", "four:delivered", "five:delivered"}));
+  EXPECT_EQ(operatorHeard(), (std::vector<std::string>{"two", "three", "four", "five"}));
+  EXPECT_FALSE(UserDefaults::standard().objectForKey("kqoutbox82")) << "nothing left to send";
+  outbox->close();
+  operatorRoom->deactivate();
+}
 
 }  // namespace
 }  // namespace kq

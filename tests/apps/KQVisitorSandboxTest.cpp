@@ -178,7 +178,8 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverXMPPWithTheOperatorAgentAcrossAServe
             (std::vector<std::string>{"visitor|Where is my order?",
                                       "operator|Let me look that up for you."}));
   EXPECT_EQ(sandbox.query("SELECT text FROM messages WHERE sender = 'visitor'"),
-            (std::vector<std::string>{"Where is my order?", "Thanks", "Bye"}));
+            (std::vector<std::string>{"Where is my order?", "Thanks", "Bye"}))
+      << visitor.output() << sandbox.process->output();
   EXPECT_EQ(sandbox.query("SELECT ended FROM chats"), std::vector<std::string>{"1"});
 }
 

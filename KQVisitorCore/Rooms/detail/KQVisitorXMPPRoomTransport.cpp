@@ -21,6 +21,11 @@ void KQVisitorXMPPRoomTransport::leave() {
 }
 
 bool KQVisitorXMPPRoomTransport::send(const std::string& text) {
+  return send(text, std::nullopt);
+}
+
+bool KQVisitorXMPPRoomTransport::send(const std::string& text,
+                                      const std::optional<std::string>& stanzaId) {
   const auto owner = owner_.lock();
   if (!owner || owner->isRoomDestroyed()) {
     return false;
@@ -32,7 +37,7 @@ bool KQVisitorXMPPRoomTransport::send(const std::string& text) {
   const auto site = owner->site();
   const auto visitor = KQVisitorRoom::getVisitor();
   sendKQVisitorMessage(room_, text, "0", site ? site->siteId() : std::nullopt, "0",
-                       visitor ? visitor->username() : std::nullopt, owner->roomId());
+                       visitor ? visitor->username() : std::nullopt, owner->roomId(), stanzaId);
   return true;
 }
 

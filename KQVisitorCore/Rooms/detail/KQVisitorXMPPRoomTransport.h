@@ -3,6 +3,8 @@
 #include <KQVisitorCore/Rooms/detail/KQVisitorRoomTransport.h>
 
 #include <memory>
+#include <optional>
+#include <string>
 
 namespace kq {
 
@@ -25,6 +27,8 @@ class KQVisitorXMPPRoomTransport final : public KQVisitorRoomTransport {
   void leave() override;
   /// False when the chat was destroyed or the stream is not connected.
   bool send(const std::string& text) override;
+  /// As send(text), the packet carrying `stanzaId` as its "id" attribute.
+  bool send(const std::string& text, const std::optional<std::string>& stanzaId);
 
  private:
   const std::weak_ptr<KQVisitorRoom> owner_;
