@@ -10,10 +10,8 @@
 
 namespace kq::xmpp {
 
-namespace {
-
-// A counter as the server writes it; nullopt when it is not one.
-std::optional<std::uint32_t> counterValue(const std::optional<std::string>& text) {
+std::optional<std::uint32_t> XMPPStreamManagement::counterValue(
+    const std::optional<std::string>& text) {
   std::uint32_t value = 0;
   if (!text || text->empty()) {
     return std::nullopt;
@@ -24,8 +22,6 @@ std::optional<std::uint32_t> counterValue(const std::optional<std::string>& text
   }
   return value;
 }
-
-}  // namespace
 
 XMPPStreamManagement::XMPPStreamManagement(Host& host, XMPPStreamSchedule schedule)
     : host_(host), schedule_(std::move(schedule)) {}

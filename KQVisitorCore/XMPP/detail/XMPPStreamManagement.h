@@ -44,6 +44,10 @@ class XMPPStreamManagement {
   XMPPStreamManagement(const XMPPStreamManagement&) = delete;
   XMPPStreamManagement& operator=(const XMPPStreamManagement&) = delete;
 
+  /// A counter ("h", "max") as the server writes it; nullopt when it is not one.
+  [[nodiscard]] static std::optional<std::uint32_t> counterValue(
+      const std::optional<std::string>& text);
+
   /// The request that turns it on (with resumption); stanzas count from now. Answers what to
   /// write.
   std::string enable(std::chrono::duration<double> ackTimeout);

@@ -3,8 +3,8 @@
 #include <KQVisitorCore/XMPP/XMPPNamespaces.h>
 #include <KQVisitorCore/XMPP/XMPPSASLAuthentication.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamErrors.h>
+#include <KQVisitorCore/XMPP/detail/XMPPStreamManagement.h>
 
-#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -307,12 +307,16 @@ void XMPPStreamNegotiation::handleResumption(const XMPPElement& element) {
   if (element.xmlns() != kXMPPStreamManagementNamespace) {
     return;  // nothing else is meant to come before the answer
   }
-  if (element.name() == "resumed") {
-    const auto text = element.attributeStringValueForName("h", "0");
+  const auto handled = XMPPStreamManagement::counterValue(element.attributeStringValueForName("h"));
+  if (element.name() == "resumed" && handled) {
     phase_ = Phase::Authenticated;
     authentication_.reset();
     invalidateTimer(negotiationTimer_);
-    host_.negotiationDidResume(static_cast<std::uint32_t>(std::strtoul(text.c_str(), nullptr, 10)));
+    host_.negotiationDidResume(*handled);
+  } else if (element.name() == "resumed") {
+    // Without the count, what to send again is a guess: lines would be lost or repeated.
+    host_.negotiationDidNotResume(streamError(
+        XMPPStream::kErrorProtocol, "The server resumed the session without saying what it had"));
   } else if (element.name() == "failed") {
     const auto children = element.children();
     host_.negotiationDidNotResume(streamError(
