@@ -1,5 +1,7 @@
 #include "OperatorAgent.h"
 
+#include <algorithm>
+
 #include "ChatPacket.h"
 
 #include <KQVisitorCore/Platform/DispatchQueue.h>
@@ -58,16 +60,40 @@ void OperatorAgent::stop() {
   stream_->disconnect();
 }
 
-bool OperatorAgent::say(const std::string& chatId, const std::string& text) {
+OperatorAgent::Chat* OperatorAgent::joinedChat(const std::string& chatId) {
   for (auto& [jid, chat] : chats_) {
     if (chat.id == chatId && chat.joined) {
-      send(chat, text);
-      store_.addMessage(chat.id, "operator", text);
-      log_("chat " + chat.id + ": " + person_.name + ": " + text);
-      return true;
+      return &chat;
     }
   }
-  return false;
+  return nullptr;
+}
+
+bool OperatorAgent::say(const std::string& chatId, const std::string& text) {
+  Chat* chat = joinedChat(chatId);
+  if (chat == nullptr) {
+    return false;
+  }
+  send(*chat, text);
+  store_.addMessage(chatId, "operator", text);
+  log_("chat " + chatId + ": " + person_.name + ": " + text);
+  return true;
+}
+
+bool OperatorAgent::end(const std::string& chatId) {
+  Chat* chat = joinedChat(chatId);
+  if (chat == nullptr) {
+    return false;
+  }
+  send(*chat, OperatorScript::kEndText);
+  store_.endChat(chatId);
+  log_("chat " + chatId + " ended by the operator");
+  return true;
+}
+
+bool OperatorAgent::hasChat(const std::string& chatId) const {
+  return std::any_of(chats_.begin(), chats_.end(),
+                     [&chatId](const auto& entry) { return entry.second.id == chatId; });
 }
 
 void OperatorAgent::send(const Chat& chat, const std::string& text) {
@@ -214,11 +240,12 @@ void OperatorAgent::xmppRoomDidReceiveMessage(kq::xmpp::XMPPRoom& sender,
   store_.addMessage(chat->id, "visitor", text);
   log_("chat " + chat->id + ": visitor: " + text);
   const auto chatId = chat->id;
+  if (store_.atConsole(person_.id)) {
+    return;  // a person answers
+  }
   for (const auto& answer : script_.answersTo(store_.messageCount(chatId, "visitor"))) {
     if (answer == OperatorScript::kEndText) {
-      send(*chat, answer);
-      store_.endChat(chatId);
-      log_("chat " + chatId + " ended by the operator");
+      end(chatId);
     } else {
       say(chatId, answer);
     }

@@ -23,7 +23,8 @@ namespace kqsandbox {
 /// password, it takes each visitor's invitation, joins the chat's room, answers the visitor's
 /// chat packets from the script (as the service's operators do: "manager_id", "user_id",
 /// "visitor_name", "time_stamp") and ends the chat with "[destroy room]" when the script says.
-/// What is said is kept in the store. After a lost connection (the sandbox restarts a server that
+/// What is said is kept in the store. While a person answers for the operator at the console,
+/// the script stays quiet. After a lost connection (the sandbox restarts a server that
 /// stops) it logs in again and goes back into its rooms, saying so in the log at each step.
 /// Everything runs on the main queue.
 class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
@@ -37,12 +38,17 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
   OperatorAgent(const OperatorAgent&) = delete;
   OperatorAgent& operator=(const OperatorAgent&) = delete;
 
+  [[nodiscard]] const SandboxOperator& person() const { return person_; }
   /// Connects to 127.0.0.1:`port`. Call on the main queue.
   void start(int port);
   /// Leaves the rooms and disconnects. Call on the main queue.
   void stop();
   /// Says `text` in the chat `chatId` when this operator is in its room; false otherwise.
   bool say(const std::string& chatId, const std::string& text);
+  /// Ends chat `chatId` with the end notice when this operator is in its room; false otherwise.
+  bool end(const std::string& chatId);
+  /// Whether chat `chatId` is one of this operator's XMPP chats (it was invited to its room).
+  [[nodiscard]] bool hasChat(const std::string& chatId) const;
 
   void xmppStreamDidConnect(kq::xmpp::XMPPStream& sender) override;
   void xmppStreamDidAuthenticate(kq::xmpp::XMPPStream& sender) override;
@@ -77,6 +83,7 @@ class OperatorAgent : public kq::xmpp::XMPPStreamDelegate,
   // The operator's line `text` into the chat's room.
   void send(const Chat& chat, const std::string& text);
   Chat* chatOfRoom(const kq::xmpp::XMPPRoom& room);
+  Chat* joinedChat(const std::string& chatId);
 
   SandboxOperator person_;
   SandboxStore& store_;

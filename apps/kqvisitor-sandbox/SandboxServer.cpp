@@ -1,5 +1,7 @@
 #include "SandboxServer.h"
 
+#include "SandboxConsole.h"
+
 #include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <httplib.h>
@@ -39,6 +41,30 @@ std::string describe(const httplib::Params& parameters) {
   return text;
 }
 
+// The query of `target`, each parameter cut at its first "=": the chat library writes a
+// visitor's text into the query as typed, "=" included, and the text is all that follows.
+httplib::Params queryOf(const std::string& target) {
+  httplib::Params parameters;
+  const auto query = target.find('?');
+  if (query == std::string::npos) {
+    return parameters;
+  }
+  std::size_t at = query + 1;
+  while (at <= target.size()) {
+    const auto end = std::min(target.find('&', at), target.size());
+    const std::string pair = target.substr(at, end - at);
+    const auto equals = pair.find('=');
+    if (!pair.empty()) {
+      parameters.emplace(httplib::detail::decode_url(pair.substr(0, equals), true),
+                         equals == std::string::npos
+                             ? std::string()
+                             : httplib::detail::decode_url(pair.substr(equals + 1), true));
+    }
+    at = end + 1;
+  }
+  return parameters;
+}
+
 std::string shortened(const std::string& text) {
   constexpr std::size_t kLongest = 120;
   return text.size() <= kLongest ? text : text.substr(0, kLongest) + "...";
@@ -48,6 +74,7 @@ std::string shortened(const std::string& text) {
 
 struct SandboxServer::Impl {
   SandboxStore& store;
+  SandboxConsole* console = nullptr;
   OperatorScript script;
   Log log;
   std::unique_ptr<httplib::Server> server;
@@ -170,6 +197,9 @@ struct SandboxServer::Impl {
     }
     store.addMessage(chatId, "visitor", text);
     log("chat " + chatId + ": visitor: " + text);
+    if (store.atConsole(chat->operatorId)) {
+      return {200, quoted("1")};  // a person answers at the console
+    }
     const auto agent = store.operatorById(chat->operatorId);
     for (const auto& reply : script.answersTo(store.messageCount(chatId, "visitor"))) {
       store.addMessage(chatId, "operator", reply);
@@ -280,7 +310,7 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
   const std::string services =
       R"(^/(?:VisitorServiceXMPPSSL|VisitorService_Mobile)/ChatService\.svc/(\w+)$)";
   server.Get(services, [impl](const httplib::Request& request, httplib::Response& response) {
-    impl->json(request.matches[1], request.params, response);
+    impl->json(request.matches[1], queryOf(request.target), response);
   });
   server.Post(services, [impl](const httplib::Request& request, httplib::Response& response) {
     httplib::Params parameters;
@@ -323,9 +353,7 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
         !std::regex_match(path, operation, kService)) {
       return;
     }
-    httplib::Params parameters;
-    httplib::detail::parse_query_text(request.target.substr(query + 1), parameters);
-    impl->json(operation[1], parameters, response);
+    impl->json(operation[1], queryOf(request.target), response);
     // The server library stopped reading this request at its first line: the rest of it must
     // not be taken for the next request on the connection.
     response.set_header("Connection", "close");
@@ -334,6 +362,11 @@ SandboxServer::SandboxServer(SandboxStore& store, OperatorScript script, std::op
 
 SandboxServer::~SandboxServer() {
   stop();
+}
+
+void SandboxServer::mountConsole(SandboxConsole& console) {
+  impl_->console = &console;
+  console.mount(*impl_->server, impl_->tls);
 }
 
 void SandboxServer::setChatOpened(ChatOpened chatOpened) {
@@ -357,6 +390,9 @@ void SandboxServer::start(int port) {
 }
 
 void SandboxServer::stop() {
+  if (impl_->console != nullptr) {
+    impl_->console->stop();  // its live streams would hold the server's threads
+  }
   if (impl_->thread.joinable()) {
     impl_->server->stop();
     impl_->thread.join();

@@ -10,6 +10,8 @@
 
 namespace kqsandbox {
 
+class SandboxConsole;
+
 /// The chat service's web side on loopback: the JSON chat service under its production and
 /// beta paths, the SOAP management service, the file upload service and the uploaded files,
 /// answering in the service's habits (JSON documents serialised into JSON strings, plain
@@ -36,6 +38,9 @@ class SandboxServer {
   SandboxServer& operator=(const SandboxServer&) = delete;
 
   void setChatOpened(ChatOpened chatOpened);
+  /// Serves `console` under /console (not owned; it must outlive the server's stop()). Call
+  /// before start().
+  void mountConsole(SandboxConsole& console);
 
   /// Listens on 127.0.0.1:`port` (0: a free port) on threads of its own. Throws
   /// std::runtime_error saying what to do when the port is taken.

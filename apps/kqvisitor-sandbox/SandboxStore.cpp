@@ -10,6 +10,10 @@ namespace kqsandbox {
 
 namespace {
 
+double now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 constexpr const char* kSchema = R"(
 CREATE TABLE IF NOT EXISTS meta (key TEXT PRIMARY KEY, value TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS websites (
@@ -25,9 +29,10 @@ CREATE TABLE IF NOT EXISTS greetings (
 CREATE TABLE IF NOT EXISTS chats (
   id INTEGER PRIMARY KEY, website_id TEXT NOT NULL, visitor_id TEXT NOT NULL,
   operator_id TEXT NOT NULL, visitor_name TEXT NOT NULL, opening TEXT NOT NULL,
-  survey TEXT NOT NULL, ended INTEGER NOT NULL DEFAULT 0);
+  survey TEXT NOT NULL, ended INTEGER NOT NULL DEFAULT 0, started REAL NOT NULL DEFAULT 0);
 CREATE TABLE IF NOT EXISTS messages (
-  id INTEGER PRIMARY KEY, chat_id TEXT NOT NULL, sender TEXT NOT NULL, text TEXT NOT NULL);
+  id INTEGER PRIMARY KEY, chat_id TEXT NOT NULL, sender TEXT NOT NULL, text TEXT NOT NULL,
+  at REAL NOT NULL DEFAULT 0);
 CREATE TABLE IF NOT EXISTS offline_messages (id INTEGER PRIMARY KEY, fields TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS files (id INTEGER PRIMARY KEY, name TEXT NOT NULL, bytes BLOB NOT NULL);
 )";
@@ -55,6 +60,10 @@ class SandboxStore::Statement {
     sqlite3_bind_int64(statement_, index, number);
     return *this;
   }
+  Statement& bind(int index, double number) {
+    sqlite3_bind_double(statement_, index, number);
+    return *this;
+  }
   Statement& bindBlob(int index, const std::string& bytes) {
     sqlite3_bind_blob64(statement_, index, bytes.data(), bytes.size(), SQLITE_TRANSIENT);
     return *this;
@@ -78,6 +87,7 @@ class SandboxStore::Statement {
     return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), size);
   }
   std::int64_t number(int column) { return sqlite3_column_int64(statement_, column); }
+  double real(int column) { return sqlite3_column_double(statement_, column); }
 
  private:
   sqlite3* db_;
@@ -94,6 +104,12 @@ SandboxStore::SandboxStore(const std::string& path, const SandboxFixture& fixtur
   try {
     execute("PRAGMA journal_mode=WAL");
     execute(kSchema);
+    // Databases made before lines and chats had times get the columns (0 for old rows); where
+    // a column is there already, its statement fails and changes nothing.
+    for (const char* column : {"chats ADD COLUMN started", "messages ADD COLUMN at"}) {
+      sqlite3_exec(db_, ("ALTER TABLE " + std::string(column) + " REAL NOT NULL DEFAULT 0").c_str(),
+                   nullptr, nullptr, nullptr);
+    }
     Statement seeded(db_, "SELECT value FROM meta WHERE key = 'stamp'");
     if (!seeded.step()) {
       seed(fixture);
@@ -158,6 +174,15 @@ const char* const kWebsiteColumns =
     "SELECT id, domain, domain_arabic, time_zone, language_id, branding, blocked FROM websites ";
 const char* const kOperatorColumns =
     "SELECT id, name, language, greeting, online, password FROM operators ";
+constexpr const char* kChatColumns =
+    "SELECT id, website_id, visitor_id, operator_id, ended, visitor_name, started FROM chats ";
+
+// A row of kChatColumns.
+template <class Row>
+SandboxChat chatOf(Row& row) {
+  return SandboxChat{row.text(0),        row.text(1), row.text(2), row.text(3),
+                     row.number(4) != 0, row.text(5), row.real(6)};
+}
 
 }  // namespace
 
@@ -263,31 +288,101 @@ std::string SandboxStore::addGreeting(const std::string& operatorId, const std::
 std::string SandboxStore::openChat(const std::string& websiteId, const std::string& visitorId,
                                    const std::string& operatorId, const std::string& visitorName,
                                    const std::string& openingText, const std::string& survey) {
-  kq::MutexLock lock(mutex_);
-  Statement(
-      db_,
-      "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, survey) "
-      "VALUES (?, ?, ?, ?, ?, ?)")
-      .bind(1, websiteId)
-      .bind(2, visitorId)
-      .bind(3, operatorId)
-      .bind(4, visitorName)
-      .bind(5, openingText)
-      .bind(6, survey)
-      .step();
-  return std::to_string(sqlite3_last_insert_rowid(db_));
+  std::string id;
+  {
+    kq::MutexLock lock(mutex_);
+    Statement(db_,
+              "INSERT INTO chats (website_id, visitor_id, operator_id, visitor_name, opening, "
+              "survey, started) VALUES (?, ?, ?, ?, ?, ?, ?)")
+        .bind(1, websiteId)
+        .bind(2, visitorId)
+        .bind(3, operatorId)
+        .bind(4, visitorName)
+        .bind(5, openingText)
+        .bind(6, survey)
+        .bind(7, now())
+        .step();
+    id = std::to_string(sqlite3_last_insert_rowid(db_));
+  }
+  changed();
+  return id;
 }
 
 std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
   kq::MutexLock lock(mutex_);
-  Statement query(db_,
-                  "SELECT id, website_id, visitor_id, operator_id, ended FROM chats WHERE id = ?");
+  Statement query(db_, (std::string(kChatColumns) + "WHERE id = ?").c_str());
   query.bind(1, chatId);
   if (!query.step()) {
     return std::nullopt;
   }
-  return SandboxChat{query.text(0), query.text(1), query.text(2), query.text(3),
-                     query.number(4) != 0};
+  return chatOf(query);
+}
+
+std::vector<SandboxChat> SandboxStore::chatsOf(const std::string& operatorId) {
+  kq::MutexLock lock(mutex_);
+  Statement query(db_,
+                  (std::string(kChatColumns) + "WHERE operator_id = ? ORDER BY id DESC").c_str());
+  query.bind(1, operatorId);
+  std::vector<SandboxChat> chats;
+  while (query.step()) {
+    chats.push_back(chatOf(query));
+  }
+  return chats;
+}
+
+std::vector<SandboxMessage> SandboxStore::messages(const std::string& chatId) {
+  kq::MutexLock lock(mutex_);
+  Statement query(db_, "SELECT id, sender, text, at FROM messages WHERE chat_id = ? ORDER BY id");
+  query.bind(1, chatId);
+  std::vector<SandboxMessage> lines;
+  while (query.step()) {
+    lines.push_back({query.number(0), query.text(1), query.text(2), query.real(3)});
+  }
+  return lines;
+}
+
+void SandboxStore::setOperatorOnline(const std::string& operatorId, bool online) {
+  {
+    kq::MutexLock lock(mutex_);
+    Statement(db_, "UPDATE operators SET online = ? WHERE id = ?")
+        .bind(1, std::int64_t{online})
+        .bind(2, operatorId)
+        .step();
+  }
+  changed();
+}
+
+void SandboxStore::setAtConsole(const std::string& operatorId, bool atConsole) {
+  {
+    kq::MutexLock lock(mutex_);
+    if (atConsole) {
+      atConsole_.insert(operatorId);
+    } else {
+      atConsole_.erase(operatorId);
+    }
+  }
+  changed();
+}
+
+bool SandboxStore::atConsole(const std::string& operatorId) {
+  kq::MutexLock lock(mutex_);
+  return atConsole_.contains(operatorId);
+}
+
+void SandboxStore::setChangeListener(std::function<void()> listener) {
+  kq::MutexLock lock(mutex_);
+  changeListener_ = std::move(listener);
+}
+
+void SandboxStore::changed() {
+  std::function<void()> listener;
+  {
+    kq::MutexLock lock(mutex_);
+    listener = changeListener_;
+  }
+  if (listener) {
+    listener();
+  }
 }
 
 std::optional<SandboxChat> SandboxStore::latestOpenChat() {
@@ -304,19 +399,28 @@ std::optional<SandboxChat> SandboxStore::latestOpenChat() {
 }
 
 void SandboxStore::endChat(const std::string& chatId) {
-  kq::MutexLock lock(mutex_);
-  Statement(db_, "UPDATE chats SET ended = 1 WHERE id = ?").bind(1, chatId).step();
+  {
+    kq::MutexLock lock(mutex_);
+    Statement(db_, "UPDATE chats SET ended = 1 WHERE id = ?").bind(1, chatId).step();
+  }
+  changed();
 }
 
 std::int64_t SandboxStore::addMessage(const std::string& chatId, const std::string& sender,
                                       const std::string& text) {
-  kq::MutexLock lock(mutex_);
-  Statement(db_, "INSERT INTO messages (chat_id, sender, text) VALUES (?, ?, ?)")
-      .bind(1, chatId)
-      .bind(2, sender)
-      .bind(3, text)
-      .step();
-  return sqlite3_last_insert_rowid(db_);
+  std::int64_t id = 0;
+  {
+    kq::MutexLock lock(mutex_);
+    Statement(db_, "INSERT INTO messages (chat_id, sender, text, at) VALUES (?, ?, ?, ?)")
+        .bind(1, chatId)
+        .bind(2, sender)
+        .bind(3, text)
+        .bind(4, now())
+        .step();
+    id = sqlite3_last_insert_rowid(db_);
+  }
+  changed();
+  return id;
 }
 
 int SandboxStore::messageCount(const std::string& chatId, const std::string& sender) {

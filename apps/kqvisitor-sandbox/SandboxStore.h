@@ -5,8 +5,10 @@
 #include <KQVisitorCore/Platform/detail/ThreadSafety.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -23,6 +25,16 @@ struct SandboxChat {
   std::string visitorId;
   std::string operatorId;
   bool ended = false;
+  std::string visitorName;
+  double started = 0;  ///< seconds since 1970; 0 for a chat kept before times were
+};
+
+/// One line of a chat.
+struct SandboxMessage {
+  std::int64_t id = 0;  ///< increasing
+  std::string sender;   ///< "visitor" or "operator"
+  std::string text;
+  double at = 0;  ///< seconds since 1970; 0 for a line kept before times were
 };
 
 /// The sandbox's data in one SQLite database: websites and operators (from the fixture), the
@@ -64,6 +76,19 @@ class SandboxStore {
   /// Adds a message ("visitor" or "operator") to a chat; returns its id (increasing).
   std::int64_t addMessage(const std::string& chatId, const std::string& sender,
                           const std::string& text);
+  /// The chat's lines, oldest first.
+  [[nodiscard]] std::vector<SandboxMessage> messages(const std::string& chatId);
+  /// The chats of `operatorId`, newest first.
+  [[nodiscard]] std::vector<SandboxChat> chatsOf(const std::string& operatorId);
+  /// Whether the operator takes chats; the pre-chat check offers only those who do.
+  void setOperatorOnline(const std::string& operatorId, bool online);
+  /// Whether a person answers for the operator at the console (the script stays quiet then).
+  /// Not kept in the database: a new sandbox starts with the script answering.
+  void setAtConsole(const std::string& operatorId, bool atConsole);
+  [[nodiscard]] bool atConsole(const std::string& operatorId);
+  /// Told, on the thread that changed it, after each change of a chat, a line or an operator's
+  /// presence.
+  void setChangeListener(std::function<void()> listener);
   /// How many messages `sender` wrote in the chat.
   [[nodiscard]] int messageCount(const std::string& chatId, const std::string& sender);
   /// The first operator message of the chat after message `afterId`: (id, text).
@@ -82,9 +107,12 @@ class SandboxStore {
   class Statement;
   void seed(const SandboxFixture& fixture) KQ_REQUIRES(mutex_);
   void execute(const std::string& sql) KQ_REQUIRES(mutex_);
+  void changed() KQ_EXCLUDES(mutex_);
 
   kq::Mutex mutex_;
   sqlite3* db_ KQ_GUARDED_BY(mutex_) = nullptr;
+  std::set<std::string> atConsole_ KQ_GUARDED_BY(mutex_);
+  std::function<void()> changeListener_ KQ_GUARDED_BY(mutex_);
 };
 
 }  // namespace kqsandbox

@@ -4,6 +4,7 @@
 #include "OperatorScript.h"
 #include "ProsodyProcess.h"
 #include "SandboxCertificates.h"
+#include "SandboxConsole.h"
 #include "SandboxFixture.h"
 #include "SandboxServer.h"
 #include "SandboxStore.h"
@@ -21,6 +22,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -64,6 +66,12 @@ void printHelp() {
       << "  --plain                serve plain HTTP and XMPP without TLS; by default both use\n"
       << "                         a certificate the sandbox makes (its authority: "
          "DIR/tls/ca.pem)\n\n"
+      << "  --operator-console     answer as a person from this terminal: each line typed goes\n"
+      << "                         into the chat opened last (\"/end\" ends it); no script\n\n"
+      << "The operator console, a page for a browser, is at ORIGIN/console/ (printed at\n"
+      << "start-up): sign in with an operator's id and password from the fixture (built-in:\n"
+      << "42 / secret) to see its chats live, answer them, end them, and go online or offline\n"
+      << "for new chats; while signed in, the script stays quiet for that operator.\n\n"
       << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
       << "then one line per request and chat event. Stops on Ctrl-C, SIGTERM or SIGHUP.\n";
 }
@@ -190,7 +198,34 @@ void writeSettings(const fs::path& file, const std::string& origin, int xmppPort
   }
 }
 
-// A line of the operator console: said in the chat opened last, by its operator.
+// Runs `task` on the main queue, where the operators' agents live, and answers its result, or
+// `late` when the queue has not run it within a few seconds (it is stopping).
+template <class Task, class Result>
+Result onMainQueue(const std::shared_ptr<kq::DispatchQueue>& main, Task task, Result late) {
+  auto result = std::make_shared<std::promise<Result>>();
+  auto future = result->get_future();
+  main->async([result, task = std::move(task)] { result->set_value(task()); });
+  return future.wait_for(std::chrono::seconds(5)) == std::future_status::ready ? future.get()
+                                                                               : late;
+}
+
+// The console's answer (or end notice) into an XMPP chat, through the operator's agent.
+kqsandbox::SandboxConsole::Delivery deliver(
+    const std::vector<std::shared_ptr<kqsandbox::OperatorAgent>>& agents,
+    const std::string& operatorId, const std::string& chatId, const std::string& text) {
+  using Delivery = kqsandbox::SandboxConsole::Delivery;
+  for (const auto& agent : agents) {
+    if (agent->person().id != operatorId || !agent->hasChat(chatId)) {
+      continue;
+    }
+    const bool said =
+        text == kqsandbox::OperatorScript::kEndText ? agent->end(chatId) : agent->say(chatId, text);
+    return said ? Delivery::Said : Delivery::NotInRoom;
+  }
+  return Delivery::NotXMPP;
+}
+
+// A line of the terminal's operator console: said in the chat opened last, by its operator.
 void operatorSays(const std::vector<std::shared_ptr<kqsandbox::OperatorAgent>>& agents,
                   kqsandbox::SandboxStore& store, const std::string& line) {
   const auto chat = store.latestOpenChat();
@@ -278,14 +313,14 @@ int main(int argc, char** argv) {
     if (certificates) {
       xmpp.tls = std::pair(certificates->certFile, certificates->keyFile);
     }
-    std::vector<kqsandbox::SandboxOperator> online;
+    // Every operator is on the XMPP server, so that one who goes online at the console can
+    // take chats; the pre-chat check offers only those online.
+    std::vector<kqsandbox::SandboxOperator> people;
     for (const auto& website : fixture.websites) {
       for (const auto& person : website.operators) {
         if (const auto stored = store.operatorById(person.id)) {
           xmpp.accounts[stored->id] = stored->password;
-          if (stored->online) {
-            online.push_back(*stored);
-          }
+          people.push_back(*stored);
         }
       }
     }
@@ -296,7 +331,25 @@ int main(int argc, char** argv) {
     if (certificates) {
       https = kqsandbox::SandboxServer::TLS{certificates->certFile, certificates->keyFile};
     }
+    const auto& main = kq::DispatchQueue::main();
+    std::vector<std::shared_ptr<kqsandbox::OperatorAgent>> agents;
+    for (const auto& person : people) {
+      agents.push_back(std::make_shared<kqsandbox::OperatorAgent>(person, store, script, logLine));
+    }
+    kqsandbox::SandboxConsole console(
+        store,
+        [main, &agents](const std::string& operatorId, const std::string& chatId,
+                        const std::string& text) {
+          return onMainQueue(
+              main,
+              [&agents, operatorId, chatId, text] {
+                return deliver(agents, operatorId, chatId, text);
+              },
+              kqsandbox::SandboxConsole::Delivery::NotInRoom);
+        },
+        logLine);
     kqsandbox::SandboxServer server(store, script, https, logLine);
+    server.mountConsole(console);
     server.start(options.port);
     const fs::path settings = folder / "config.json";
     writeSettings(settings, server.origin(), prosody.port(),
@@ -304,15 +357,11 @@ int main(int argc, char** argv) {
     logLine("chat service on " + server.origin() + ", data in " + folder.string());
     logLine("settings for the library: export KQVISITOR_CONFIG=" + settings.string());
 
-    const auto& main = kq::DispatchQueue::main();
-    std::vector<std::shared_ptr<kqsandbox::OperatorAgent>> agents;
-    for (const auto& person : online) {
-      agents.push_back(std::make_shared<kqsandbox::OperatorAgent>(person, store, script, logLine));
-    }
-    main->async([&agents, port = prosody.port()] {
+    main->async([&agents, port = prosody.port(), console = server.origin() + "/console/"] {
       for (const auto& agent : agents) {
         agent->start(port);
       }
+      logLine("operator console on " + console + " (sign in as an operator of the fixture)");
       logLine("ready");
     });
     if (options.operatorConsole) {
