@@ -11,6 +11,7 @@ import json
 import os
 import queue
 import shutil
+import struct
 import ssl
 import subprocess
 import tempfile
@@ -19,6 +20,7 @@ import time
 import unittest
 import urllib.error
 import urllib.request
+import zlib
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -30,10 +32,20 @@ SANDBOX = os.environ["KQ_SANDBOX"]
 CHAT_TOOL = os.environ["KQ_CHAT_TOOL"]
 PATIENCE = 30  # seconds; every wait below ends as soon as its condition holds
 MARKUP = "<img src=x onerror=alert(1)>"
-# The smallest PNG: one transparent pixel.
-PIXEL = bytes.fromhex(
-    "89504e470d0a1a0a0000000d4948445200000001000000010806000000"
-    "1f15c4890000000d49444154789c6360000002000154a24f5d0000000049454e44ae426082")
+IMAGE_WIDTH = 160
+
+
+def picture():
+    """A PNG of IMAGE_WIDTH x 90 pixels: a blue to green gradient."""
+    def chunk(kind, data):
+        return (struct.pack(">I", len(data)) + kind + data +
+                struct.pack(">I", zlib.crc32(kind + data) & 0xFFFFFFFF))
+    rows = b"".join(b"\x00" + bytes(v for x in range(IMAGE_WIDTH)
+                                     for v in (40, 90 + x // 2, 200 - y))
+                    for y in range(90))
+    header = struct.pack(">IIBBBBB", IMAGE_WIDTH, 90, 8, 2, 0, 0, 0)
+    return (b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header) + chunk(b"IDAT", zlib.compress(rows)) +
+            chunk(b"IEND", b""))
 
 
 class Child:
@@ -130,15 +142,15 @@ class ConsoleTest(unittest.TestCase):
     def visitor(self, *arguments):
         settings = {"KQVISITOR_CONFIG": os.path.join(self.folder, "config.json")}
         visitor = Child([CHAT_TOOL, "chat", "--domain", "shop.example", "--json", "--linger", "30",
-                         *arguments], settings)
+                         "--name", "Ann", *arguments], settings)
         self.visitors.append(visitor)
         visitor.wait_for(lambda line: '"event":"started"' in line, "the chat's start")
         return visitor
 
     def upload(self):
-        path = os.path.join(self.folder, "pixel.png")
+        path = os.path.join(self.folder, "parcel.png")
         with open(path, "wb") as image:
-            image.write(PIXEL)
+            image.write(picture())
         settings = {**os.environ, "KQVISITOR_CONFIG": os.path.join(self.folder, "config.json")}
         result = subprocess.run([CHAT_TOOL, "upload", path], capture_output=True, text=True,
                                 env=settings, timeout=PATIENCE, check=True)
@@ -180,7 +192,7 @@ class ConsoleTest(unittest.TestCase):
                    "the uploaded image")
         image = self.browser.find_element(By.CSS_SELECTOR, "#transcript img")
         self.until(lambda: self.browser.execute_script(
-            "return arguments[0].complete && arguments[0].naturalWidth", image) == 1,
+            "return arguments[0].complete && arguments[0].naturalWidth", image) == IMAGE_WIDTH,
                    "the image loaded")
         visitor.send("Thanks!")
         self.until(lambda: self.transcript()[-1] == ("visitor", "Thanks!"), "a line live")
