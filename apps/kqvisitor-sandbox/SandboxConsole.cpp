@@ -27,6 +27,8 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kCookie = "kqconsole";
 // A live stream says something this often, so that a closed page is noticed and let go of.
 constexpr auto kKeepAlive = std::chrono::seconds(15);
+// Each live stream holds one of the web server's few threads: more would starve the service.
+constexpr int kMostStreams = 4;
 
 // 32 hexadecimal digits from the system's random source.
 std::string newToken() {
@@ -78,6 +80,7 @@ struct SandboxConsole::Impl {
   std::map<std::string, std::int64_t> seen KQ_GUARDED_BY(mutex);
   std::uint64_t version KQ_GUARDED_BY(mutex) = 0;  // grows with every change
   bool stopping KQ_GUARDED_BY(mutex) = false;
+  int streams KQ_GUARDED_BY(mutex) = 0;  // live streams open
   std::condition_variable changes;
 
   Impl(SandboxStore& store_, SayOverXMPP say_, Log log_)
@@ -234,10 +237,21 @@ struct SandboxConsole::Impl {
   }
 
   void stream(httplib::Response& response) {
+    {
+      kq::MutexLock lock(mutex);
+      if (streams >= kMostStreams) {
+        lock.unlock();
+        refuse(response, 503,
+               "Too many console pages are open on this sandbox; close one and reload.");
+        return;
+      }
+      ++streams;
+    }
     response.set_header("Cache-Control", "no-cache");
     response.set_chunked_content_provider(
-        "text/event-stream", [this, told = std::uint64_t{0}, first = true](
-                                 std::size_t /*offset*/, httplib::DataSink& sink) mutable {
+        "text/event-stream",
+        [this, told = std::uint64_t{0}, first = true](std::size_t /*offset*/,
+                                                      httplib::DataSink& sink) mutable {
           {
             kq::MutexLock lock(mutex);
             if (!first) {
@@ -257,6 +271,10 @@ struct SandboxConsole::Impl {
           first = false;
           static constexpr std::string_view kEvent = "event: changed\ndata: {}\n\n";
           return sink.write(kEvent.data(), kEvent.size());
+        },
+        [this](bool /*success*/) {
+          kq::MutexLock lock(mutex);
+          --streams;
         });
   }
 };
