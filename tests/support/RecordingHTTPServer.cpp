@@ -219,7 +219,6 @@ struct RawHTTPServer::Impl {
   std::uint16_t port = 0;
   std::thread thread;
   mutable std::mutex mutex;
-  mutable std::condition_variable changed;
   std::vector<std::string> requests;  // guarded by mutex
   std::deque<std::string> script;     // guarded by mutex
 
@@ -250,7 +249,6 @@ struct RawHTTPServer::Impl {
           script.pop_front();
         }
       }
-      changed.notify_all();
       (void)!send(connection, response.data(), response.size(), MSG_NOSIGNAL);
       shutdown(connection, SHUT_WR);
       close(connection);
@@ -318,11 +316,6 @@ std::vector<RecordedRequest> RawHTTPServer::requests() const {
 std::string rawResponse(int status, const std::string& body) {
   return "HTTP/1.1 " + std::to_string(status) + " Scripted\r\nContent-Type: text/plain\r\n" +
          "Content-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
-}
-
-bool RawHTTPServer::waitForRequests(std::size_t count) const {
-  std::unique_lock lock(impl_->mutex);
-  return impl_->changed.wait_for(lock, kPatience, [&] { return impl_->requests.size() >= count; });
 }
 
 }  // namespace kq::test

@@ -94,7 +94,6 @@ class RawHTTPServer {
   [[nodiscard]] std::vector<std::string> rawRequests() const;
   /// The same, read as requests (remotePort is not set).
   [[nodiscard]] std::vector<RecordedRequest> requests() const;
-  bool waitForRequests(std::size_t count) const;
 
   struct Impl;
 
