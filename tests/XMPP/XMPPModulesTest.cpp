@@ -230,9 +230,10 @@ TEST_F(XMPPModulesTest, VCardsAreAnsweredFetchedAndAvatarsFollowTheirHash) {
   EXPECT_EQ(peer.receiveUntil("/>"), "<presence/>");
 
   // A contact announces a photo: its vCard is fetched and the photo decoded.
-  peer.send(
+  const std::string photo =
       "<presence from='op@localhost/desk'><x xmlns='vcard-temp:x:update'>"
-      "<photo>0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33</photo></x></presence>");
+      "<photo>0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33</photo></x></presence>";
+  peer.send(photo);
   const std::string get = peer.receiveUntil("</iq>");
   EXPECT_NE(get.find("to=\"op@localhost\""), std::string::npos);
   peer.send("<iq type='result' id='" + idOf(get) +
@@ -243,9 +244,7 @@ TEST_F(XMPPModulesTest, VCardsAreAnsweredFetchedAndAvatarsFollowTheirHash) {
   EXPECT_EQ(avatars->photoDataForJID(op), "foo");
   EXPECT_EQ(storage->photoHashForJID(op), "0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33");
   // The same hash again fetches nothing.
-  peer.send(
-      "<presence from='op@localhost/desk'><x xmlns='vcard-temp:x:update'>"
-      "<photo>0beec7b5ea3f0fdbc95d0dd47f3c5bc275da8a33</photo></x></presence>");
+  peer.send(photo);
   stream->sendElement(XMPPPresence(std::string("unavailable"), std::nullopt));
   EXPECT_EQ(peer.receiveUntil("/>"), "<presence type=\"unavailable\"/>");
 
