@@ -147,12 +147,8 @@ std::string FakeXMPPPeer::serverHeader() {
          "version='1.0'>";
 }
 
-std::string FakeXMPPPeer::features(std::string_view mechanisms, bool tls) {
-  std::string text = "<stream:features>";
-  if (tls) {
-    text += "<starttls xmlns='urn:ietf:params:xml:ns:xmpp-tls'/>";
-  }
-  text += "<mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>";
+std::string FakeXMPPPeer::features(std::string_view mechanisms) {
+  std::string text = "<stream:features><mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'>";
   std::istringstream words{std::string(mechanisms)};
   for (std::string word; words >> word;) {
     text += "<mechanism>" + word + "</mechanism>";
@@ -166,12 +162,12 @@ std::string FakeXMPPPeer::idOf(std::string_view stanza) {
   return std::string(stanza.substr(start, stanza.find('"', start) - start));
 }
 
-bool FakeXMPPPeer::openStream(std::string_view mechanisms, bool tls) {
+bool FakeXMPPPeer::openStream(std::string_view mechanisms) {
   if (!accept()) {
     return false;
   }
   receiveUntil("'http://etherx.jabber.org/streams'>");
-  send(serverHeader() + features(mechanisms, tls));
+  send(serverHeader() + features(mechanisms));
   return !::testing::Test::HasFailure();
 }
 

@@ -39,10 +39,10 @@ class FakeXMPPPeer {
 
   /// The stream header a server sends.
   static std::string serverHeader();
-  /// Stream features offering SASL `mechanisms` (space-separated), and STARTTLS when `tls`.
-  static std::string features(std::string_view mechanisms, bool tls = false);
+  /// Stream features offering SASL `mechanisms` (space-separated).
+  static std::string features(std::string_view mechanisms);
   /// Accepts a client and answers its stream header with features offering `mechanisms`.
-  bool openStream(std::string_view mechanisms = "ANONYMOUS PLAIN", bool tls = false);
+  bool openStream(std::string_view mechanisms = "ANONYMOUS PLAIN");
   /// The id attribute of the first element in `stanza`.
   static std::string idOf(std::string_view stanza);
   /// Reads the client's <auth/>, answers success, reads the restarted stream header, offers
