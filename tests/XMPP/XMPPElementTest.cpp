@@ -205,34 +205,13 @@ TEST(XMPPElementTest, TextXMLForbidsIsReplacedSoTheStanzaStaysWellFormed) {
   }
 }
 
-TEST(XMPPElementTest, WhatTheParserAcceptsIsWrittenBackAsXMLThatReadsTheSame) {
-  const std::vector<std::string> corpus = {
+// The automatic error answer to a request copies its child: its namespace must read back as it
+// came. (That whatever the parser accepts is written back as XML that reads the same is the
+// element fuzz target's check, over fuzz/corpus/element and beyond.)
+TEST(XMPPElementTest, TheErrorAnswerToARequestKeepsItsChildsNamespace) {
+  const auto request = XMPPElement::elementWithXMLString(
       "<iq xmlns='jabber:client' type='get' id='1'><query xmlns='urn:a&amp;b&lt;c&gt;d&quot;'/>"
-      "</iq>",
-      "<message xmlns='jabber:client' a='&amp;&lt;&gt;&quot;&apos;' b=\"it's\" "
-      "c='line&#10;tab&#9;cr&#13;end'><body>&lt;b&gt; &amp;amp; &#13;\n\t\"'</body></message>",
-      "<a xmlns='urn:x' xmlns:p='urn:p&amp;q'><p:b p:attr='v'><c xmlns='urn:inner'/></p:b>"
-      "<d/></a>",
-      "<m><![CDATA[<not a tag> & ]]>text</m>",
-      "<m><body>\xF0\x9F\x98\x80 \xE2\x82\xAC \xC3\xA9</body></m>",
-      "<m xmlns:x='urn:x'><x:y x:z='1'>in<x:w/>ner</x:y></m>",
-      "<m><undeclared:a:b u:c='d'/></m>",  // prefixes nobody declared are kept as written
-  };
-  for (const auto& text : corpus) {
-    SCOPED_TRACE(text);
-    KQError error;
-    const auto first = XMPPElement::elementWithXMLString(text, &error);
-    ASSERT_TRUE(first) << error.description();
-    const std::string written = first->XMLString();
-    const auto second = XMPPElement::elementWithXMLString(written, &error);
-    ASSERT_TRUE(second) << error.description() << "\nwritten: " << written;
-    EXPECT_EQ(second->XMLString(), written);
-    EXPECT_EQ(second->stringValue(), first->stringValue());
-    EXPECT_EQ(second->attributes(), first->attributes());
-  }
-
-  // The automatic error answer to a request copies its child: it must be valid XML too.
-  const auto request = XMPPElement::elementWithXMLString(corpus[0]);
+      "</iq>");
   ASSERT_TRUE(request);
   const std::string answer =
       XMPPIQ::errorIQ(XMPPIQ(*request), "cancel", "service-unavailable").XMLString();
