@@ -52,17 +52,26 @@ class KQ_EXPORT XMPPModule : public std::enable_shared_from_this<XMPPModule> {
  protected:
   friend class XMPPStream;
 
-  // Hooks, called on the stream's queue while the module is active.
+  // Hooks, called on the stream's queue while the module is active. The defaults do nothing.
+
+  /// The stream has taken the module in, after activate(); the first hook it calls.
   virtual void didActivate() {}
+  /// The stream is letting the module go, after deactivate(); the last hook it calls.
   virtual void willDeactivate() {}
+  /// The stream has connected and negotiated (did-connect), before authentication.
   virtual void streamDidConnect() {}
+  /// The stream has authenticated and bound its resource (did-authenticate).
   virtual void streamDidAuthenticate() {}
   /// disconnect() was called on the stream: the next disconnect is not an accident.
   virtual void streamWasToldToDisconnect() {}
+  /// The connection has ended (did-disconnect): with the error that ended it, or nullopt when
+  /// it was closed by disconnect().
   virtual void streamDidDisconnect(const std::optional<KQError>& /*error*/) {}
   /// True when the module handled the IQ (and answered it where it needs an answer).
   virtual bool streamDidReceiveIQ(const XMPPIQ& /*iq*/) { return false; }
+  /// A `<message/>` has arrived from the server.
   virtual void streamDidReceiveMessage(const XMPPMessage& /*message*/) {}
+  /// A `<presence/>` has arrived from the server.
   virtual void streamDidReceivePresence(const XMPPPresence& /*presence*/) {}
   /// An element is about to be sent; the module may add to it (capabilities to a presence).
   virtual void streamWillSendElement(XMPPElement& /*element*/) {}

@@ -37,6 +37,7 @@ enum class XMPPStreamStartTLSPolicy {
 
 /// Where the stream is in its life.
 enum class XMPPStreamState {
+  /// No connection: before the first connect, and after did-disconnect.
   Disconnected,
   /// Resolving the host and opening the TCP connection.
   Connecting,
@@ -73,29 +74,38 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
  public:
   /// Error domain and codes of the stream's own errors (did-disconnect, failed calls).
   static constexpr const char* kErrorDomain = "XMPPStreamErrorDomain";
+  /// The codes of errors in kErrorDomain.
   enum ErrorCode : long {
-    kErrorInvalidState = 1,
-    kErrorInvalidProperty = 2,
-    kErrorUnsupportedAction = 3,
-    kErrorConnectTimeout = 4,
-    kErrorSocket = 5,
-    kErrorTLS = 6,
-    kErrorServerClosed = 7,
-    kErrorStreamError = 8,
-    kErrorProtocol = 9,
-    kErrorNotConnected = 10,
-    kErrorNegotiationTimeout = 11,
-    kErrorKeepAliveTimeout = 12,
-    kErrorAcknowledgementTimeout = 13,
+    kErrorInvalidState = 1,             ///< connect or authenticate called in the wrong state.
+    kErrorInvalidProperty = 2,          ///< connect called before myJID() was set.
+    kErrorUnsupportedAction = 3,        ///< authenticate without a mechanism the server offers.
+    kErrorConnectTimeout = 4,           ///< No did-connect in time.
+    kErrorSocket = 5,                   ///< Resolving the host, connecting or TCP I/O failed.
+    kErrorTLS = 6,                      ///< TLS failed, was refused, or is missing where required.
+    kErrorServerClosed = 7,             ///< The server closed the stream or the connection.
+    kErrorStreamError = 8,              ///< The server sent a `<stream:error/>`.
+    kErrorProtocol = 9,                 ///< The server refused or garbled a step of the login.
+    kErrorNotConnected = 10,            ///< An element was not sent: no connection.
+    kErrorNegotiationTimeout = 11,      ///< The login outlasted negotiationTimeout().
+    kErrorKeepAliveTimeout = 12,        ///< The keep-alive ping had no answer in time.
+    kErrorAcknowledgementTimeout = 13,  ///< The server acknowledged no stanzas in time.
   };
 
+  /// A duration in seconds, the unit of the stream's time-outs and intervals.
   using Seconds = std::chrono::duration<double>;
+  /// The default of negotiationTimeout().
   static constexpr Seconds kDefaultNegotiationTimeout{30.0};
+  /// The default of keepAliveInterval().
   static constexpr Seconds kDefaultKeepAliveInterval{60.0};
+  /// The default of keepAliveTimeout().
   static constexpr Seconds kDefaultKeepAliveTimeout{20.0};
+  /// The default of acknowledgementTimeout().
   static constexpr Seconds kDefaultAcknowledgementTimeout{10.0};
+  /// The default of resumptionTimeout().
   static constexpr Seconds kDefaultResumptionTimeout{60.0};
 
+  /// A new disconnected stream with its own queue, owned by the caller (and, while a
+  /// connection is open, by that connection's work too).
   static std::shared_ptr<XMPPStream> create();
 
   XMPPStream(const XMPPStream&) = delete;
@@ -106,19 +116,25 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
 
   /// The host to connect to; empty means the domain of myJID().
   [[nodiscard]] std::string hostName() const;
+  /// Sets hostName().
   void setHostName(std::string hostName);
   /// The TCP port; 5222 until set.
   [[nodiscard]] std::uint16_t hostPort() const;
+  /// Sets hostPort().
   void setHostPort(std::uint16_t hostPort);
   /// The account's address. Set before connecting; after authentication it is the address the
   /// server bound (with SASL ANONYMOUS the server picks the user part).
   [[nodiscard]] std::optional<XMPPJID> myJID() const;
+  /// Sets myJID(); nullopt clears it.
   void setMyJID(std::optional<XMPPJID> jid);
+  /// Whether the stream upgrades to TLS; XMPPStreamStartTLSPolicy::Preferred until set.
   [[nodiscard]] XMPPStreamStartTLSPolicy startTLSPolicy() const;
+  /// Sets startTLSPolicy().
   void setStartTLSPolicy(XMPPStreamStartTLSPolicy policy);
   /// Keep the connection while the application is in the background. Kept for hosts that ask;
   /// on Linux a connection is never suspended, so the flag changes nothing.
   [[nodiscard]] bool enableBackgroundingOnSocket() const;
+  /// Sets enableBackgroundingOnSocket().
   void setEnableBackgroundingOnSocket(bool enable);
 
   /// How long the stream waits for the server while it negotiates: from the start of the TCP
@@ -128,6 +144,7 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// (kErrorConnectTimeout before did-connect, with xmppStreamConnectDidTimeout, and
   /// kErrorNegotiationTimeout during the login). Zero or less: no bound. 30 s until set.
   [[nodiscard]] Seconds negotiationTimeout() const;
+  /// Sets negotiationTimeout().
   void setNegotiationTimeout(Seconds timeout);
   /// Liveness of an authenticated stream: after keepAliveInterval() without anything received,
   /// the stream sends an XMPP ping (urn:xmpp:ping) to the server; when no answer (result or
@@ -135,8 +152,11 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// did-disconnect and kErrorKeepAliveTimeout. Interval zero or less: no checks. 60 s and 20 s
   /// until set.
   [[nodiscard]] Seconds keepAliveInterval() const;
+  /// Sets keepAliveInterval().
   void setKeepAliveInterval(Seconds interval);
+  /// How long the keep-alive ping waits for its answer (see keepAliveInterval()).
   [[nodiscard]] Seconds keepAliveTimeout() const;
+  /// Sets keepAliveTimeout().
   void setKeepAliveTimeout(Seconds timeout);
 
   /// Stream management (XEP-0198), used whenever the server offers it: after each stanza the
@@ -145,6 +165,7 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// after acknowledgementTimeout(), the link is taken for dead at once, without waiting for
   /// the keep-alive. Zero or less: no bound. 10 s until set.
   [[nodiscard]] Seconds acknowledgementTimeout() const;
+  /// Sets acknowledgementTimeout().
   void setAcknowledgementTimeout(Seconds timeout);
   /// When the connection of a session the server agreed to keep ends with an error, the stream
   /// resumes the session over a new connection (xmppStreamWillResume): at once, then after 1,
@@ -158,22 +179,30 @@ class KQ_EXPORT XMPPStream : public std::enable_shared_from_this<XMPPStream> {
   /// written are reported as not sent. A server without stream management sees the stream as
   /// it would be without it. 60 s until set.
   [[nodiscard]] Seconds resumptionTimeout() const;
+  /// Sets resumptionTimeout().
   void setResumptionTimeout(Seconds timeout);
 
   // --- State --------------------------------------------------------------------------------
 
+  /// Where the stream is now (it may have moved on by the time the caller looks).
   [[nodiscard]] XMPPStreamState state() const;
+  /// state() is XMPPStreamState::Disconnected.
   [[nodiscard]] bool isDisconnected() const { return state() == XMPPStreamState::Disconnected; }
   /// Connecting or negotiating: a connection is under way but not ready.
   [[nodiscard]] bool isConnecting() const;
+  /// state() is XMPPStreamState::Connected.
   [[nodiscard]] bool isConnected() const { return state() == XMPPStreamState::Connected; }
+  /// Logged in and bound to a resource (did-authenticate has come), until did-disconnect.
   [[nodiscard]] bool isAuthenticated() const;
+  /// authenticate() was accepted and its outcome has not come yet.
   [[nodiscard]] bool isAuthenticating() const;
   /// TLS is on.
   [[nodiscard]] bool isSecure() const;
   /// The SASL mechanisms the server offered (known once connected).
   [[nodiscard]] std::vector<std::string> supportedAuthenticationMechanisms() const;
+  /// The server offered SASL ANONYMOUS.
   [[nodiscard]] bool supportsAnonymousAuthentication() const;
+  /// The server offered SASL PLAIN.
   [[nodiscard]] bool supportsPlainAuthentication() const;
 
   // --- Connecting -----------------------------------------------------------------------------

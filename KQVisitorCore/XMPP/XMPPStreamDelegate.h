@@ -38,20 +38,23 @@ class KQ_EXPORT XMPPStreamDelegate {
   virtual void xmppStreamDidConnect(XMPPStream& /*sender*/) {}
   /// Authentication and resource binding succeeded; myJID() is the bound address.
   virtual void xmppStreamDidAuthenticate(XMPPStream& /*sender*/) {}
-  /// The server refused the authentication: `error` is its <failure/> element.
+  /// The server refused the authentication: `error` is its `<failure/>` element.
   virtual void xmppStreamDidNotAuthenticate(XMPPStream& /*sender*/, const XMPPElement& /*error*/) {}
   /// An IQ arrived. Answer true when this delegate handles it; when no module or delegate
   /// does, the stream answers a get or set with a service-unavailable error.
   virtual bool xmppStreamDidReceiveIQ(XMPPStream& /*sender*/, const XMPPIQ& /*iq*/) {
     return false;
   }
+  /// A `<message/>` arrived.
   virtual void xmppStreamDidReceiveMessage(XMPPStream& /*sender*/, const XMPPMessage& /*message*/) {
   }
+  /// A `<presence/>` arrived.
   virtual void xmppStreamDidReceivePresence(XMPPStream& /*sender*/,
                                             const XMPPPresence& /*presence*/) {}
-  /// The server sent a stream error (<stream:error>); the stream is closed next.
+  /// The server sent a stream error (`<stream:error/>`); the stream is closed next.
   virtual void xmppStreamDidReceiveError(XMPPStream& /*sender*/, const XMPPElement& /*error*/) {}
-  /// `element` could not be sent (the stream was not connected).
+  /// `element` could not be sent: the stream was not connected, or it disconnected before
+  /// writing the element (XMPPStream::kErrorNotConnected).
   virtual void xmppStreamDidFailToSendElement(XMPPStream& /*sender*/,
                                               const XMPPElement& /*element*/,
                                               const KQError& /*error*/) {}
