@@ -84,6 +84,7 @@ class KQ_EXPORT XMPPElement {
   /// Sets attribute `name` to `value`: an existing attribute keeps its place, a new one is
   /// added after the others. "xmlns" is written as a plain attribute.
   void addAttributeWithName(std::string_view name, std::string_view value);
+  /// Removes the attribute `name`; nothing happens when it is absent.
   void removeAttributeForName(std::string_view name);
 
   // --- Stanza addressing ----------------------------------------------------------------

@@ -10,10 +10,10 @@
 
 namespace kq::xmpp {
 
-/// An <iq> stanza. A handle like XMPPElement: copies share the stanza.
+/// An `<iq/>` stanza. A handle like XMPPElement: copies share the stanza.
 class KQ_EXPORT XMPPIQ : public XMPPElement {
  public:
-  /// <iq type="..." to="..." id="..."> with a copy of `child` inside; absent parts are left out.
+  /// `<iq type="..." to="..." id="...">` with a copy of `child` inside; absent parts are left out.
   XMPPIQ(std::string_view type, const std::optional<XMPPJID>& to,
          const std::optional<std::string>& elementID,
          const std::optional<XMPPElement>& child = std::nullopt);
@@ -29,13 +29,17 @@ class KQ_EXPORT XMPPIQ : public XMPPElement {
 
   /// The "type" attribute; empty when absent.
   [[nodiscard]] std::string type() const;
+  /// The type is "get".
   [[nodiscard]] bool isGetIQ() const { return type() == "get"; }
+  /// The type is "set".
   [[nodiscard]] bool isSetIQ() const { return type() == "set"; }
+  /// The type is "result".
   [[nodiscard]] bool isResultIQ() const { return type() == "result"; }
+  /// The type is "error".
   [[nodiscard]] bool isErrorIQ() const { return type() == "error"; }
   /// A get or set: a request that must be answered.
   [[nodiscard]] bool requiresResponse() const { return isGetIQ() || isSetIQ(); }
-  /// The first child element other than <error>; nullopt when there is none.
+  /// The first child element other than `<error/>`; nullopt when there is none.
   [[nodiscard]] std::optional<XMPPElement> childElement() const;
 };
 

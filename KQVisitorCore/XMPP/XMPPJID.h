@@ -18,16 +18,22 @@ class KQ_EXPORT XMPPJID {
   static std::optional<XMPPJID> jidWithUser(std::optional<std::string> user, std::string domain,
                                             std::optional<std::string> resource);
 
+  /// The part before "@"; nullopt when there is none.
   [[nodiscard]] const std::optional<std::string>& user() const { return user_; }
+  /// The domain; never empty.
   [[nodiscard]] const std::string& domain() const { return domain_; }
+  /// The part after "/"; nullopt when there is none.
   [[nodiscard]] const std::optional<std::string>& resource() const { return resource_; }
 
   /// "user@domain" (or "domain").
   [[nodiscard]] std::string bare() const;
   /// The whole address, with the resource when there is one.
   [[nodiscard]] std::string full() const;
+  /// The address without its resource.
   [[nodiscard]] XMPPJID bareJID() const;
+  /// The address with `resource` in place of its own resource (`resource` is not checked).
   [[nodiscard]] XMPPJID jidWithNewResource(std::string resource) const;
+  /// True when the address has no resource.
   [[nodiscard]] bool isBare() const { return !resource_.has_value(); }
 
   /// Equal as whole addresses.
