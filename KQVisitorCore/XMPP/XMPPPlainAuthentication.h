@@ -11,6 +11,7 @@ namespace kq::xmpp {
 /// it over TLS).
 class KQ_EXPORT XMPPPlainAuthentication : public XMPPSASLAuthentication {
  public:
+  /// Logs in as the user part of myJID with `password`.
   explicit XMPPPlainAuthentication(std::string password) : password_(std::move(password)) {}
 
   [[nodiscard]] std::string mechanismName() const override { return "PLAIN"; }

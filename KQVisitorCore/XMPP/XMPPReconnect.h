@@ -31,27 +31,37 @@ class XMPPReconnectDelegate;
 /// time, so a ManualClock drives it.
 class KQ_EXPORT XMPPReconnect : public XMPPModule {
  public:
+  /// A duration in seconds.
   using Seconds = std::chrono::duration<double>;
+  /// The default of reconnectDelay().
   static constexpr Seconds kDefaultReconnectDelay{2.0};
+  /// The default of reconnectTimerInterval().
   static constexpr Seconds kDefaultReconnectTimerInterval{20.0};
 
+  /// An inactive module; activate() it on a stream. `dispatchQueue` is handed to XMPPModule;
+  /// the attempts, their timers and the delegates' answers are handled on the stream's queue.
   explicit XMPPReconnect(std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPReconnect() override;
 
   /// Whether accidental losses are followed by attempts (true until set).
   [[nodiscard]] bool autoReconnect() const;
+  /// Sets autoReconnect(); read at the next loss. Thread-safe.
   void setAutoReconnect(bool autoReconnect);
   /// The wait before the first attempt after a loss; zero or less attempts at once.
   [[nodiscard]] Seconds reconnectDelay() const;
+  /// Sets reconnectDelay(); read when attempts start. Thread-safe.
   void setReconnectDelay(Seconds delay);
   /// The interval of further attempts; zero or less makes no further attempts.
   [[nodiscard]] Seconds reconnectTimerInterval() const;
+  /// Sets reconnectTimerInterval(); read when attempts start. Thread-safe.
   void setReconnectTimerInterval(Seconds interval);
 
   /// When the stream is disconnected and no attempts are running: tries to connect now and
-  /// every reconnectTimerInterval() after that, as after an accident. Does nothing otherwise.
+  /// every reconnectTimerInterval() after that, as after an accident. Does nothing otherwise,
+  /// nor when the module is inactive. Posted to the stream's queue: returns at once.
   void manualStart();
-  /// Stops the attempts until the next accident or manualStart().
+  /// Stops the attempts until the next accident or manualStart(). Posted to the stream's queue:
+  /// returns at once.
   void stop();
   /// True while attempts are scheduled.
   [[nodiscard]] bool isReconnecting() const;
@@ -59,6 +69,7 @@ class KQ_EXPORT XMPPReconnect : public XMPPModule {
   /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPReconnectDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
+  /// Removes `delegate`; calls already posted for it are dropped.
   void removeDelegate(const XMPPReconnectDelegate* delegate);
 
  protected:

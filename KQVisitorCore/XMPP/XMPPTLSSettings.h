@@ -13,6 +13,7 @@ namespace kq::xmpp {
 /// The certificate chain is always verified against the system's trusted authorities and the
 /// configured caFile. What changes is the name the certificate must carry.
 struct KQ_EXPORT XMPPTLSSettings {
+  /// The name the server's certificate must carry.
   enum class PeerNameCheck {
     /// The host name the stream connected to (the default).
     Host,
@@ -22,7 +23,9 @@ struct KQ_EXPORT XMPPTLSSettings {
     None,
   };
 
+  /// Which name is checked; PeerNameCheck::Host until a delegate changes it.
   PeerNameCheck peerNameCheck = PeerNameCheck::Host;
+  /// The name checked with PeerNameCheck::Name (unused with the others).
   std::string peerName;
 
   /// Sets the peer name: a name checks against it, nullopt switches the name check off.
