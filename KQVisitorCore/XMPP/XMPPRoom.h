@@ -40,25 +40,28 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   /// True for that answer of the room's own, false for any answer the server sent.
   static bool isNoAnswer(const XMPPIQ& answer);
 
-  /// A room `roomJID` (room@service) whose traffic is recorded in `storage`.
+  /// A room `roomJID` (`room@service`; a resource is dropped) whose traffic is recorded in
+  /// `storage`.
   XMPPRoom(std::shared_ptr<XMPPRoomMemoryStorage> storage, const XMPPJID& roomJID,
            std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPRoom() override;
 
+  /// The room's bare address, `room@service`.
   [[nodiscard]] const XMPPJID& roomJID() const { return roomJID_; }
+  /// The storage given at construction, shared with whoever else holds it.
   [[nodiscard]] const std::shared_ptr<XMPPRoomMemoryStorage>& xmppRoomStorage() const {
     return storage_;
   }
   /// The nickname of the last join; nullopt before any.
   [[nodiscard]] std::optional<std::string> myNickname() const;
-  /// room@service/nickname; nullopt before any join.
+  /// `room@service/nickname`; nullopt before any join.
   [[nodiscard]] std::optional<XMPPJID> myRoomJID() const;
   /// True between the server's acceptance of our join and our leaving.
   [[nodiscard]] bool isJoined() const;
 
-  /// Joins with `nickname`: a presence to room/nickname carrying the muc element, and inside it
-  /// `history` (a <history/> element) when given: without it the server sends its default
-  /// history. `password` for rooms that ask for one.
+  /// Joins with `nickname`: a presence to `room@service/nickname` carrying the muc element, and
+  /// inside it `history` (a `<history/>` element) when given: without it the server sends its
+  /// default history. `password` for rooms that ask for one.
   void joinRoomUsingNickname(const std::string& nickname, const std::optional<XMPPElement>& history,
                              const std::optional<std::string>& password = std::nullopt);
   /// Leaves: an unavailable presence to room/nickname.
@@ -77,6 +80,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPRoomDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
+  /// Removes `delegate`; calls already posted for it are dropped.
   void removeDelegate(const XMPPRoomDelegate* delegate);
 
  protected:

@@ -24,8 +24,8 @@ namespace kq::xmpp {
 /// server at the room's bare JID: whether the room has one, and the messages it holds after a
 /// point, fetched page by page (XEP-0059).
 ///
-/// The archive's answers come as <message> stanzas from the room's bare JID that carry a
-/// <result/> and no body: no XMPPRoom takes them for the room's own messages. This module
+/// The archive's answers come as `<message/>` stanzas from the room's bare JID that carry a
+/// `<result/>` and no body: no XMPPRoom takes them for the room's own messages. This module
 /// unwraps those of its own queries and hands each query's messages over once the archive says
 /// it has sent them all.
 ///
@@ -37,11 +37,11 @@ class KQ_EXPORT XMPPRoomArchive : public XMPPModule {
  public:
   /// One archived message.
   struct Item {
-    /// The message as the room sent it (from room@service/nick), a stanza of its own.
+    /// The message as the room sent it (from `room@service/nick`), a stanza of its own.
     XMPPMessage message;
     /// The archive's id of it, which is also the room's stanza id (XEP-0359) of the message.
     std::string archiveId;
-    /// When the room archived it (the forwarded <delay/>); nullopt when the stamp is missing or
+    /// When the room archived it (the forwarded `<delay/>`); nullopt when the stamp is missing or
     /// does not read.
     std::optional<Date> stamp;
   };
@@ -49,9 +49,12 @@ class KQ_EXPORT XMPPRoomArchive : public XMPPModule {
   /// What to fetch: the messages after `after` (an archive id, the surest point) and/or from
   /// `start` on. With neither, the whole archive.
   struct Query {
+    /// The archive id after which to fetch (RSM `<after/>`); nullopt for no such bound.
     std::optional<std::string> after;
+    /// The earliest time of a message to fetch (the form's "start" field); nullopt for no such
+    /// bound.
     std::optional<Date> start;
-    /// Messages per page (RSM <max/>); 0 leaves the page size to the server.
+    /// Messages per page (RSM `<max/>`); 0 leaves the page size to the server.
     int pageSize = 0;
   };
 
@@ -64,6 +67,7 @@ class KQ_EXPORT XMPPRoomArchive : public XMPPModule {
                            std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPRoomArchive() override;
 
+  /// The room's bare address, `room@service`.
   [[nodiscard]] const XMPPJID& roomJID() const { return roomJID_; }
 
   /// Asks the room for its features (service discovery, disco#info) and answers true when it
@@ -72,15 +76,15 @@ class KQ_EXPORT XMPPRoomArchive : public XMPPModule {
   void discoverArchive(std::function<void(bool supported)> completion);
 
   /// Fetches the messages `query` names: one query per page, each after the last id of the page
-  /// before, until the archive's <fin/> says complete (or a page brings nothing new). Each page
+  /// before, until the archive's `<fin/>` says complete (or a page brings nothing new). Each page
   /// must be answered within 30 s.
   void fetchMessages(const Query& query, Completion completion);
 
-  /// The room's stanza id (XEP-0359) in `message`: the id of a <stanza-id/> whose "by" is the
+  /// The room's stanza id (XEP-0359) in `message`: the id of a `<stanza-id/>` whose "by" is the
   /// room. Ids set by anybody else are not trusted, so they are not read.
   [[nodiscard]] static std::optional<std::string> stanzaId(const XMPPMessage& message,
                                                            const XMPPJID& roomJID);
-  /// The stamp of the message's <delay xmlns="urn:xmpp:delay"/> (XEP-0203): when the server
+  /// The stamp of the message's `<delay xmlns="urn:xmpp:delay"/>` (XEP-0203): when the server
   /// first had a message it hands out late, as room history does.
   [[nodiscard]] static std::optional<Date> delayStamp(const XMPPMessage& message);
 

@@ -22,7 +22,8 @@ class KQ_EXPORT XMPPRoomDelegate {
   virtual void xmppRoomDidCreate(XMPPRoom& /*sender*/) {}
   /// We are in the room.
   virtual void xmppRoomDidJoin(XMPPRoom& /*sender*/) {}
-  /// We are out of the room (we left, were removed, or the room was destroyed).
+  /// We are out of the room (we left, were removed, the room was destroyed, or the stream
+  /// disconnected while we were in it).
   virtual void xmppRoomDidLeave(XMPPRoom& /*sender*/) {}
   /// The room was destroyed at our request.
   virtual void xmppRoomDidDestroy(XMPPRoom& /*sender*/) {}
@@ -36,7 +37,7 @@ class KQ_EXPORT XMPPRoomDelegate {
   /// xmppRoomDidFailToDestroy.
   virtual void xmppRoomDidNotConfigure(XMPPRoom& /*sender*/, const XMPPIQ& /*iqResult*/) {}
   /// A group-chat message with a body, or an error message, came from the room;
-  /// `occupantJID` is its sender (room@service/nick, or the room itself).
+  /// `occupantJID` is its sender (`room@service/nick`, or the room itself).
   virtual void xmppRoomDidReceiveMessage(XMPPRoom& /*sender*/, const XMPPMessage& /*message*/,
                                          const XMPPJID& /*occupantJID*/) {}
 };

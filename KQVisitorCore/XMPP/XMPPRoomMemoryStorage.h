@@ -36,7 +36,9 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
 
   /// Records an occupant's presence (an unavailable presence removes the occupant).
   void handlePresence(const XMPPPresence& presence, const XMPPJID& roomJID);
+  /// Records a message received from the room, sharing it (received stanzas are read-only).
   void handleIncomingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
+  /// Records a copy of a message sent to the room, taken now.
   void handleOutgoingMessage(const XMPPMessage& message, const XMPPJID& roomJID);
   /// Records a message the stream has written, sharing it: the stream's element no longer
   /// changes once written, so no copy is needed. For the rooms' use.
