@@ -27,13 +27,16 @@ class KQ_EXPORT XMPPCapabilitiesMemoryStorage {
   /// The process-wide storage.
   static const std::shared_ptr<XMPPCapabilitiesMemoryStorage>& sharedInstance();
 
+  /// True when a disco#info answer is stored for the verification string `ver`.
   [[nodiscard]] bool areCapabilitiesKnownForVer(const std::string& ver) const;
-  /// The disco#info <query> stored for `ver` (a copy).
+  /// The disco#info `<query/>` stored for `ver` (a copy); nullopt when unknown.
   [[nodiscard]] std::optional<XMPPElement> capabilitiesForVer(const std::string& ver) const;
-  /// The disco#info <query> of the address `jid` announced; nullopt when unknown.
+  /// The disco#info `<query/>` (a copy) for what the full address `jid` announced; nullopt when
+  /// unknown.
   [[nodiscard]] std::optional<XMPPElement> capabilitiesForJID(const XMPPJID& jid) const;
   /// Stores a copy of `query` for `ver`.
   void setCapabilities(const std::string& ver, const XMPPElement& query);
+  /// Records that the full address `jid` announced the verification string `ver`.
   void setVerForJID(const XMPPJID& jid, const std::string& ver);
 
  private:

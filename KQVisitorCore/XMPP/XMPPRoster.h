@@ -19,32 +19,42 @@ class XMPPRosterMemoryStorage;
 /// subscribe to are accepted on their own (when enabled); the others reach the delegates.
 class KQ_EXPORT XMPPRoster : public XMPPModule {
  public:
+  /// A roster kept in `storage`, to activate() on a stream. `dispatchQueue` is handed to
+  /// XMPPModule; the roster does its own work (fetches, pushes, requests) on the stream's queue.
   explicit XMPPRoster(std::shared_ptr<XMPPRosterMemoryStorage> storage,
                       std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPRoster() override;
 
+  /// The storage given at construction, shared with whoever else holds it.
   [[nodiscard]] const std::shared_ptr<XMPPRosterMemoryStorage>& xmppRosterStorage() const {
     return storage_;
   }
 
   /// Fetch the roster after each authentication (false until set).
   [[nodiscard]] bool autoFetchRoster() const { return autoFetchRoster_.load(); }
+  /// Sets autoFetchRoster(). Thread-safe.
   void setAutoFetchRoster(bool value) { autoFetchRoster_ = value; }
   /// Accept subscription requests from contacts in the roster whose presence we receive
   /// (false until set).
   [[nodiscard]] bool autoAcceptKnownPresenceSubscriptionRequests() const {
     return autoAccept_.load();
   }
+  /// Sets autoAcceptKnownPresenceSubscriptionRequests(). Thread-safe.
   void setAutoAcceptKnownPresenceSubscriptionRequests(bool value) { autoAccept_ = value; }
 
-  /// Asks the server for the roster.
+  /// Asks the server for the roster. The answer is stored on the stream's queue, then the
+  /// delegates hear did-end-populating; a refusal or no answer within 60 s changes nothing.
+  /// Does nothing while the module is inactive.
   void fetchRoster();
-  /// Lets `jid` see our presence.
+  /// Lets `jid` (its bare address) see our presence. Does nothing while the module is inactive.
   void acceptPresenceSubscriptionRequestFrom(const XMPPJID& jid);
+  /// Refuses `jid` (its bare address) our presence. Does nothing while the module is inactive.
   void rejectPresenceSubscriptionRequestFrom(const XMPPJID& jid);
 
+  /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPRosterDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
+  /// Removes `delegate`; calls already posted for it are dropped.
   void removeDelegate(const XMPPRosterDelegate* delegate);
 
  protected:

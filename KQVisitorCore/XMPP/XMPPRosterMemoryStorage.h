@@ -29,7 +29,9 @@ class KQ_EXPORT XMPPRosterMemoryStorage {
   [[nodiscard]] std::vector<XMPPRosterItem> sortedUsersByName() const;
   /// Adds `item` or replaces the contact with its address.
   void addOrUpdate(const XMPPRosterItem& item);
+  /// Removes the contact with the bare address of `jid`, if any.
   void remove(const XMPPJID& jid);
+  /// Removes every contact.
   void clear();
 
  private:

@@ -16,10 +16,14 @@ class XMPPvCardTempModule;
 /// differs from the stored one.
 class KQ_EXPORT XMPPvCardAvatarModule : public XMPPModule {
  public:
+  /// A module that reads and fetches vCards through `vCardTempModule` (which must be activated
+  /// on the same stream to fetch), to activate() on a stream. `dispatchQueue` is handed to
+  /// XMPPModule; the module does its own work on the stream's queue.
   explicit XMPPvCardAvatarModule(std::shared_ptr<XMPPvCardTempModule> vCardTempModule,
                                  std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPvCardAvatarModule() override;
 
+  /// The vCard module given at construction, shared with whoever else holds it.
   [[nodiscard]] const std::shared_ptr<XMPPvCardTempModule>& xmppvCardTempModule() const {
     return vCardTempModule_;
   }

@@ -26,7 +26,7 @@ class KQ_EXPORT XMPPvCardMemoryStorage {
   /// The process-wide storage.
   static const std::shared_ptr<XMPPvCardMemoryStorage>& sharedInstance();
 
-  /// A copy of the <vCard> stored for the bare address of `jid`.
+  /// A copy of the `<vCard/>` stored for the bare address of `jid`; nullopt when none is.
   [[nodiscard]] std::optional<XMPPElement> vCardTempForJID(const XMPPJID& jid) const;
   /// Stores a copy of `vCard` for the bare address of `jid`.
   void setvCardTemp(const XMPPElement& vCard, const XMPPJID& jid);

@@ -21,7 +21,8 @@ class KQ_EXPORT XMPPvCardTempModuleDelegate {
   XMPPvCardTempModuleDelegate& operator=(const XMPPvCardTempModuleDelegate&) = delete;
   virtual ~XMPPvCardTempModuleDelegate();
 
-  /// A vCard was fetched and stored.
+  /// A vCard was fetched and stored: `vCardTemp` for the bare address `jid` (an empty `<vCard/>`
+  /// when the answer carried none).
   virtual void xmppvCardTempModuleDidReceivevCardTemp(XMPPvCardTempModule& /*sender*/,
                                                       const XMPPElement& /*vCardTemp*/,
                                                       const XMPPJID& /*jid*/) {}
@@ -31,22 +32,29 @@ class KQ_EXPORT XMPPvCardTempModuleDelegate {
 /// this client with our own (or an empty one).
 class KQ_EXPORT XMPPvCardTempModule : public XMPPModule {
  public:
+  /// A module that keeps vCards in `storage`, to activate() on a stream. `dispatchQueue` is
+  /// handed to XMPPModule; answers are stored on the stream's queue.
   explicit XMPPvCardTempModule(std::shared_ptr<XMPPvCardMemoryStorage> storage,
                                std::shared_ptr<DispatchQueue> dispatchQueue = nullptr);
   ~XMPPvCardTempModule() override;
 
+  /// The storage given at construction, shared with whoever else holds it.
   [[nodiscard]] const std::shared_ptr<XMPPvCardMemoryStorage>& xmppvCardTempModuleStorage() const {
     return storage_;
   }
 
   /// Fetches the vCard of the bare address of `jid` unless the storage has it (or
-  /// `ignoreStorage`).
+  /// `ignoreStorage`). The answer is stored on the stream's queue, then the delegates hear
+  /// did-receive-vCard; a refusal or no answer within 60 s changes nothing. Does nothing while
+  /// the module is inactive.
   void fetchvCardTempForJID(const XMPPJID& jid, bool ignoreStorage = false);
   /// Our own vCard from the storage; nullopt when unknown.
   [[nodiscard]] std::optional<XMPPElement> myvCardTemp() const;
 
+  /// Adds `delegate`, held weakly and called on `queue`.
   void addDelegate(const std::shared_ptr<XMPPvCardTempModuleDelegate>& delegate,
                    std::shared_ptr<DispatchQueue> queue);
+  /// Removes `delegate`; calls already posted for it are dropped.
   void removeDelegate(const XMPPvCardTempModuleDelegate* delegate);
 
  protected:
