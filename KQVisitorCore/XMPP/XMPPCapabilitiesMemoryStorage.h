@@ -19,6 +19,7 @@ namespace kq::xmpp {
 /// string, and which verification string each address announced. Thread-safe.
 class KQ_EXPORT XMPPCapabilitiesMemoryStorage {
  public:
+  /// An empty storage of its own (sharedInstance() is the one the process shares).
   XMPPCapabilitiesMemoryStorage();
   XMPPCapabilitiesMemoryStorage(const XMPPCapabilitiesMemoryStorage&) = delete;
   XMPPCapabilitiesMemoryStorage& operator=(const XMPPCapabilitiesMemoryStorage&) = delete;

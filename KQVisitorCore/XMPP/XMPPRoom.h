@@ -64,7 +64,7 @@ class KQ_EXPORT XMPPRoom : public XMPPModule {
   /// default history. `password` for rooms that ask for one.
   void joinRoomUsingNickname(const std::string& nickname, const std::optional<XMPPElement>& history,
                              const std::optional<std::string>& password = std::nullopt);
-  /// Leaves: an unavailable presence to room/nickname.
+  /// Leaves: an unavailable presence to `room@service/nickname`.
   void leaveRoom();
   /// Submits the owner's configuration: the fields of `roomConfigForm` (a jabber:x:data form)
   /// or, with nullopt, an empty form, which keeps every default of the server and unlocks a

@@ -26,6 +26,7 @@ class KQ_EXPORT XMPPRoomMemoryStorage {
   /// The most messages kept per room; the oldest go first.
   static constexpr std::size_t kMaxMessagesPerRoom = 500;
 
+  /// An empty storage of its own (sharedInstance() is the one the process shares).
   XMPPRoomMemoryStorage();
   XMPPRoomMemoryStorage(const XMPPRoomMemoryStorage&) = delete;
   XMPPRoomMemoryStorage& operator=(const XMPPRoomMemoryStorage&) = delete;

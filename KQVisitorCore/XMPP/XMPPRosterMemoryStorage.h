@@ -18,6 +18,7 @@ namespace kq::xmpp {
 /// The roster kept in memory, keyed by bare address. Thread-safe.
 class KQ_EXPORT XMPPRosterMemoryStorage {
  public:
+  /// An empty storage.
   XMPPRosterMemoryStorage();
   XMPPRosterMemoryStorage(const XMPPRosterMemoryStorage&) = delete;
   XMPPRosterMemoryStorage& operator=(const XMPPRosterMemoryStorage&) = delete;

@@ -18,6 +18,7 @@ namespace kq::xmpp {
 /// vCards (vcard-temp) kept in memory by bare address. Thread-safe.
 class KQ_EXPORT XMPPvCardMemoryStorage {
  public:
+  /// An empty storage of its own (sharedInstance() is the one the process shares).
   XMPPvCardMemoryStorage();
   XMPPvCardMemoryStorage(const XMPPvCardMemoryStorage&) = delete;
   XMPPvCardMemoryStorage& operator=(const XMPPvCardMemoryStorage&) = delete;
