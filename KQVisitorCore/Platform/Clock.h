@@ -15,7 +15,9 @@ namespace kq {
 /// monotonic clock is the default; tests install a ManualClock and move time themselves.
 class KQ_EXPORT Clock {
  public:
+  /// A length of time on this clock.
   using Duration = std::chrono::steady_clock::duration;
+  /// A moment on this clock, comparable with the monotonic clock's.
   using TimePoint = std::chrono::steady_clock::time_point;
 
   Clock() = default;
@@ -23,6 +25,7 @@ class KQ_EXPORT Clock {
   Clock& operator=(const Clock&) = delete;
   virtual ~Clock();
 
+  /// The clock's current time. Thread-safe.
   [[nodiscard]] virtual TimePoint now() const = 0;
 
   /// Blocks on `condition` (with `lock` held on entry, as for a condition variable) until it is
@@ -47,6 +50,8 @@ class KQ_EXPORT Clock {
   /// a key for removeTimeObserver(). An observer may still run once while it is being removed:
   /// it keeps what it uses alive by itself.
   static std::uint64_t addTimeObserver(std::function<void()> observer);
+  /// Unregisters the observer that addTimeObserver() answered `key` for; an unknown key does
+  /// nothing. The observer is released on the calling thread, outside the clock's lock.
   static void removeTimeObserver(std::uint64_t key);
 };
 

@@ -12,21 +12,23 @@
 
 namespace kq {
 
-/// A serial queue of tasks, in the manner of a dispatch queue: tasks run one at a time, in the
-/// order they were submitted; delayed tasks join the end of the queue when their deadline (on
-/// Clock::shared()) has passed, earliest deadline first.
-///
 namespace detail {
 struct DispatchQueueImpl;  // the dispatchqueue's state, private to DispatchQueue.cpp
 }  // namespace detail
 
+/// A serial queue of tasks, in the manner of a dispatch queue: tasks run one at a time, in the
+/// order they were submitted; delayed tasks join the end of the queue when their deadline (on
+/// Clock::shared()) has passed, earliest deadline first.
+///
 /// Two kinds exist. The main queue has no thread: the host application runs it on its main
 /// thread with run() or pumps it from its own event loop with pump(). Every other queue is
 /// created with create() and owns one thread. Tasks are never run inside the call that submits
 /// them (except sync() on the queue's own thread).
 class KQ_EXPORT DispatchQueue final : public TimerQueue {
  public:
+  /// A delay, measured on Clock::shared().
   using Duration = Clock::Duration;
+  /// A deadline on Clock::shared().
   using TimePoint = Clock::TimePoint;
 
   DispatchQueue(const DispatchQueue&) = delete;
@@ -42,6 +44,7 @@ class KQ_EXPORT DispatchQueue final : public TimerQueue {
   /// A new serial queue with a thread of its own, named `label` in logs and debuggers.
   static std::shared_ptr<DispatchQueue> create(std::string label);
 
+  /// The name given at create(), as shown in logs and error messages.
   [[nodiscard]] const std::string& label() const;
 
   /// Submits `task` to run after the tasks already queued. Thread-safe.

@@ -14,6 +14,7 @@ namespace kq {
 /// case, as HTTP says; the spelling of the first setter is kept on the wire.
 class KQ_EXPORT HTTPHeaderFields {
  public:
+  /// A field's name and value.
   using Field = std::pair<std::string, std::string>;
 
   /// Sets `field` to `value`, replacing every earlier field of the same name in place.
@@ -23,8 +24,11 @@ class KQ_EXPORT HTTPHeaderFields {
   /// The value of the first field named `field`; nullopt when there is none.
   [[nodiscard]] std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
 
+  /// Every field, in order, names spelled as set or received.
   [[nodiscard]] const std::vector<Field>& fields() const { return fields_; }
+  /// True when there is no field.
   [[nodiscard]] bool empty() const { return fields_.empty(); }
+  /// Removes every field.
   void clear() { fields_.clear(); }
 
  private:

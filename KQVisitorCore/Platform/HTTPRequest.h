@@ -15,6 +15,7 @@ struct KQ_EXPORT HTTPRequest {
   static constexpr std::chrono::milliseconds kDefaultTimeoutInterval{60000};
 
   HTTPRequest() = default;
+  /// A GET of `requestURL` with no body, failing after `timeout` without data moving.
   explicit HTTPRequest(std::string requestURL,
                        std::chrono::milliseconds timeout = kDefaultTimeoutInterval)
       : url(std::move(requestURL)), timeoutInterval(timeout) {}
@@ -34,9 +35,11 @@ struct KQ_EXPORT HTTPRequest {
   /// received (connecting included), as the platform's request time-out did.
   std::chrono::milliseconds timeoutInterval = kDefaultTimeoutInterval;
 
+  /// Sets header `field` to `value`, replacing any field of that name (HTTPHeaderFields::setValue).
   void setValue(std::string value, std::string_view field) {
     allHTTPHeaderFields.setValue(std::move(value), field);
   }
+  /// The value of the first header field named `field` (in any case); nullopt when none is set.
   [[nodiscard]] std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const {
     return allHTTPHeaderFields.valueForHTTPHeaderField(field);
   }

@@ -17,6 +17,8 @@ struct KQ_EXPORT HTTPResponse {
   /// The header fields of the final answer, in the order received.
   HTTPHeaderFields allHeaderFields;
 
+  /// The value of the first received header field named `field` (in any case); nullopt when
+  /// the answer had none.
   [[nodiscard]] std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const {
     return allHeaderFields.valueForHTTPHeaderField(field);
   }

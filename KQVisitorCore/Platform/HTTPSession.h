@@ -14,6 +14,10 @@
 
 namespace kq {
 
+namespace detail {
+struct HTTPSessionImpl;  // the session's state, private to HTTPSession.cpp
+}  // namespace detail
+
 /// An HTTP(S) client session in the manner of the platform's shared URL session: tasks run
 /// concurrently on one thread of the session's own (its "delegate queue"), share one cache of
 /// keep-alive connections, one cookie store and one TLS trust store, and report through
@@ -28,10 +32,6 @@ namespace kq {
 ///
 /// Thread-safe: tasks may be started from any thread, also from inside a completion.
 ///
-namespace detail {
-struct HTTPSessionImpl;  // the session's state, private to HTTPSession.cpp
-}  // namespace detail
-
 /// A request fails with kErrorTimedOut once nothing has been sent or received for its
 /// timeoutInterval, measured on Clock::shared().
 class KQ_EXPORT HTTPSession {
@@ -44,13 +44,20 @@ class KQ_EXPORT HTTPSession {
   /// libcurl could not be set up, or its event loop failed; the description says what failed.
   /// A session whose set-up failed fails every task at once with it.
   static constexpr long kErrorClientUnusable = 2;
+  /// The URL could not be parsed.
   static constexpr long kErrorMalformedURL = 3;
+  /// The host name did not resolve.
   static constexpr long kErrorCouldNotResolveHost = 6;
+  /// No connection to the host.
   static constexpr long kErrorCouldNotConnect = 7;
+  /// Nothing sent or received for timeoutInterval.
   static constexpr long kErrorTimedOut = 28;
   static constexpr long kErrorBadRequest = 43;  ///< method or header that cannot be sent
+  /// CancelTask(), or the session ended.
   static constexpr long kErrorCancelled = 42;
+  /// The TLS peer is not trusted.
   static constexpr long kErrorPeerFailedVerification = 60;
+  /// Configuration::caFile did not load.
   static constexpr long kErrorTrustStoreUnusable = 77;
 
   /// A request that failed because the machine has no usable network is reported in this
@@ -59,6 +66,7 @@ class KQ_EXPORT HTTPSession {
   /// resolved while the internet connection is unreachable. userInfo is as above, with
   /// "NSUnderlyingError" holding libcurl's description.
   static constexpr std::string_view kURLErrorDomain = "NSURLErrorDomain";
+  /// No usable network.
   static constexpr long kErrorNotConnectedToInternet = -1009;
 
   /// The outcome of a task. On an answer (whatever its status) `data` holds the body (possibly
@@ -71,10 +79,13 @@ class KQ_EXPORT HTTPSession {
   /// least kProgressInterval apart, except the last (sent == expected), which always comes.
   using Progress =
       std::function<void(std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend)>;
+  /// Names a task for cancelTask(); unique within the session.
   using TaskIdentifier = std::uint64_t;
 
+  /// The least time between two upload progress reports of a task.
   static constexpr std::chrono::milliseconds kProgressInterval{50};
 
+  /// How a session made by create() is set up.
   struct Configuration {
     /// A PEM file of further trusted certificate authorities, on top of the system's; empty for
     /// none. A file that cannot be loaded makes every TLS connection fail with

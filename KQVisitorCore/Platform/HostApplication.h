@@ -10,7 +10,11 @@
 namespace kq {
 
 /// Whether the user currently sees the host application.
-enum class ApplicationState { Active, Inactive, Background };
+enum class ApplicationState {
+  Active,     ///< in front, taking the user's input
+  Inactive,   ///< in front but not taking input (for example behind a system dialog)
+  Background  ///< not shown
+};
 
 /// What the library needs from the application that embeds it: its state, its icon badge,
 /// local notifications and alerts. A host implements this and installs it with setShared()
@@ -28,7 +32,10 @@ class KQ_EXPORT HostApplication {
   /// The default reports Active.
   [[nodiscard]] virtual ApplicationState applicationState() const;
 
+  /// The number on the application's icon; the default answers the last number set (0 at
+  /// first).
   [[nodiscard]] virtual long applicationIconBadgeNumber() const;
+  /// Puts `number` on the application's icon (0 for none); the default keeps it and logs it.
   virtual void setApplicationIconBadgeNumber(long number);
 
   /// Shows `notification` at its fire date.

@@ -16,8 +16,11 @@ namespace kq {
 /// and code of the layer that failed (for example "CURLE" and libcurl's code) and describe
 /// themselves under "NSLocalizedDescription".
 struct KQ_EXPORT KQError {
+  /// The message of a library error, the failing layer's name otherwise.
   std::string domain;
+  /// 400, 500 or 1001 for a library error, the layer's own code otherwise.
   long code = 0;
+  /// A JSON object.
   nlohmann::ordered_json userInfo = nlohmann::ordered_json::object();
 
   /// A library error: `domain` is the message, userInfo is {"status": status}.

@@ -25,7 +25,10 @@ struct KQ_EXPORT KQVisitorConfig {
   /// Thrown for an unusable setting; the message names the key and what is wrong with it.
   class KQ_EXPORT Error : public std::invalid_argument {
    public:
+    /// An error about setting `key` ("" when it concerns the whole text or file), with
+    /// `message` as what().
     Error(std::string key, const std::string& message);
+    /// The setting the error concerns; "" when it concerns the whole text or file.
     [[nodiscard]] const std::string& key() const { return key_; }
 
    private:
@@ -94,10 +97,12 @@ struct KQ_EXPORT KQVisitorConfig {
   /// `base` overridden by the keys of a JSON object. Throws Error for text that is not a JSON
   /// object, an unknown key, a value of the wrong type or an invalid value.
   static KQVisitorConfig fromJSON(std::string_view text, const KQVisitorConfig& base);
+  /// fromJSON() over the compiled-in defaults.
   static KQVisitorConfig fromJSON(std::string_view text);
 
   /// fromJSON() on the contents of a file; errors name the file.
   static KQVisitorConfig fromFile(const std::string& path, const KQVisitorConfig& base);
+  /// fromFile() over the compiled-in defaults.
   static KQVisitorConfig fromFile(const std::string& path);
 
   /// Checks every setting; throws Error naming the first that is unusable.

@@ -14,7 +14,9 @@ struct KQ_EXPORT LocalNotification {
   std::optional<Date> fireDate;
   /// Title of the action that opens the application ("Launch").
   std::string alertAction;
+  /// The text shown.
   std::string alertBody;
+  /// Whether the notification offers the action of alertAction.
   bool hasAction = true;
   /// The icon badge number to show with it.
   long applicationIconBadgeNumber = 0;

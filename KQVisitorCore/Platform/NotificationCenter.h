@@ -18,7 +18,9 @@ class Guarded;
 /// held, so they may post, add or remove observers themselves.
 class KQ_EXPORT NotificationCenter {
  public:
+  /// An observer's function, given each notification it registered for.
   using Handler = std::function<void(const Notification&)>;
+  /// Names one registration for removeObserver(Token).
   using Token = std::uint64_t;
 
   NotificationCenter();
@@ -43,7 +45,11 @@ class KQ_EXPORT NotificationCenter {
   /// Removes every observer registered with `owner`.
   void removeObserver(const void* owner);
 
+  /// Calls each observer of `notification`'s name (and of its sender, for those registered
+  /// with one) on the calling thread, in order of registration, before returning. An observer
+  /// removed by an earlier one during this post is skipped.
   void post(const Notification& notification);
+  /// post() of a Notification made of `name`, `object`, `userInfo` and `sender`.
   void post(std::string name, std::any object = {}, nlohmann::ordered_json userInfo = nullptr,
             const void* sender = nullptr);
 

@@ -11,10 +11,17 @@ namespace kq {
 /// How a destination can be reached. The numbers are the platform's: 0 means not reachable.
 /// Linux tells no cellular link apart, so a reachable destination reads ReachableViaWiFi.
 enum class NetworkStatus : int {
+  /// No route to the destination.
   NotReachable = 0,
+  /// Reachable (over any link).
   ReachableViaWiFi = 2,
+  /// Reachable over a cellular link; never reported on Linux.
   ReachableViaWWAN = 1,
 };
+
+namespace detail {
+struct ReachabilityImpl;  // the reachability's state, private to Reachability.cpp
+}  // namespace detail
 
 /// Whether a destination can be reached, now and as the network changes.
 ///
@@ -23,10 +30,6 @@ enum class NetworkStatus : int {
 /// notifications (links, addresses and routes coming and going), on a thread of the object's
 /// own that sleeps until the kernel reports something: nothing is polled.
 ///
-namespace detail {
-struct ReachabilityImpl;  // the reachability's state, private to Reachability.cpp
-}  // namespace detail
-
 /// Thread-safe. Objects are shared (the watcher of a chat start is kept alive by the listener
 /// that holds it); destroying one stops its notifier.
 class KQ_EXPORT Reachability {
@@ -34,6 +37,7 @@ class KQ_EXPORT Reachability {
   /// Called with the object whose status changed, on the object's own notifier thread. It may
   /// call stopNotifier() and release the object.
   using NetworkReachable = std::function<void(Reachability& reachability)>;
+  /// Called with the object whose status changed, like NetworkReachable.
   using NetworkUnreachable = std::function<void(Reachability& reachability)>;
 
   /// The general internet connection: the probe address KQVisitorConfig::shared()
@@ -74,6 +78,7 @@ class KQ_EXPORT Reachability {
   /// The destination's status now, checked afresh (a host name is resolved first, which may
   /// wait for the resolver; an address answers at once).
   [[nodiscard]] NetworkStatus currentReachabilityStatus() const;
+  /// currentReachabilityStatus() is not NotReachable.
   [[nodiscard]] bool isReachable() const {
     return currentReachabilityStatus() != NetworkStatus::NotReachable;
   }

@@ -19,7 +19,9 @@ namespace kq {
 /// skipped, not fired in a burst.
 class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
  public:
+  /// An interval, measured on Clock::shared().
   using Duration = Clock::Duration;
+  /// The timer's work, given the timer that fired (which it may invalidate).
   using Tick = std::function<void(Timer&)>;
 
   /// Repeating intervals shorter than this are raised to it.
@@ -39,9 +41,14 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
   /// once and the running tick is the last. Releases the tick function. Idempotent.
   void invalidate();
 
+  /// True until invalidate() is called, a one-shot timer has fired, or its queue was found
+  /// released when scheduling the next tick.
   [[nodiscard]] bool isValid() const;
+  /// The interval the timer was scheduled with (a repeating one's, after raising it to
+  /// kMinimumRepeatingInterval; a negative one-shot interval reads as zero).
   [[nodiscard]] Duration timeInterval() const { return interval_; }
 
+  /// Lets only Timer make timers with the public constructor below.
   struct Token {
    private:
     friend class Timer;

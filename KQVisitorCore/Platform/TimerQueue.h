@@ -13,7 +13,9 @@ namespace kq {
 /// on the stream's own thread.
 class KQ_EXPORT TimerQueue {
  public:
+  /// A piece of work run on the queue.
   using Task = std::function<void()>;
+  /// Names a scheduled task for cancel(); 0 names none.
   using TaskId = std::uint64_t;
 
   TimerQueue() = default;

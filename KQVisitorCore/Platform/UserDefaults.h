@@ -22,8 +22,10 @@ namespace kq {
 /// suffix), never silently dropped, and the settings start empty. Thread-safe.
 class KQ_EXPORT UserDefaults {
  public:
+  /// A stored value.
   using Json = nlohmann::ordered_json;
 
+  /// How long after the first unsaved change the file is written.
   static constexpr Clock::Duration kDeferredWriteDelay = std::chrono::milliseconds(500);
 
   /// The settings file of the configuration (KQVisitorConfig::userDefaultsPath), opened on first
@@ -40,12 +42,14 @@ class KQ_EXPORT UserDefaults {
   /// Writes unsaved changes.
   ~UserDefaults();
 
+  /// The settings file; empty when the settings are kept in memory only.
   [[nodiscard]] const std::string& path() const { return path_; }
 
   /// The value stored under `key`; nullopt when there is none.
   [[nodiscard]] std::optional<Json> objectForKey(const std::string& key) const;
   /// Stores `value` under `key`; a null value removes the key.
   void setObject(Json value, const std::string& key);
+  /// Removes the value under `key`, if any.
   void removeObjectForKey(const std::string& key);
 
   /// A string value, or a number written in decimal; nullopt otherwise.
@@ -54,10 +58,12 @@ class KQ_EXPORT UserDefaults {
   [[nodiscard]] std::optional<Json> dictionaryForKey(const std::string& key) const;
   /// A number (truncated), a boolean (1 or 0) or a string read as integerValue does; 0 otherwise.
   [[nodiscard]] std::int64_t integerForKey(const std::string& key) const;
+  /// Stores `value` under `key` as a JSON number.
   void setInteger(std::int64_t value, const std::string& key);
   /// True for true, a non-zero number, or a string beginning "Y", "y", "T", "t" or a non-zero
   /// digit; false otherwise.
   [[nodiscard]] bool boolForKey(const std::string& key) const;
+  /// Stores `value` under `key` as a JSON boolean.
   void setBool(bool value, const std::string& key);
 
   /// Writes the settings to the file now, durably: once this returns true they survive a crash
