@@ -26,18 +26,23 @@ class KQ_EXPORT KQVisitorMessage {
 
   /// The text.
   [[nodiscard]] std::optional<std::string> message() const;
+  /// Sets message().
   void setMessage(std::optional<std::string> message);
   /// The operator (manager) id of the packet; "0" for the greeting and HTTP messages.
   [[nodiscard]] std::optional<std::string> managerId() const;
+  /// Sets managerId().
   void setManagerId(std::optional<std::string> managerId);
-  /// Who wrote it.
+  /// Who wrote it, shared with whoever else holds the user; null when unknown.
   [[nodiscard]] std::shared_ptr<KQVisitorUser> sender() const;
+  /// Sets sender(); the message shares ownership of the user.
   void setSender(std::shared_ptr<KQVisitorUser> sender);
   /// When it was sent.
   [[nodiscard]] std::optional<Date> timeStamp() const;
+  /// Sets timeStamp().
   void setTimeStamp(std::optional<Date> timeStamp);
   /// One of KQVisitorMessageType.
   [[nodiscard]] std::int64_t messageType() const;
+  /// Sets messageType().
   void setMessageType(std::int64_t messageType);
 
   /// True when the sender is the very user object that is the web service's current user; a

@@ -20,6 +20,7 @@ class KQVisitorRoom;
 /// that a room may change the table (closing a room empties its site's table) during the walk.
 class KQ_EXPORT KQVisitorRoomTable {
  public:
+  /// A key and the room filed under it.
   using Entry = std::pair<std::string, std::shared_ptr<KQVisitorRoom>>;
 
   KQVisitorRoomTable();
@@ -29,10 +30,15 @@ class KQ_EXPORT KQVisitorRoomTable {
 
   /// The room under `key`, or null.
   [[nodiscard]] std::shared_ptr<KQVisitorRoom> objectForKey(const std::string& key) const;
-  /// Files `room` under `key`, replacing what was there; a null room removes the key.
+  /// Files `room` under `key`, replacing what was there; a null room removes the key. The table
+  /// shares ownership of its rooms; a room replaced or removed is released after the table's
+  /// lock.
   void setObject(std::shared_ptr<KQVisitorRoom> room, const std::string& key);
+  /// Removes the room under `key`, if any.
   void removeObjectForKey(const std::string& key);
+  /// Removes every room.
   void removeAllObjects();
+  /// How many rooms are filed.
   [[nodiscard]] std::size_t count() const;
   /// The keys and rooms at this moment, ordered by key.
   [[nodiscard]] std::vector<Entry> snapshot() const;

@@ -24,13 +24,19 @@ class KQ_EXPORT KQVisitorSite {
 
   /// The website id of the chat service.
   [[nodiscard]] std::optional<std::string> siteId() const;
+  /// Sets siteId().
   void setSiteId(std::optional<std::string> siteId);
+  /// The site's name for display; the library fills it from the chat record's "parD" field.
   [[nodiscard]] std::optional<std::string> siteName() const;
+  /// Sets siteName().
   void setSiteName(std::optional<std::string> siteName);
+  /// A description of the site; the library itself leaves it absent.
   [[nodiscard]] std::optional<std::string> siteDesc() const;
+  /// Sets siteDesc().
   void setSiteDesc(std::optional<std::string> siteDesc);
   /// The site's position in its owner's list.
   [[nodiscard]] std::int64_t indexInArray() const;
+  /// Sets indexInArray().
   void setIndexInArray(std::int64_t indexInArray);
 
   /// The site's rooms by key; the room of the running chat is filed under "currentRoom". Made

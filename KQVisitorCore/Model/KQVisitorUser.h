@@ -26,16 +26,23 @@ class KQ_EXPORT KQVisitorUser {
   /// Display name: the nickname under which the visitor joins a room; for an operator, the name
   /// carried by the chat packet.
   [[nodiscard]] std::optional<std::string> username() const;
+  /// Sets username().
   void setUsername(std::optional<std::string> username);
   /// Full name.
   [[nodiscard]] std::optional<std::string> name() const;
+  /// Sets name().
   void setName(std::optional<std::string> name);
+  /// E-mail address.
   [[nodiscard]] std::optional<std::string> email() const;
+  /// Sets email().
   void setEmail(std::optional<std::string> email);
+  /// Telephone number.
   [[nodiscard]] std::optional<std::string> phone() const;
+  /// Sets phone().
   void setPhone(std::optional<std::string> phone);
   /// The service's id of the person; the key of a room's occupant table.
   [[nodiscard]] std::optional<std::string> userId() const;
+  /// Sets userId().
   void setUserId(std::optional<std::string> userId);
 
  private:

@@ -33,6 +33,7 @@ class MulticastDelegate {
   static_assert(std::is_polymorphic_v<Root>, "delegates are found by dynamic_cast");
 
  public:
+  /// The delegates in the order they were added; the list shares ownership of each.
   using DelegateList = std::vector<std::shared_ptr<Root>>;
 
   /// Appends `delegate`. Throws std::invalid_argument for a null delegate.
@@ -53,8 +54,10 @@ class MulticastDelegate {
       ++mutations_;
     }
   }
+  /// Removes every entry that is `delegate`, as removeDelegate(const Root*).
   void removeDelegate(const std::shared_ptr<Root>& delegate) { removeDelegate(delegate.get()); }
 
+  /// Empties the list.
   void removeAllDelegates() {
     if (!delegates_.empty()) {
       delegates_.clear();
