@@ -61,6 +61,7 @@ class KQ_EXPORT KQVisitorOutbox : public xmpp::XMPPRoomDelegate,
   /// One line of the visitor's.
   struct Line {
     std::string id;  ///< unique; the chat packet's "id" over XMPP
+    /// What the visitor wrote, as given to send().
     std::string text;
     Date written;   ///< when send() took it
     int sends = 0;  ///< how many times it went out
@@ -70,6 +71,7 @@ class KQ_EXPORT KQVisitorOutbox : public xmpp::XMPPRoomDelegate,
   using FateListener = std::function<void(const Line& line, KQOutboxLineFate fate,
                                           const std::optional<KQError>& error)>;
 
+  /// How long a line may wait for delivery unless setGiveUpAfter() says otherwise.
   static constexpr Clock::Duration kDefaultGiveUpAfter = std::chrono::minutes(5);
 
   /// An outbox for `room` (not owned beyond close()), which takes back the lines stored for
@@ -87,6 +89,7 @@ class KQ_EXPORT KQVisitorOutbox : public xmpp::XMPPRoomDelegate,
   [[nodiscard]] std::vector<Line> lines() const;
   /// How long a line may wait for delivery (kDefaultGiveUpAfter); applies to every line.
   void setGiveUpAfter(Clock::Duration giveUpAfter);
+  /// How long a line may wait for delivery (kDefaultGiveUpAfter unless set).
   [[nodiscard]] Clock::Duration giveUpAfter() const;
   /// Stops sending and listening to the room; the lines stay stored for a later outbox.
   void close();

@@ -86,7 +86,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// A callback's identity is the shared object holding it: adding the same pointer twice keeps
   /// it once, and removing takes that pointer.
   using RoomUpdatesCallbackRef = std::shared_ptr<const RoomUpdatesCallback>;
+  /// Users by user id; the room shares ownership of them.
   using Occupants = std::map<std::string, std::shared_ptr<KQVisitorUser>>;
+  /// Messages, oldest first; the room shares ownership of them.
   using Messages = std::vector<std::shared_ptr<KQVisitorMessage>>;
 
   /// What the room keeps of each stanza it handled from its multi-user-chat room, to know it
@@ -108,16 +110,24 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// those already held (`message` is the one held) and the missed ones, stored just before.
   using CatchUpListener = std::function<void(const std::vector<ReceivedStanza>& stanzas)>;
 
-  /// The control texts a received message may be.
+  /// The control texts a received message may be. This one: the room was destroyed
+  /// (roomDestroyUpdate()).
   static constexpr const char* kDestroyRoomText = "[destroy room]";
+  /// The operator does not take the chat: the room asks the server to destroy it.
   static constexpr const char* kDNDText = "[DND]";
+  /// The operator ignores the chat: the room asks the server to destroy it.
   static constexpr const char* kIgnoreText = "[Ignore]";
+  /// The visitor's name changed: the current user takes the name the packet carries, also in
+  /// the visitor's record in the standard user defaults.
   static constexpr const char* kNickChangeText = "[NICKCHANGE]";
 
   /// The errors of the HTTP operations: the text is the domain, the code kHTTPErrorCode, and
   /// there is no user information.
+  /// The service did not store a line sent with sendHTTPMessage().
   static constexpr const char* kCannotInsertMessage = "Can not insert message";
+  /// A poll brought no message.
   static constexpr const char* kNoMessageRecieved = "No message recieved";
+  /// The code of those errors.
   static constexpr long kHTTPErrorCode = 1001;
 
   KQVisitorRoom();
@@ -131,32 +141,48 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
 
   /// The chat id: the chat id of every packet and the key of the room's stored values.
   [[nodiscard]] std::optional<std::string> roomId() const override;
+  /// Sets roomId().
   void setRoomId(std::optional<std::string> roomId);
   /// The multi-user-chat room; null for an HTTP room.
   [[nodiscard]] std::shared_ptr<xmpp::XMPPRoom> xmppRoom() const;
+  /// Makes `xmppRoom` the room's multi-user-chat room, which the room then owns (null makes it
+  /// an HTTP room); the room it replaces is released.
   void setXmppRoom(std::shared_ptr<xmpp::XMPPRoom> xmppRoom);
-  /// The website the room belongs to (not owned).
+  /// The website the room belongs to (not owned); null once the site is gone.
   [[nodiscard]] std::shared_ptr<KQVisitorSite> site() const;
+  /// Sets site(); the room keeps only a weak reference.
   void setSite(const std::shared_ptr<KQVisitorSite>& site);
   /// The people of the room by user id (a copy); addRoomOcuupant files one.
   [[nodiscard]] Occupants roomOcuupants() const;
+  /// Replaces the whole occupant table.
   void setRoomOcuupants(Occupants roomOcuupants);
+  /// Files `user` under `userId`, replacing the user filed there.
   void addRoomOcuupant(const std::string& userId, std::shared_ptr<KQVisitorUser> user);
   /// The conversation, oldest first (a copy); addMessage appends one.
   [[nodiscard]] Messages messages() const;
+  /// Replaces the whole conversation.
   void setMessages(Messages messages);
+  /// Appends `message` to the conversation; it is not announced to the update callbacks.
   void addMessage(std::shared_ptr<KQVisitorMessage> message);
   /// Messages received and not yet read; only grows in the library, the host resets it.
   [[nodiscard]] std::int64_t unreadMessagesCount() const;
+  /// Sets unreadMessagesCount().
   void setUnreadMessagesCount(std::int64_t count);
+  /// The user id of the operator of the chat; the key of getOperator() in roomOcuupants().
   [[nodiscard]] std::optional<std::string> operatorId() const;
+  /// Sets operatorId().
   void setOperatorId(std::optional<std::string> operatorId);
+  /// The display name of the operator of the chat.
   [[nodiscard]] std::optional<std::string> operatorName() const;
+  /// Sets operatorName().
   void setOperatorName(std::optional<std::string> operatorName);
+  /// The operator's greeting, the first line of a new transcript (addOperatorGreetingMessage()).
   [[nodiscard]] std::optional<std::string> greetingMessage() const;
+  /// Sets greetingMessage().
   void setGreetingMessage(std::optional<std::string> greetingMessage);
   /// The last message id HTTP polling saw; "0" while none was stored.
   [[nodiscard]] std::string httpMessageId() const;
+  /// Sets httpMessageId(); nullopt reads as "0" again.
   void setHttpMessageId(std::optional<std::string> httpMessageId);
   /// What the room keeps of the stanza that brought `message` (the last stored for it);
   /// nullopt for a message that came otherwise: the greeting, over HTTP, or from the host.
@@ -167,33 +193,45 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void setCatchUpListener(CatchUpListener listener);
   /// The update callbacks, in registration order (a copy).
   [[nodiscard]] std::vector<RoomUpdatesCallbackRef> roomUpdatesCallback() const;
-  /// Kept for the host application; the library never reads or writes them after creation.
+  /// Kept for the host application; the library never reads or writes it after creation.
   [[nodiscard]] nlohmann::ordered_json notSentMessages() const;
+  /// Sets notSentMessages().
   void setNotSentMessages(nlohmann::ordered_json notSentMessages);
+  /// Kept for the host application; the library never reads or writes it after creation.
   [[nodiscard]] nlohmann::ordered_json allLinks() const;
+  /// Sets allLinks().
   void setAllLinks(nlohmann::ordered_json allLinks);
+  /// Kept for the host application; the library never reads or writes it after creation.
   [[nodiscard]] std::string tmpRoomMessage() const;
+  /// Sets tmpRoomMessage().
   void setTmpRoomMessage(std::string tmpRoomMessage);
   /// True at creation; nothing in the library reads it.
   [[nodiscard]] bool isRoomEnabled() const;
+  /// Sets isRoomEnabled().
   void setIsRoomEnabled(bool value);
   /// Set by the join events, cleared by closeRoom().
   [[nodiscard]] bool isRoomJoined() const;
+  /// Sets isRoomJoined().
   void setIsRoomJoined(bool value);
   /// Set when the room was left, cleared when it is joined.
   [[nodiscard]] bool isRoomJoininng() const;
+  /// Sets isRoomJoininng().
   void setIsRoomJoininng(bool value);
   /// The room was destroyed by the server or the operator; never cleared.
   [[nodiscard]] bool isRoomDestroyed() const;
+  /// Sets isRoomDestroyed().
   void setIsRoomDestroyed(bool value);
   /// A plain flag for the host application.
   [[nodiscard]] bool isRoomNeedUpate() const;
+  /// Sets isRoomNeedUpate().
   void setIsRoomNeedUpate(bool value);
   /// nullopt until the room is destroyed, then "NO".
   [[nodiscard]] std::optional<std::string> isRoomExist() const;
+  /// Sets isRoomExist().
   void setIsRoomExist(std::optional<std::string> value);
   /// The setter stores the value; the getter always answers false.
   [[nodiscard]] bool isDelayed() const;
+  /// Stores `value`, which isDelayed() does not read.
   void setIsDelayed(bool value);
 
   // --- Identity and delegates -------------------------------------------------------------
@@ -202,8 +240,10 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   [[nodiscard]] bool isHttpRoom() const;
   /// Whether the XMPPRoom is joined (false without one).
   [[nodiscard]] bool isConnected() const;
-  /// Adds `delegate` to the XMPPRoom's delegates, called on the main queue.
+  /// Adds `delegate` to the XMPPRoom's delegates, called on the main queue; nothing without an
+  /// XMPPRoom.
   void addRoomDelegate(const std::shared_ptr<xmpp::XMPPRoomDelegate>& delegate);
+  /// Removes `delegate` from the XMPPRoom's delegates; nothing without an XMPPRoom.
   void removeRoomDelegate(const xmpp::XMPPRoomDelegate* delegate);
 
   // --- Update callbacks -------------------------------------------------------------------
@@ -263,16 +303,21 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   [[nodiscard]] std::shared_ptr<KQVisitorUser> getOperator() const;
   /// Makes the greeting (when there is one) the only message.
   void addOperatorGreetingMessage();
+  /// Empties the conversation.
   void clearAllMessages();
   /// The last message, or null.
   [[nodiscard]] std::shared_ptr<KQVisitorMessage> lastMessage() const;
   /// {"image": "avatar.png", "message": the last text or "", "sender": its sender's name or ""}.
   [[nodiscard]] nlohmann::ordered_json lastChatMessageData() const;
-  /// Chat states (XEP-0085) to the room; nothing for an HTTP room.
+  /// Tells the room the visitor is active (XEP-0085 chat state); nothing for an HTTP room.
   void sendActiveChatState();
+  /// Tells the room the visitor is typing; nothing for an HTTP room.
   void sendComposingChatState();
+  /// Tells the room the visitor stopped typing; nothing for an HTTP room.
   void sendPausedChatState();
+  /// Tells the room the visitor is not paying attention; nothing for an HTTP room.
   void sendInactiveChatState();
+  /// Tells the room the visitor has left the conversation; nothing for an HTTP room.
   void sendGoneChatState();
 
   // --- HTTP mode --------------------------------------------------------------------------
@@ -308,6 +353,7 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void removeRoomAfterIdel();
   /// Stores unreadMessagesCount under "kqroom<roomId>" in the standard user defaults.
   void setTotalMessagesDelivered();
+  /// The count setTotalMessagesDelivered() stored for this room id; 0 when none.
   [[nodiscard]] std::int64_t totalMessagesDelivered() const;
 
   // --- Events of the XMPPRoom (on the main queue) -----------------------------------------

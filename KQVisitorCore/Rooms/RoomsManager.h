@@ -16,9 +16,13 @@ namespace kq {
 class KQ_EXPORT RegisteredRoom {
  public:
   virtual ~RegisteredRoom() = default;
+  /// The id the object is filed under; nullopt when it has none (it then cannot be filed).
   [[nodiscard]] virtual std::optional<std::string> roomId() const = 0;
+  /// Whether an operator uses the room. The default throws RoomsManager::UndefinedKey.
   [[nodiscard]] virtual bool isUsedByOperator() const;
+  /// Whether a logged-in resource uses the room. The default throws RoomsManager::UndefinedKey.
   [[nodiscard]] virtual bool isUsedByLoggedInResources() const;
+  /// Whether a training session uses the room. The default throws RoomsManager::UndefinedKey.
   [[nodiscard]] virtual bool isUsedByTrainning() const;
 };
 
@@ -34,6 +38,7 @@ class KQ_EXPORT RegisteredRoom {
 ///    is one of the matching objects; the keys are room ids, so nothing is removed.
 class KQ_EXPORT RoomsManager {
  public:
+  /// The filed objects by room id; the registry shares ownership of them.
   using RoomsDict = std::map<std::string, std::shared_ptr<RegisteredRoom>>;
 
   /// A registered object that cannot answer a flag of the group removals.
@@ -49,7 +54,9 @@ class KQ_EXPORT RoomsManager {
   RoomsManager(const RoomsManager&) = delete;
   RoomsManager& operator=(const RoomsManager&) = delete;
 
+  /// The registry's own table, not a copy.
   [[nodiscard]] const RoomsDict& roomsDict() const { return roomsDict_; }
+  /// Replaces the whole table with `roomsDict`.
   void setRoomsDict(RoomsDict roomsDict) { roomsDict_ = std::move(roomsDict); }
 
   /// Files `room` under its roomId, replacing what was there; null is ignored. A room without a
@@ -71,6 +78,7 @@ class KQ_EXPORT RoomsManager {
   /// Filter "(isUsedByTrainning == NO) AND (isUsedByLoggedInResources==NO)", then removal by
   /// object.
   void removeOperatorRooms();
+  /// Removes every entry.
   void removeAllRooms();
 
  private:
