@@ -42,12 +42,17 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   /// null).
   using MessageCallback =
       std::function<void(std::optional<KQError> error, std::shared_ptr<KQVisitorMessage> message)>;
+  /// Rooms, newest first; the manager shares ownership of them.
   using Rooms = std::vector<std::shared_ptr<KQVisitorRoom>>;
 
   /// The errors the HTTP operations make: the text is the domain, the code kHTTPErrorCode, and
   /// there is no user information.
+  /// This one: the service did not store the line, or there was no chat id to send with
+  /// (KQVisitorRoom::kCannotInsertMessage).
   static constexpr const char* kCannotInsertMessage = KQVisitorRoom::kCannotInsertMessage;
+  /// A poll brought no message (KQVisitorRoom::kNoMessageRecieved).
   static constexpr const char* kNoMessageRecieved = KQVisitorRoom::kNoMessageRecieved;
+  /// The code of those errors (KQVisitorRoom::kHTTPErrorCode).
   static constexpr long kHTTPErrorCode = KQVisitorRoom::kHTTPErrorCode;
 
   /// Branding off, no website, no rooms.
@@ -58,18 +63,35 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
 
   // --- Properties -------------------------------------------------------------------------
 
+  /// The session's website, made by chatPreLan() when there is none; null before. The manager
+  /// shares ownership of it.
   [[nodiscard]] std::shared_ptr<KQVisitorSite> kqWebsite() const;
+  /// Sets kqWebsite().
   void setKqWebsite(std::shared_ptr<KQVisitorSite> website);
+  /// Whether the chat should show the service's branding, as the service's website record
+  /// ("S_B") said in visitorPanelWithResult(); false until then.
   [[nodiscard]] bool toShowBranding() const;
+  /// Sets toShowBranding().
   void setToShowBranding(bool value);
+  /// The website's domain name in Arabic, used by visitorPanelWithResult() when
+  /// preferredLanguage() is "ar". Set by the host.
   [[nodiscard]] std::optional<std::string> websiteDomainNameArabic() const;
+  /// Sets websiteDomainNameArabic().
   void setWebsiteDomainNameArabic(std::optional<std::string> domain);
+  /// The website's domain name in English, used by visitorPanelWithResult() for any other
+  /// language. Set by the host.
   [[nodiscard]] std::optional<std::string> websiteDomainNameEnglish() const;
+  /// Sets websiteDomainNameEnglish().
   void setWebsiteDomainNameEnglish(std::optional<std::string> domain);
+  /// The visitor's language: "ar" picks the Arabic domain name and asks for an Arabic-speaking
+  /// operator; anything else, or nullopt, the English domain name and the visitor record's
+  /// language. Set by the host.
   [[nodiscard]] std::optional<std::string> preferredLanguage() const;
+  /// Sets preferredLanguage().
   void setPreferredLanguage(std::optional<std::string> language);
   /// The rooms joined over XMPP, newest first (a copy).
   [[nodiscard]] Rooms allRooms() const;
+  /// Replaces allRooms().
   void setAllRooms(Rooms rooms);
 
   // --- The session flow --------------------------------------------------------------------
