@@ -44,25 +44,33 @@ class KQ_EXPORT KQVisitorWebService {
   /// JSON frame. `operation` is always null; it stands where the platform passed its
   /// operation object.
   using Success = std::function<void(std::nullptr_t operation, nlohmann::ordered_json result)>;
+  /// JSON frame: `operation` is null as above; `error` is the transport's or the library's.
   using Failure = std::function<void(std::nullptr_t operation, KQError error)>;
   /// SOAP frame: the response head (nullopt when none arrived) and the body (likewise).
   using SOAPSuccess =
       std::function<void(std::optional<HTTPResponse> response, std::optional<std::string> data)>;
+  /// SOAP frame: the response head (nullopt when none arrived) and the error.
   using SOAPFailure = std::function<void(std::optional<HTTPResponse> response, KQError error)>;
   /// SOAP operations: whether the call completed, and a status (6 done, 7 refused, 3 failed).
   using ResultBlock = std::function<void(bool ok, long status)>;
-  /// Upload: the link of the stored file, or a message; and the body's progress.
+  /// Upload: the link of the stored file.
   using UploadSuccess = std::function<void(std::string link)>;
+  /// Upload: what went wrong, in words.
   using UploadFailure = std::function<void(std::string message)>;
+  /// Upload: bytes of the body sent so far and the body's size.
   using UploadProgress =
       std::function<void(std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend)>;
 
-  /// Paths appended to the configured origins (KQVisitorConfig).
+  /// Paths appended to the configured origins (KQVisitorConfig). This one: the JSON service
+  /// over XMPP, after KQVisitorConfig::jsonServiceProductionOrigin.
   static constexpr std::string_view kProductionServicePath =
       "/VisitorServiceXMPPSSL/ChatService.svc/";
+  /// The JSON service of HTTP-polling clients, after KQVisitorConfig::jsonServiceBetaOrigin.
   static constexpr std::string_view kBetaServicePath = "/VisitorService_Mobile/ChatService.svc/";
+  /// The SOAP management service, after KQVisitorConfig::soapServiceOrigin.
   static constexpr std::string_view kManagementServicePath =
       "/ManagementService/ManagementService.asmx";
+  /// The upload service, after KQVisitorConfig::uploadServiceOrigin.
   static constexpr std::string_view kUploadServicePath =
       "/FileUploader/api/FileUploader/FileTransfer3_5_OP";
 
@@ -89,6 +97,7 @@ class KQ_EXPORT KQVisitorWebService {
 
   /// A service with the default dependencies (what sharedInstance() uses).
   KQVisitorWebService();
+  /// A service that talks through `dependencies` (tests, or a host with a session of its own).
   explicit KQVisitorWebService(Dependencies dependencies);
   KQVisitorWebService(const KQVisitorWebService&) = delete;
   KQVisitorWebService& operator=(const KQVisitorWebService&) = delete;
@@ -101,20 +110,27 @@ class KQ_EXPORT KQVisitorWebService {
   /// True when the visitor chats over HTTP polling instead of XMPP: JSON requests then go to
   /// the beta service, and login does not connect XMPP. Read once per request. Default false.
   [[nodiscard]] bool isHTTPClient() const { return isHTTPClient_.load(); }
+  /// Sets isHTTPClient(); requests already started keep the service they went to.
   void setIsHTTPClient(bool isHTTPClient) { isHTTPClient_ = isHTTPClient; }
 
   /// The visitor of the session; null until a visitor logs in. Kept by logout.
   [[nodiscard]] std::shared_ptr<KQVisitorUser> currentUser() const;
+  /// Sets currentUser(); the service shares ownership of the user.
   void setCurrentUser(std::shared_ptr<KQVisitorUser> currentUser);
 
   /// A timer the host application may keep here; logout stops and clears it.
   [[nodiscard]] std::shared_ptr<Timer> timer() const;
+  /// Keeps `timer` (shared with the caller) in place of the one kept before, which is released,
+  /// not stopped.
   void setTimer(std::shared_ptr<Timer> timer);
 
-  /// Flags kept for the host application; the library neither sets nor reads them.
+  /// A flag kept for the host application; the library neither sets nor reads it.
   [[nodiscard]] bool isOperatorServiceActive() const { return isOperatorServiceActive_.load(); }
+  /// Sets isOperatorServiceActive().
   void setIsOperatorServiceActive(bool active) { isOperatorServiceActive_ = active; }
+  /// A flag kept for the host application; the library neither sets nor reads it.
   [[nodiscard]] bool isQAServiceActive() const { return isQAServiceActive_.load(); }
+  /// Sets isQAServiceActive().
   void setIsQAServiceActive(bool active) { isQAServiceActive_ = active; }
 
   // --- Login ---------------------------------------------------------------------------------

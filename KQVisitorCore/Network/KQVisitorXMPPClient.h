@@ -110,47 +110,66 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
 
   /// Adds `delegate` as a delegate of the stream, called on the main queue.
   void addStreamDelegate(const std::shared_ptr<xmpp::XMPPStreamDelegate>& delegate);
+  /// Removes `delegate` from the stream's delegates; nothing without a stream.
   void removeStreamDelegate(const xmpp::XMPPStreamDelegate* delegate);
 
-  // The stream and its modules; null before setupStream() and after teardownStream().
+  // The stream and its modules, owned by the client and shared with the caller.
+
+  /// The XMPP stream; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPStream> xmppStream() const;
+  /// The reconnect module; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPReconnect> xmppReconnect() const;
+  /// The roster module; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPRoster> xmppRoster() const;
+  /// The roster's storage; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPRosterMemoryStorage> xmppRosterStorage() const;
+  /// The vCard storage; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardMemoryStorage> xmppvCardStorage() const;
+  /// The vCard module; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardTempModule> xmppvCardTempModule() const;
+  /// The avatar module; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPvCardAvatarModule> xmppvCardAvatarModule() const;
+  /// The capabilities module; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPCapabilities> xmppCapabilities() const;
+  /// The capabilities' storage; null before setupStream() and after teardownStream().
   [[nodiscard]] std::shared_ptr<xmpp::XMPPCapabilitiesMemoryStorage> xmppCapabilitiesStorage()
       const;
 
   /// Declared for hosts; never set or read by the library.
   [[nodiscard]] bool allowSelfSignedCertificates() const;
+  /// Sets allowSelfSignedCertificates().
   void setAllowSelfSignedCertificates(bool value);
   /// When true the server certificate's name is not checked (the chain still is). False after
   /// setupStream().
   [[nodiscard]] bool allowSSLHostNameMismatch() const;
+  /// Sets allowSSLHostNameMismatch(), read when the stream secures its next connection.
   void setAllowSSLHostNameMismatch(bool value);
   /// The socket-level connection is up: set by did-connect, cleared by a disconnect that finds
   /// isxmppStreamDisconnected() false.
   [[nodiscard]] bool isXmppConnected() const;
+  /// Sets isXmppConnected().
   void setIsXmppConnected(bool value);
   /// The stream was lost while not connected (a failed connect or reconnect); cleared by the
   /// next successful authentication.
   [[nodiscard]] bool isxmppStreamDisconnected() const;
+  /// Sets isxmppStreamDisconnected().
   void setIsxmppStreamDisconnected(bool value);
   /// Owned by the sites manager; stored here only.
   [[nodiscard]] bool isDisconnectedAllRooms() const;
+  /// Sets isDisconnectedAllRooms().
   void setIsDisconnectedAllRooms(bool value);
   /// An alert the host may show while connecting; dismissed (button 0, animated) when the login
   /// completes, and cleared then.
   [[nodiscard]] std::shared_ptr<AlertView> loadingAlert() const;
+  /// Sets loadingAlert(); the client shares ownership of the alert.
   void setLoadingAlert(std::shared_ptr<AlertView> alert);
   /// Declared for hosts; never used by the library.
   [[nodiscard]] std::shared_ptr<AlertView> alertForConectivity() const;
+  /// Sets alertForConectivity().
   void setAlertForConectivity(std::shared_ptr<AlertView> alert);
   /// A timer the host may start; performForcefullLogout() stops it and clears the field.
   [[nodiscard]] std::shared_ptr<Timer> timerForQAScreen() const;
+  /// Keeps `timer` in place of the one kept before, which is released, not stopped.
   void setTimerForQAScreen(std::shared_ptr<Timer> timer);
 
   // --- Rooms, invitations and notifications -------------------------------------------------
@@ -187,24 +206,36 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
 
   /// Added to the application badge by performLoacalNotification; 0 at start.
   [[nodiscard]] std::int32_t badgeCount() const;
+  /// Sets badgeCount().
   void setBadgeCount(std::int32_t value);
   /// Kept for the host application; 0 at start.
   [[nodiscard]] std::int32_t messageCounterForOperatorBadge() const;
+  /// Sets messageCounterForOperatorBadge().
   void setMessageCounterForOperatorBadge(std::int32_t value);
-  /// Kept for the host application.
+  /// Kept for the host application; false at start.
   [[nodiscard]] bool operatorScreenActive() const;
+  /// Sets operatorScreenActive().
   void setOperatorScreenActive(bool value);
+  /// Kept for the host application; 0 at start.
   [[nodiscard]] std::int64_t panelType() const;
+  /// Sets panelType().
   void setPanelType(std::int64_t value);
+  /// Kept for the host application (a copy); empty at start.
   [[nodiscard]] std::vector<std::any> kqCanMessagesArray() const;
+  /// Replaces kqCanMessagesArray().
   void setKqCanMessagesArray(std::vector<std::any> messages);
   /// A host view object; kept only.
   [[nodiscard]] std::any loadingActivityIndicator() const;
+  /// Sets loadingActivityIndicator().
   void setLoadingActivityIndicator(std::any indicator);
-  /// Host objects, not owned: the host clears them before they go away.
+  /// A host object, not owned: the host clears it before it goes away. Never called by the
+  /// library.
   [[nodiscard]] std::weak_ptr<void> chatDelegate() const;
+  /// Sets chatDelegate(); the client keeps only a weak reference.
   void setChatDelegate(std::weak_ptr<void> delegate);
+  /// A host object, not owned, like chatDelegate(). Never called by the library.
   [[nodiscard]] std::weak_ptr<void> messageDelegate() const;
+  /// Sets messageDelegate(); the client keeps only a weak reference.
   void setMessageDelegate(std::weak_ptr<void> delegate);
 
   // --- Events of the stream, reconnect module and roster (on the main queue) ----------------
@@ -217,6 +248,8 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   void xmppStreamDidNotAuthenticate(xmpp::XMPPStream& sender,
                                     const xmpp::XMPPElement& error) override;
   bool xmppStreamDidReceiveIQ(xmpp::XMPPStream& sender, const xmpp::XMPPIQ& iq) override;
+  /// For each multi-user-chat status 201 (the room was just created) in `presence`, calls
+  /// sendDefaultRoomConfig() with the presence's "from"; other presences are ignored.
   void xmppStreamDidReceivePresence(xmpp::XMPPStream& sender,
                                     const xmpp::XMPPPresence& presence) override;
   void xmppStreamDidDisconnect(xmpp::XMPPStream& sender,
@@ -232,7 +265,10 @@ class KQ_EXPORT KQVisitorXMPPClient : public std::enable_shared_from_this<KQVisi
   void addInternetListener();
   /// Whether the general internet connection is reachable now (asked afresh on each call).
   [[nodiscard]] bool isInternetAvaliable() const;
+  /// The listener addInternetListener() started, shared with the caller; null before.
   [[nodiscard]] std::shared_ptr<Reachability> reachability() const;
+  /// Keeps `reachability` as the listener; the one replaced is released outside the client's
+  /// lock, which stops it when nothing else holds it.
   void setReachability(std::shared_ptr<Reachability> reachability);
 
  private:

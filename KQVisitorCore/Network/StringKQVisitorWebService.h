@@ -28,10 +28,11 @@ class KQ_EXPORT StringKQVisitorWebService {
   static std::string formatRequestV2(const std::string& operation,
                                      const nlohmann::ordered_json& withParameters);
 
-  /// Either envelope in an explicit service namespace.
+  /// The "soap12" envelope in the service namespace `serviceNamespace`.
   static std::string formatRequest(const std::string& operation,
                                    const nlohmann::ordered_json& withParameters,
                                    const std::string& serviceNamespace);
+  /// The "soap" envelope in the service namespace `serviceNamespace`.
   static std::string formatRequestV2(const std::string& operation,
                                      const nlohmann::ordered_json& withParameters,
                                      const std::string& serviceNamespace);
