@@ -45,6 +45,8 @@ class KQ_EXPORT KQVisitorWebService {
   /// operation object.
   using Success = std::function<void(std::nullptr_t operation, nlohmann::ordered_json result)>;
   /// JSON frame: `operation` is null as above; `error` is the transport's or the library's.
+  /// Runs where requestDataWithParameters() says: the HTTP session's thread, or the calling
+  /// thread for the failures it makes at once.
   using Failure = std::function<void(std::nullptr_t operation, KQError error)>;
   /// SOAP frame: the response head (nullopt when none arrived) and the body (likewise).
   using SOAPSuccess =
@@ -53,11 +55,12 @@ class KQ_EXPORT KQVisitorWebService {
   using SOAPFailure = std::function<void(std::optional<HTTPResponse> response, KQError error)>;
   /// SOAP operations: whether the call completed, and a status (6 done, 7 refused, 3 failed).
   using ResultBlock = std::function<void(bool ok, long status)>;
-  /// Upload: the link of the stored file.
+  /// Upload: the link of the stored file, on the HTTP session's thread.
   using UploadSuccess = std::function<void(std::string link)>;
-  /// Upload: what went wrong, in words.
+  /// Upload: what went wrong, in words; on the HTTP session's thread, or at once on the calling
+  /// thread for a file over 6 MB or settings that cannot be loaded.
   using UploadFailure = std::function<void(std::string message)>;
-  /// Upload: bytes of the body sent so far and the body's size.
+  /// Upload: bytes of the body sent so far and the body's size, on the HTTP session's thread.
   using UploadProgress =
       std::function<void(std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend)>;
 

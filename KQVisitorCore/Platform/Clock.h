@@ -17,7 +17,7 @@ class KQ_EXPORT Clock {
  public:
   /// A length of time on this clock.
   using Duration = std::chrono::steady_clock::duration;
-  /// A moment on this clock, comparable with the monotonic clock's.
+  /// A moment on this clock.
   using TimePoint = std::chrono::steady_clock::time_point;
 
   Clock() = default;

@@ -48,12 +48,12 @@ class KQ_EXPORT HTTPSession {
   static constexpr long kErrorMalformedURL = 3;
   /// The host name did not resolve.
   static constexpr long kErrorCouldNotResolveHost = 6;
-  /// No connection to the host.
+  /// No connection could be made to the host.
   static constexpr long kErrorCouldNotConnect = 7;
   /// Nothing sent or received for timeoutInterval.
   static constexpr long kErrorTimedOut = 28;
   static constexpr long kErrorBadRequest = 43;  ///< method or header that cannot be sent
-  /// CancelTask(), or the session ended.
+  /// Stopped by cancelTask(), or the session ended.
   static constexpr long kErrorCancelled = 42;
   /// The TLS peer is not trusted.
   static constexpr long kErrorPeerFailedVerification = 60;

@@ -20,7 +20,8 @@ struct KQ_EXPORT KQError {
   std::string domain;
   /// 400, 500 or 1001 for a library error, the layer's own code otherwise.
   long code = 0;
-  /// A JSON object.
+  /// Further information, a JSON object: {"status": n} for a library error; what went wrong
+  /// under "NSLocalizedDescription" for a transport error.
   nlohmann::ordered_json userInfo = nlohmann::ordered_json::object();
 
   /// A library error: `domain` is the message, userInfo is {"status": status}.

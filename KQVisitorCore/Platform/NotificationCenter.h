@@ -18,7 +18,7 @@ class Guarded;
 /// held, so they may post, add or remove observers themselves.
 class KQ_EXPORT NotificationCenter {
  public:
-  /// An observer's function, given each notification it registered for.
+  /// An observer's function, given each notification it registered for, on the posting thread.
   using Handler = std::function<void(const Notification&)>;
   /// Names one registration for removeObserver(Token).
   using Token = std::uint64_t;

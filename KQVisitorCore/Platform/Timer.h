@@ -21,7 +21,8 @@ class KQ_EXPORT Timer : public std::enable_shared_from_this<Timer> {
  public:
   /// An interval, measured on Clock::shared().
   using Duration = Clock::Duration;
-  /// The timer's work, given the timer that fired (which it may invalidate).
+  /// The timer's work, run on the timer's queue and given the timer that fired (which it may
+  /// invalidate).
   using Tick = std::function<void(Timer&)>;
 
   /// Repeating intervals shorter than this are raised to it.

@@ -113,9 +113,9 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   /// The control texts a received message may be. This one: the room was destroyed
   /// (roomDestroyUpdate()).
   static constexpr const char* kDestroyRoomText = "[destroy room]";
-  /// The operator does not take the chat: the room asks the server to destroy it.
+  /// Do not disturb: the room asks the server to destroy it (destroyRoom()).
   static constexpr const char* kDNDText = "[DND]";
-  /// The operator ignores the chat: the room asks the server to destroy it.
+  /// Ignored: the room asks the server to destroy it (destroyRoom()).
   static constexpr const char* kIgnoreText = "[Ignore]";
   /// The visitor's name changed: the current user takes the name the packet carries, also in
   /// the visitor's record in the standard user defaults.
@@ -123,7 +123,8 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
 
   /// The errors of the HTTP operations: the text is the domain, the code kHTTPErrorCode, and
   /// there is no user information.
-  /// The service did not store a line sent with sendHTTPMessage().
+  /// The service gave an empty answer to a line sent or to the end of the chat, or there was
+  /// no chat id to end.
   static constexpr const char* kCannotInsertMessage = "Can not insert message";
   /// A poll brought no message.
   static constexpr const char* kNoMessageRecieved = "No message recieved";

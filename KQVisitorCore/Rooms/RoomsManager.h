@@ -22,7 +22,7 @@ class KQ_EXPORT RegisteredRoom {
   [[nodiscard]] virtual bool isUsedByOperator() const;
   /// Whether a logged-in resource uses the room. The default throws RoomsManager::UndefinedKey.
   [[nodiscard]] virtual bool isUsedByLoggedInResources() const;
-  /// Whether a training session uses the room. The default throws RoomsManager::UndefinedKey.
+  /// Whether the room is used for training. The default throws RoomsManager::UndefinedKey.
   [[nodiscard]] virtual bool isUsedByTrainning() const;
 };
 

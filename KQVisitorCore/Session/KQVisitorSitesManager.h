@@ -47,8 +47,8 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
 
   /// The errors the HTTP operations make: the text is the domain, the code kHTTPErrorCode, and
   /// there is no user information.
-  /// This one: the service did not store the line, or there was no chat id to send with
-  /// (KQVisitorRoom::kCannotInsertMessage).
+  /// This one: the service gave an empty answer to a line sent or to the end of the chat, or
+  /// closeHTTPSession() found no chat id (KQVisitorRoom::kCannotInsertMessage).
   static constexpr const char* kCannotInsertMessage = KQVisitorRoom::kCannotInsertMessage;
   /// A poll brought no message (KQVisitorRoom::kNoMessageRecieved).
   static constexpr const char* kNoMessageRecieved = KQVisitorRoom::kNoMessageRecieved;
@@ -83,8 +83,8 @@ class KQ_EXPORT KQVisitorSitesManager : public std::enable_shared_from_this<KQVi
   [[nodiscard]] std::optional<std::string> websiteDomainNameEnglish() const;
   /// Sets websiteDomainNameEnglish().
   void setWebsiteDomainNameEnglish(std::optional<std::string> domain);
-  /// The visitor's language: "ar" picks the Arabic domain name and asks for an Arabic-speaking
-  /// operator; anything else, or nullopt, the English domain name and the visitor record's
+  /// The visitor's language: "ar" picks the Arabic domain name and language 5 when asking for
+  /// an operator; anything else, or nullopt, the English domain name and the visitor record's
   /// language. Set by the host.
   [[nodiscard]] std::optional<std::string> preferredLanguage() const;
   /// Sets preferredLanguage().
