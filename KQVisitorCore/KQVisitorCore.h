@@ -1,6 +1,12 @@
 #pragma once
 
-// The public interface of KQVisitorCore in one include.
+/// \file
+/// The public interface of KQVisitorCore in one include.
+///
+/// \example hello/main.cpp
+/// The smallest host: it runs the main queue, as a host application does, and prints the
+/// library's version once a timer on that queue has fired. Built against the installed library
+/// with `find_package(KQVisitorCore)` (hello/CMakeLists.txt) or with pkg-config.
 
 #include <KQVisitorCore/KQVisitorCoreVersion.h>
 
