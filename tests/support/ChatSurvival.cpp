@@ -7,6 +7,7 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Timer.h>
+#include <KQVisitorCore/Rooms/KQVisitorOutbox.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
@@ -110,6 +111,7 @@ struct ChatSurvival::Impl {
   std::shared_ptr<KQVisitorSite> website = std::make_shared<KQVisitorSite>();
   std::shared_ptr<KQVisitorSitesManager> manager = std::make_shared<KQVisitorSitesManager>();
   std::shared_ptr<KQVisitorRoom> room;
+  std::shared_ptr<KQVisitorOutbox> outbox;
   std::shared_ptr<StreamWatch> watch = std::make_shared<StreamWatch>();
   PostedNotifications logins{"ConnectNotification"};
   KQVisitorRoom::RoomUpdatesCallbackRef recorder;
@@ -130,8 +132,9 @@ struct ChatSurvival::Impl {
   std::optional<Clock::TimePoint> reachedOperator;
   std::optional<Clock::TimePoint> reachedVisitor;
 
-  // The one place the visitor writes.
-  void visitorSays(const std::string& text) const { room->sendMessage(text); }
+  // The one place the visitor writes: through the outbox, which keeps each line until the room
+  // gives it back.
+  void visitorSays(const std::string& text) const { outbox->send(text); }
 
   void write() {
     const auto now = Clock::shared()->now();
@@ -201,6 +204,10 @@ ChatSurvival::~ChatSurvival() {
   if (chat.writer) {
     chat.writer->invalidate();
   }
+  if (chat.outbox) {
+    chat.outbox->close();
+  }
+  KQVisitorOutbox::forgetLines(kChatId);
   if (chat.room) {
     chat.room->removeRoomUpdateCallback(chat.recorder);
   }
@@ -217,6 +224,7 @@ ChatSurvival::~ChatSurvival() {
   }
   client().setSitesManager(nullptr);
   KQVisitorWebService::sharedInstance().setCurrentUser(nullptr);
+  chat.outbox.reset();
   chat.room.reset();
   chat.relay.reset();
   chat.server.reset();
@@ -277,6 +285,8 @@ bool ChatSurvival::start() {
       });
   chat.room->addRoomUpdatesCallBack(chat.recorder);
   client().joinXmpproomwitChatID(kChatId);
+  KQVisitorOutbox::forgetLines(kChatId);  // nothing of an earlier run is sent
+  chat.outbox = KQVisitorOutbox::make(chat.room, nullptr);
   if (!runMainQueueUntil([&] { return chat.room->isConnected(); })) {
     return false;
   }
