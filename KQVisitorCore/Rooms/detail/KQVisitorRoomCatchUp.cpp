@@ -118,29 +118,7 @@ void KQVisitorRoomCatchUp::roomDidJoin() {
   });
   std::weak_ptr<KQVisitorRoomCatchUp> weak = weak_from_this();
   if (phase == Phase::FetchingArchive) {
-    xmpp::XMPPRoomArchive::Query query;
-    query.after = mark.afterId;
-    if (!mark.afterId) {
-      query.start = mark.since;
-    }
-    const xmpp::XMPPJID roomJID = room_->roomJID();
-    archive_->fetchMessages(query, [weak, attempt, roomJID](auto items) {
-      const auto self = weak.lock();
-      if (!self) {
-        return;
-      }
-      if (!items) {
-        self->fetched(attempt, std::nullopt);
-        return;
-      }
-      std::vector<Stanza> archived;
-      for (auto& item : *items) {
-        const auto from = item.message.from();
-        archived.push_back({item.message, from ? *from : roomJID, item.stamp.value_or(Date::now()),
-                            item.archiveId, true});
-      }
-      self->fetched(attempt, std::move(archived));
-    });
+    fetchArchive(attempt, mark);
   } else if (phase == Phase::ReplayingHistory) {
     // Any question will do: its answer comes after the whole history.
     archive_->discoverArchive([weak, attempt](bool /*archived*/) {
@@ -151,22 +129,60 @@ void KQVisitorRoomCatchUp::roomDidJoin() {
   }
 }
 
+void KQVisitorRoomCatchUp::fetchArchive(std::uint64_t attempt, const Mark& mark) {
+  std::weak_ptr<KQVisitorRoomCatchUp> weak = weak_from_this();
+  xmpp::XMPPRoomArchive::Query query;
+  query.after = mark.afterId;
+  if (!mark.afterId) {
+    query.start = mark.since;
+  }
+  const xmpp::XMPPJID roomJID = room_->roomJID();
+  archive_->fetchMessages(query, [weak, attempt, roomJID](auto items) {
+    const auto self = weak.lock();
+    if (!self) {
+      return;
+    }
+    if (!items) {
+      self->fetched(attempt, std::nullopt);
+      return;
+    }
+    std::vector<Stanza> archived;
+    for (auto& item : *items) {
+      const auto from = item.message.from();
+      archived.push_back({item.message, from ? *from : roomJID, item.stamp.value_or(Date::now()),
+                          item.archiveId, true});
+    }
+    self->fetched(attempt, std::move(archived));
+  });
+}
+
 void KQVisitorRoomCatchUp::fetched(std::uint64_t attempt,
                                    std::optional<std::vector<Stanza>> archived) {
-  const auto [current, nickname, mark, heldBack] = state_->with([&](State& state) {
+  const auto [current, byTime, nickname, mark, heldBack] = state_->with([&](State& state) {
     const bool ours = state.attempt == attempt && state.phase == Phase::FetchingArchive;
+    bool retry = false;
     std::vector<Stanza> held;
     if (ours) {
       if (archived) {
         state.phase = Phase::Idle;
         held = std::exchange(state.heldBack, {});
+      } else if (state.mark.afterId) {
+        // An archive that no longer knows the last id heard (the server forgets the archive of
+        // a room everybody left, as at its restart) still answers by time, beyond the history's
+        // few lines.
+        state.mark.afterId.reset();
+        retry = true;
       } else {
         state.phase = Phase::LeavingForHistory;  // what was held back stays held back
       }
     }
-    return std::tuple(ours, state.nickname, state.mark, std::move(held));
+    return std::tuple(ours, retry, state.nickname, state.mark, std::move(held));
   });
   if (!current) {
+    return;
+  }
+  if (byTime) {
+    fetchArchive(attempt, mark);
     return;
   }
   if (!archived) {

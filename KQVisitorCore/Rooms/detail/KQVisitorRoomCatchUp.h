@@ -24,11 +24,12 @@ class XMPPRoomArchive;
 /// while the visitor was away. Internal to the library; KQVisitorRoom says why it exists.
 ///
 /// The steps: ask the room whether it keeps an archive (disco#info). With one, join asking for
-/// no history, then fetch the archive from the last stanza id heard (or from a time) to the end.
-/// Without one, or when the fetch fails, join asking for the history since that time, and take
-/// the answer to a question asked after the join as the end of it (the server sends a join's
-/// history before it reads anything sent later). Room messages that arrive meanwhile are held
-/// back, so that the conversation is handed over in order, old messages first.
+/// no history, then fetch the archive from the last stanza id heard (or from a time, also when
+/// the archive no longer knows that id) to the end. Without one, or when the fetch fails, join
+/// asking for the history since that time, and take the answer to a question asked after the
+/// join as the end of it (the server sends a join's history before it reads anything sent
+/// later). Room messages that arrive meanwhile are held back, so that the conversation is
+/// handed over in order, old messages first.
 ///
 /// One catch-up at a time: while one is under way, a new start is not needed and is ignored; a
 /// lost connection or a leave of the room ends it.
@@ -84,6 +85,7 @@ class KQVisitorRoomCatchUp : public std::enable_shared_from_this<KQVisitorRoomCa
   enum class Phase;
   struct State;
   void discovered(std::uint64_t attempt, bool archived);
+  void fetchArchive(std::uint64_t attempt, const Mark& mark);
   void fetched(std::uint64_t attempt,
                std::optional<std::vector<Stanza>> archived);  // nullopt: the fetch failed
   void historyReplayed(std::uint64_t attempt);
