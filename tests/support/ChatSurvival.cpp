@@ -50,23 +50,48 @@ std::optional<int> numberOf(const std::string& text, const std::string& prefix) 
   return std::stoi(text.substr(prefix.size()));
 }
 
-ChatSurvival::Direction count(const std::vector<std::string>& texts, const std::string& prefix,
-                              int sent) {
+const char* nameOf(ChatSurvival::FaultKind kind) {
+  switch (kind) {
+    case ChatSurvival::FaultKind::Reset: return "reset";
+    case ChatSurvival::FaultKind::SilentDrop: return "silent drop";
+    case ChatSurvival::FaultKind::Restart: return "restart";
+  }
+  return "?";
+}
+
+// " (after fault 3, a reset)": the last fault before `at`, to tell which one a problem followed.
+std::string faultBefore(Clock::TimePoint at, const std::vector<ChatSurvival::Fault>& faults) {
+  std::size_t index = faults.size();
+  while (index > 0 && faults[index - 1].at > at) {
+    --index;
+  }
+  return index == 0 ? " (before any fault)"
+                    : " (after fault " + std::to_string(index) + ", " +
+                          nameOf(faults[index - 1].kind) + ")";
+}
+
+// The lines `texts` held, which arrived at `arrivals`.
+ChatSurvival::Direction count(const std::vector<std::string>& texts,
+                              const std::vector<Clock::TimePoint>& arrivals,
+                              const std::vector<ChatSurvival::Fault>& faults,
+                              const std::string& prefix, int sent) {
   ChatSurvival::Direction direction;
   direction.sent = sent;
   std::map<int, int> copies;
   int highest = 0;
-  for (const auto& text : texts) {
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const auto& text = texts[i];
     const auto number = numberOf(text, prefix);
     if (!number) {
       continue;
     }
+    const auto when = faultBefore(arrivals.at(i), faults);
     if (++copies[*number] > 1) {
       ++direction.duplicated;
-      direction.problems.push_back(text + " again");
+      direction.problems.push_back(text + " again" + when);
     } else if (*number < highest) {
       ++direction.outOfOrder;
-      direction.problems.push_back(text + " after " + prefix + std::to_string(highest));
+      direction.problems.push_back(text + " after " + prefix + std::to_string(highest) + when);
     }
     highest = std::max(highest, *number);
   }
@@ -125,8 +150,8 @@ struct ChatSurvival::Impl {
   std::vector<Clock::TimePoint> visitorWritten;
   std::vector<Clock::TimePoint> operatorWritten;
   std::set<std::string> operatorHeard;
-  std::set<std::string> visitorHeard;  // both sides' lines
-  std::size_t visitorScanned = 0;      // of the visitor's transcript
+  std::set<std::string> visitorHeard;             // both sides' lines
+  std::vector<Clock::TimePoint> visitorArrivals;  // of the visitor's transcript, by index
   std::vector<Fault> faults;
   // Of the last fault: when a line written since reached the operator, and the visitor.
   std::optional<Clock::TimePoint> reachedOperator;
@@ -161,8 +186,9 @@ struct ChatSurvival::Impl {
 
   void scanVisitorTranscript() {
     const auto messages = room->messages();
-    for (; visitorScanned < messages.size(); ++visitorScanned) {
-      const auto text = messages[visitorScanned]->message().value_or("");
+    while (visitorArrivals.size() < messages.size()) {
+      const auto text = messages[visitorArrivals.size()]->message().value_or("");
+      visitorArrivals.push_back(Clock::shared()->now());
       visitorHeard.insert(text);
       arrived(text, "o-", operatorWritten, reachedVisitor);
     }
@@ -290,7 +316,10 @@ bool ChatSurvival::start() {
   if (!runMainQueueUntil([&] { return chat.room->isConnected(); })) {
     return false;
   }
-  chat.agent->join();
+  // After a restart the operator goes back in after the visitor: the visitor's join of a room
+  // the operator has made again and not configured yet is refused, and nothing in the library
+  // joins again, so that the visitor would stay out for good.
+  chat.agent->join([&chat] { return chat.room->isConnected(); });
   if (!runMainQueueUntil([&] { return chat.agent->isJoined(); })) {
     return false;
   }
@@ -370,18 +399,22 @@ ChatSurvival::Report ChatSurvival::finish(Clock::Duration bound) {
     drainMainQueue();
   }
   std::vector<std::string> operatorTexts;
+  std::vector<Clock::TimePoint> operatorArrivals;
   for (const auto& heard : chat.agent->heard()) {
     operatorTexts.push_back(heard.text);
+    operatorArrivals.push_back(heard.at);
   }
+  chat.scanVisitorTranscript();
   std::vector<std::string> visitorTexts;
   for (const auto& message : chat.room->messages()) {
     visitorTexts.push_back(message->message().value_or(""));
   }
   const int visitorLines = static_cast<int>(chat.visitorWritten.size());
-  report.visitorToOperator = count(operatorTexts, "v-", visitorLines);
-  report.operatorToVisitor =
-      count(visitorTexts, "o-", static_cast<int>(chat.operatorWritten.size()));
-  report.visitorEchoes = count(visitorTexts, "v-", visitorLines);
+  const int operatorLines = static_cast<int>(chat.operatorWritten.size());
+  const auto& faults = chat.faults;
+  report.visitorToOperator = count(operatorTexts, operatorArrivals, faults, "v-", visitorLines);
+  report.operatorToVisitor = count(visitorTexts, chat.visitorArrivals, faults, "o-", operatorLines);
+  report.visitorEchoes = count(visitorTexts, chat.visitorArrivals, faults, "v-", visitorLines);
   report.faults = chat.faults;
   return report;
 }

@@ -42,8 +42,9 @@ bool RejoiningOperator::login() {
          runMainQueueUntil([this] { return authenticated_; });
 }
 
-void RejoiningOperator::join() {
+void RejoiningOperator::join(std::function<bool()> mayJoin) {
   wantsRoom_ = true;
+  mayJoin_ = std::move(mayJoin);
   if (!room_) {
     room_ = std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
                                              roomJID_, DispatchQueue::main());
@@ -54,14 +55,14 @@ void RejoiningOperator::join() {
     // The server says nothing we would hear when it refuses a join (a room made again after a
     // restart is locked until its maker configures it): try again while out.
     std::weak_ptr<RejoiningOperator> weak = weak_from_this();
-    joinRetry_ = Timer::scheduledTimer(DispatchQueue::main(), 1s, true, [weak](Timer&) {
+    joinRetry_ = Timer::scheduledTimer(DispatchQueue::main(), 250ms, true, [weak](Timer&) {
       const auto self = weak.lock();
-      if (self && self->authenticated_ && !self->joined_) {
+      if (self && self->authenticated_ && !self->joined_ && self->mayJoin_()) {
         self->sendJoin();
       }
     });
   }
-  if (authenticated_) {
+  if (authenticated_ && mayJoin_()) {
     sendJoin();
   }
 }
@@ -121,7 +122,7 @@ void RejoiningOperator::xmppStreamDidConnect(xmpp::XMPPStream& sender) {
 void RejoiningOperator::xmppStreamDidAuthenticate(xmpp::XMPPStream& sender) {
   authenticated_ = true;
   sender.sendElement(xmpp::XMPPPresence());
-  if (wantsRoom_) {
+  if (wantsRoom_ && mayJoin_()) {
     sendJoin();
   }
 }

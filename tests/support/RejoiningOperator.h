@@ -54,8 +54,9 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
 
   /// Connects and logs in; false when that failed within the patience of the tests.
   bool login();
-  /// Joins the room, now and after every reconnect.
-  void join();
+  /// Joins the room, now and after every reconnect, whenever `mayJoin` answers true (checked
+  /// a few times a second while out).
+  void join(std::function<bool()> mayJoin = [] { return true; });
   [[nodiscard]] bool isJoined() const { return joined_ && !catchingUp_; }
   /// Sends `text` with `text` as its "id" attribute, once joined, until the room echoes it.
   void say(const std::string& text);
@@ -90,6 +91,7 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
   std::shared_ptr<xmpp::XMPPReconnect> reconnect_;
   std::shared_ptr<xmpp::XMPPRoom> room_;
   std::shared_ptr<xmpp::XMPPRoomArchive> archive_;
+  std::function<bool()> mayJoin_;
   std::shared_ptr<Timer> joinRetry_;
   std::shared_ptr<Timer> fetchRetry_;
   bool authenticated_ = false;
