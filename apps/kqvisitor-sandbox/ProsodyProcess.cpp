@@ -142,10 +142,11 @@ void ProsodyProcess::writeConfiguration() const {
          << "c2s_require_encryption = false\n"
          << "allow_unencrypted_plain_auth = true\n"
          << "authentication = \"kq_visitor\"\n"
-         // Everything in memory but the rooms' archive, kept in data/ so that it outlives a
-         // restart of the server: a room's members catch up on what they missed from it.
+         // Everything in memory but the rooms and their archive, kept in data/ so that they
+         // outlive a restart of the server: a room's members catch up on what they missed.
          << "default_storage = \"memory\"\n"
-         << "storage = { muc_log = \"internal\" }\n"
+         << "storage = { muc_log = \"internal\", persistent = \"internal\", "
+            "config = \"internal\", state = \"internal\" }\n"
          << "kq_accounts = {\n"
          << accounts.str() << "}\n";
   if (options_.tls) {
@@ -156,6 +157,9 @@ void ProsodyProcess::writeConfiguration() const {
   }
   config << "\nVirtualHost \"localhost\"\n\nComponent \"conference.localhost\" \"muc\"\n"
          << "  restrict_room_creation = false\n"
+         // A room that empties (every server stops so) would be destroyed, and its archive
+         // with it: chat rooms persist until they are destroyed on purpose.
+         << "  muc_room_default_persistent = true\n"
          << "  modules_enabled = { \"muc_mam\" }\n";
   if (!config) {
     throw std::runtime_error("cannot write the XMPP server's configuration in " + folder.string());
