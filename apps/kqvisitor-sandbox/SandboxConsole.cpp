@@ -76,9 +76,7 @@ struct SandboxConsole::Impl {
   bool secure = false;
   kq::Mutex mutex;
   std::map<std::string, std::string> sessions KQ_GUARDED_BY(mutex);  // token: operator id
-  // Per chat, the last line the operator has seen at the console.
-  std::map<std::string, std::int64_t> seen KQ_GUARDED_BY(mutex);
-  std::uint64_t version KQ_GUARDED_BY(mutex) = 0;  // grows with every change
+  std::uint64_t version KQ_GUARDED_BY(mutex) = 0;                    // grows with every change
   bool stopping KQ_GUARDED_BY(mutex) = false;
   int streams KQ_GUARDED_BY(mutex) = 0;  // live streams open
   std::condition_variable changes;
@@ -174,22 +172,12 @@ struct SandboxConsole::Impl {
 
   Json chats(const SandboxOperator& person) {
     Json list = Json::array();
-    for (const auto& chat : store.chatsOf(person.id)) {
-      const auto lines = store.messages(chat.id);
-      std::int64_t seenUpTo = 0;
-      {
-        kq::MutexLock lock(mutex);
-        seenUpTo = seen[chat.id];
-      }
-      const auto unread = std::count_if(lines.begin(), lines.end(), [&](const auto& line) {
-        return line.sender == "visitor" && line.id > seenUpTo;
-      });
-      const auto website = store.websiteById(chat.websiteId);
+    for (const auto& [chat, website, lastLine, unread] : store.chatsOf(person.id)) {
       list.push_back({{"id", chat.id},
                       {"visitor", chat.visitorName},
-                      {"website", website ? website->domain : chat.websiteId},
+                      {"website", website},
                       {"started", chat.started},
-                      {"lastLine", lines.empty() ? "" : lines.back().text},
+                      {"lastLine", lastLine},
                       {"unread", unread},
                       {"ended", chat.ended}});
     }
@@ -204,12 +192,7 @@ struct SandboxConsole::Impl {
           {{"id", line.id}, {"sender", line.sender}, {"text", line.text}, {"at", line.at}});
       last = line.id;
     }
-    bool newlySeen = false;
-    {
-      kq::MutexLock lock(mutex);
-      newlySeen = std::exchange(seen[chat.id], last) != last;
-    }
-    if (newlySeen) {
+    if (store.markSeen(chat.id, last)) {
       changed();  // the unread counts
     }
     const auto person = store.operatorById(chat.operatorId);
@@ -281,7 +264,12 @@ struct SandboxConsole::Impl {
 
 SandboxConsole::SandboxConsole(SandboxStore& store, SayOverXMPP say, Log log)
     : impl_(std::make_shared<Impl>(store, std::move(say), std::move(log))) {
-  store.setChangeListener([impl = impl_.get()] { impl->changed(); });
+  // Weak: a change reported on another thread while the console goes away must not reach it.
+  store.setChangeListener([weak = std::weak_ptr<Impl>(impl_)] {
+    if (const auto impl = weak.lock()) {
+      impl->changed();
+    }
+  });
 }
 
 SandboxConsole::~SandboxConsole() {

@@ -29,7 +29,8 @@ CREATE TABLE IF NOT EXISTS greetings (
 CREATE TABLE IF NOT EXISTS chats (
   id INTEGER PRIMARY KEY, website_id TEXT NOT NULL, visitor_id TEXT NOT NULL,
   operator_id TEXT NOT NULL, visitor_name TEXT NOT NULL, opening TEXT NOT NULL,
-  survey TEXT NOT NULL, ended INTEGER NOT NULL DEFAULT 0, started REAL NOT NULL DEFAULT 0);
+  survey TEXT NOT NULL, ended INTEGER NOT NULL DEFAULT 0, started REAL NOT NULL DEFAULT 0,
+  seen_up_to INTEGER NOT NULL DEFAULT 0);
 CREATE TABLE IF NOT EXISTS messages (
   id INTEGER PRIMARY KEY, chat_id TEXT NOT NULL, sender TEXT NOT NULL, text TEXT NOT NULL,
   at REAL NOT NULL DEFAULT 0);
@@ -104,10 +105,11 @@ SandboxStore::SandboxStore(const std::string& path, const SandboxFixture& fixtur
   try {
     execute("PRAGMA journal_mode=WAL");
     execute(kSchema);
-    // Databases made before lines and chats had times get the columns (0 for old rows); where
-    // a column is there already, its statement fails and changes nothing.
-    for (const char* column : {"chats ADD COLUMN started", "messages ADD COLUMN at"}) {
-      sqlite3_exec(db_, ("ALTER TABLE " + std::string(column) + " REAL NOT NULL DEFAULT 0").c_str(),
+    // Databases made before lines and chats had times and read markers get the columns (0 for
+    // old rows); where a column is there already, its statement fails and changes nothing.
+    for (const char* column : {"chats ADD COLUMN started REAL", "messages ADD COLUMN at REAL",
+                               "chats ADD COLUMN seen_up_to INTEGER"}) {
+      sqlite3_exec(db_, ("ALTER TABLE " + std::string(column) + " NOT NULL DEFAULT 0").c_str(),
                    nullptr, nullptr, nullptr);
     }
     Statement seeded(db_, "SELECT value FROM meta WHERE key = 'stamp'");
@@ -318,16 +320,33 @@ std::optional<SandboxChat> SandboxStore::chat(const std::string& chatId) {
   return chatOf(query);
 }
 
-std::vector<SandboxChat> SandboxStore::chatsOf(const std::string& operatorId) {
+std::vector<SandboxChatSummary> SandboxStore::chatsOf(const std::string& operatorId) {
   kq::MutexLock lock(mutex_);
-  Statement query(db_,
-                  (std::string(kChatColumns) + "WHERE operator_id = ? ORDER BY id DESC").c_str());
+  // One query for the whole list: it is read again on every change while a console is open.
+  Statement query(db_, R"(
+SELECT c.id, c.website_id, c.visitor_id, c.operator_id, c.ended, c.visitor_name, c.started,
+  COALESCE(w.domain, c.website_id),
+  COALESCE((SELECT text FROM messages m WHERE m.chat_id = c.id ORDER BY m.id DESC LIMIT 1), ''),
+  (SELECT COUNT(*) FROM messages m
+    WHERE m.chat_id = c.id AND m.sender = 'visitor' AND m.id > c.seen_up_to)
+FROM chats c LEFT JOIN websites w ON w.id = c.website_id
+WHERE c.operator_id = ? ORDER BY c.id DESC)");
   query.bind(1, operatorId);
-  std::vector<SandboxChat> chats;
+  std::vector<SandboxChatSummary> chats;
   while (query.step()) {
-    chats.push_back(chatOf(query));
+    chats.push_back({chatOf(query), query.text(7), query.text(8), query.number(9)});
   }
   return chats;
+}
+
+bool SandboxStore::markSeen(const std::string& chatId, std::int64_t upTo) {
+  kq::MutexLock lock(mutex_);
+  Statement(db_, "UPDATE chats SET seen_up_to = ? WHERE id = ? AND seen_up_to <> ?")
+      .bind(1, upTo)
+      .bind(2, chatId)
+      .bind(3, upTo)
+      .step();
+  return sqlite3_changes(db_) > 0;
 }
 
 std::vector<SandboxMessage> SandboxStore::messages(const std::string& chatId) {

@@ -37,6 +37,14 @@ struct SandboxMessage {
   double at = 0;  ///< seconds since 1970; 0 for a line kept before times were
 };
 
+/// A chat as the operator console lists it.
+struct SandboxChatSummary {
+  SandboxChat chat;
+  std::string website;      ///< its domain
+  std::string lastLine;     ///< empty before the first line
+  std::int64_t unread = 0;  ///< visitor lines after the operator's read marker
+};
+
 /// The sandbox's data in one SQLite database: websites and operators (from the fixture), the
 /// visitors, chats and messages the service records, offline messages and uploaded files.
 /// Every method may be called from any thread (one connection behind a mutex). Methods throw
@@ -79,7 +87,9 @@ class SandboxStore {
   /// The chat's lines, oldest first.
   [[nodiscard]] std::vector<SandboxMessage> messages(const std::string& chatId);
   /// The chats of `operatorId`, newest first.
-  [[nodiscard]] std::vector<SandboxChat> chatsOf(const std::string& operatorId);
+  [[nodiscard]] std::vector<SandboxChatSummary> chatsOf(const std::string& operatorId);
+  /// Moves the operator's read marker of `chatId` to line `upTo`; whether it moved.
+  bool markSeen(const std::string& chatId, std::int64_t upTo);
   /// Whether the operator takes chats; the pre-chat check offers only those who do.
   void setOperatorOnline(const std::string& operatorId, bool online);
   /// Whether a person answers for the operator at the console (the script stays quiet then).
