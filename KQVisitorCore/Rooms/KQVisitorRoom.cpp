@@ -9,6 +9,7 @@
 #include <KQVisitorCore/Platform/KQVisitorConfig.h>
 #include <KQVisitorCore/Platform/Log.h>
 #include <KQVisitorCore/Platform/NotificationCenter.h>
+#include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/Platform/UserDefaults.h>
 #include <KQVisitorCore/Platform/detail/Guarded.h>
 #include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
@@ -35,6 +36,8 @@ constexpr Clock::Duration kIdleRemovalDelay = 4s;
 // and ours may differ, and what comes twice is known again. Also how far apart two arrival
 // times of one stanza may be when nothing else tells them apart.
 constexpr double kClockAllowance = 60.0;
+// After the n-th refused join in a row, the next try waits 2^(n-1) s, at most this.
+constexpr Clock::Duration kLongestJoinRetry = 16s;
 
 std::optional<std::string> siteIdOf(const std::shared_ptr<KQVisitorSite>& site) {
   return site ? site->siteId() : std::nullopt;
@@ -110,11 +113,14 @@ struct KQVisitorRoom::State {
   Date joinedAt;
   std::vector<ReceivedStanza> received;
   CatchUpListener catchUpListener;
+  int refusedJoins = 0;  // in a row
+  std::shared_ptr<Timer> joinRetry;
 };
 
 KQVisitorRoom::KQVisitorRoom() : state_(std::make_unique<Guarded<State>>()) {}
 
 KQVisitorRoom::~KQVisitorRoom() {
+  stopJoinRetry();
   if (const auto room = xmppRoom()) {
     if (room->isJoined()) {
       room->leaveRoom();
@@ -460,6 +466,7 @@ void KQVisitorRoom::closeRoomSession() {
 }
 
 void KQVisitorRoom::leaveAndRemoveDelegates() {
+  stopJoinRetry();
   if (const auto xmpp = state_->get(&State::xmpp)) {
     xmpp->leave();
   }
@@ -713,9 +720,11 @@ void KQVisitorRoom::xmppRoomDidJoin(xmpp::XMPPRoom& sender) {
     clearAllMessages();
     addOperatorGreetingMessage();
   }
+  stopJoinRetry();
   const auto catchUp = state_->with([](State& state) {
     state.isRoomJoined = true;
     state.isRoomJoininng = false;
+    state.refusedJoins = 0;
     return state.catchUp;
   });
   if (catchUp) {
@@ -728,6 +737,46 @@ void KQVisitorRoom::xmppRoomDidLeave(xmpp::XMPPRoom& sender) {
   log("xmppRoomDidLeave : ", describeRoom(sender));
   if (const auto catchUp = state_->get(&State::catchUp)) {
     catchUp->roomDidLeave();
+  }
+}
+
+void KQVisitorRoom::xmppRoomDidNotJoin(xmpp::XMPPRoom& sender, const xmpp::XMPPPresence& error) {
+  if (const auto catchUp = state_->get(&State::catchUp)) {
+    catchUp->roomDidLeave();  // as for a leave: it ends, and the next try starts another
+  }
+  const auto reason = error.elementForName("error");
+  const auto condition = reason && !reason->children().empty() ? reason->children().front().name()
+                                                               : std::string("no reason given");
+  const auto wait = state_->with([](State& state) -> std::optional<Clock::Duration> {
+    if (state.isRoomDestroyed || !state.roomId || state.joinRetry) {
+      return std::nullopt;
+    }
+    const auto next = std::min<Clock::Duration>(
+        std::chrono::seconds(1 << std::min(state.refusedJoins, 4)), kLongestJoinRetry);
+    ++state.refusedJoins;
+    return next;
+  });
+  log("xmppRoomDidNotJoin : ", describeRoom(sender), " (", condition, ")");
+  if (!wait) {
+    return;
+  }
+  auto timer = Timer::scheduledTimer(
+      DispatchQueue::main(), *wait, false, [weak = weak_from_this()](Timer& fired) {
+        fired.invalidate();
+        if (const auto self = weak.lock()) {
+          self->state_->with([](State& state) { state.joinRetry.reset(); });
+          if (!self->isRoomDestroyed()) {
+            self->connect();
+          }
+        }
+      });
+  state_->with([&timer](State& state) { state.joinRetry = std::move(timer); });
+}
+
+void KQVisitorRoom::stopJoinRetry() {
+  if (const auto timer =
+          state_->with([](State& state) { return std::exchange(state.joinRetry, {}); })) {
+    timer->invalidate();
   }
 }
 

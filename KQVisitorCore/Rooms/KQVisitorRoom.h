@@ -72,6 +72,13 @@ enum KQRoomUpdateStatus : std::int64_t {
 /// said in between. When the catch-up has finished, the catch-up listener hears which stanzas
 /// came back.
 ///
+/// A refused join (the server's error presence: a nickname still held by the visitor's lost
+/// session, a room not yet unlocked after the server re-created it…) is tried again after 1, 2,
+/// 4, 8 and then every 16 s, each try announced as a new status 4, until the room is joined or
+/// closed. Without it such a room would stay "joining" for good. And when the room answers a
+/// line with "not-acceptable" (it no longer has the visitor, and never said so), the room counts
+/// as left before the error is handled, so that the rejoin the error asks for is made.
+///
 /// A room can be filed in RoomsManager as it is; it answers none of the registry's usage flags,
 /// so the registry's group removals refuse it (RoomsManager::UndefinedKey).
 ///
@@ -362,6 +369,7 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   void xmppRoomDidCreate(xmpp::XMPPRoom& sender) override;
   void xmppRoomDidJoin(xmpp::XMPPRoom& sender) override;
   void xmppRoomDidLeave(xmpp::XMPPRoom& sender) override;
+  void xmppRoomDidNotJoin(xmpp::XMPPRoom& sender, const xmpp::XMPPPresence& error) override;
   void xmppRoomDidDestroy(xmpp::XMPPRoom& sender) override;
   void xmppRoomDidFailToDestroy(xmpp::XMPPRoom& sender, const xmpp::XMPPIQ& iqError) override;
   void xmppRoomDidReceiveMessage(xmpp::XMPPRoom& sender, const xmpp::XMPPMessage& message,
@@ -374,6 +382,7 @@ class KQ_EXPORT KQVisitorRoom : public std::enable_shared_from_this<KQVisitorRoo
   // Polls as joinHTTPRoom() does, for the chat's start: nothing when the room polls already.
   void startPolling();
   void leaveAndRemoveDelegates();
+  void stopJoinRetry();
   // closeRoom() in parts: the HTTP poller stops; the site's table is emptied and the site
   // forgotten, then the room is left and the delegates removed.
   void stopHTTPPolling();

@@ -27,6 +27,12 @@ bool hasStatusCode(const XMPPPresence& presence, int code) {
   return false;
 }
 
+// The room's refusal of a message from someone who is not an occupant.
+bool isNotOccupant(const XMPPMessage& error) {
+  const auto reason = error.elementForName("error");
+  return reason && reason->elementForName("not-acceptable", kXMPPStanzasNamespace).has_value();
+}
+
 }  // namespace
 
 XMPPRoomDelegate::~XMPPRoomDelegate() = default;
@@ -209,7 +215,12 @@ void XMPPRoom::streamDidReceivePresence(const XMPPPresence& presence) {
   }
   const bool unavailable = presence.type() == "unavailable";
   if (presence.type() == "error") {
-    return;  // a refused join: we never were in the room
+    if (!isJoined()) {  // a refused join: we never were in the room
+      notify([presence](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
+        delegate.xmppRoomDidNotJoin(sender, presence);
+      });
+    }
+    return;
   }
   const bool changed = state_->with([unavailable](State& state) {
     if (unavailable != state.joined) {
@@ -245,6 +256,11 @@ void XMPPRoom::streamDidReceiveMessage(const XMPPMessage& message) {
   }
   if (!isError) {
     storage_->handleIncomingMessage(message, roomJID_);
+  } else if (isNotOccupant(message) &&
+             state_->with([](State& state) { return std::exchange(state.joined, false); })) {
+    // The room no longer has us, though it never said so (it lost us in a restart of its own,
+    // say): we are out, and whoever rejoins on this message can.
+    notify([](XMPPRoomDelegate& delegate, XMPPRoom& sender) { delegate.xmppRoomDidLeave(sender); });
   }
   notify([message, occupant = *from](XMPPRoomDelegate& delegate, XMPPRoom& sender) {
     delegate.xmppRoomDidReceiveMessage(sender, message, occupant);

@@ -4,6 +4,7 @@
 #include <KQVisitorCore/XMPP/XMPPIQ.h>
 #include <KQVisitorCore/XMPP/XMPPJID.h>
 #include <KQVisitorCore/XMPP/XMPPMessage.h>
+#include <KQVisitorCore/XMPP/XMPPPresence.h>
 
 namespace kq::xmpp {
 
@@ -22,8 +23,12 @@ class KQ_EXPORT XMPPRoomDelegate {
   virtual void xmppRoomDidCreate(XMPPRoom& /*sender*/) {}
   /// We are in the room.
   virtual void xmppRoomDidJoin(XMPPRoom& /*sender*/) {}
-  /// We are out of the room (we left, were removed, the room was destroyed, or the stream
-  /// disconnected while we were in it).
+  /// The room refused our join: `error` is its error presence (a nickname in use, a room
+  /// that is locked or members-only…). We are not in the room; nothing is tried again.
+  virtual void xmppRoomDidNotJoin(XMPPRoom& /*sender*/, const XMPPPresence& /*error*/) {}
+  /// We are out of the room (we left, were removed, the room was destroyed, the stream
+  /// disconnected while we were in it, or the room refused a message of ours as from someone
+  /// who is not an occupant, "not-acceptable", which it then hands to the message event too).
   virtual void xmppRoomDidLeave(XMPPRoom& /*sender*/) {}
   /// The room was destroyed at our request.
   virtual void xmppRoomDidDestroy(XMPPRoom& /*sender*/) {}

@@ -14,7 +14,9 @@
 #include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
 #include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
 #include "tests/support/PostedNotifications.h"
@@ -241,6 +243,48 @@ TEST_F(KQVisitorRoomProsodyTest, AfterAnErrorFromTheRoomOrAServerRestartTheRoomI
   EXPECT_TRUE(room->sendMessage("back again"));
   ASSERT_TRUE(runMainQueueUntil([&] { return statuses.back() == KQRoomUpdateOwnMessage; }));
   EXPECT_EQ(room->lastMessage()->message(), "back again");
+}
+
+TEST_F(KQVisitorRoomProsodyTest, ARefusedJoinIsTriedAgainUntilTheRoomTakesTheVisitor) {
+  const auto room = startChat("79");
+  ASSERT_TRUE(room);
+  const test::LogCapture logs;
+  const auto refusals = [&logs] {
+    const auto lines = logs.lines();
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+      return line.find("xmppRoomDidNotJoin") != std::string::npos &&
+             line.find("(conflict)") != std::string::npos;
+    });
+  };
+  // The visitor out of the room, and its nickname taken meanwhile, as by a session of its own
+  // that the server has not let go yet: the rejoin is refused.
+  room->xmppRoom()->leaveRoom();
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isRoomJoininng(); }));
+  const auto squatter =
+      std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+                                       room->xmppRoom()->roomJID(), DispatchQueue::main());
+  squatter->addDelegate(operatorEvents, DispatchQueue::main());
+  squatter->activate(agent->stream);
+  squatter->joinRoomUsingNickname("Ann", std::nullopt);
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didJoin") == 1; }));
+  statuses.clear();
+  room->connect();
+  ASSERT_TRUE(runMainQueueUntil([&] { return refusals() == 1; }));
+  EXPECT_EQ(statuses, std::vector<std::int64_t>{KQRoomUpdateJoining});
+
+  clock->advance(1s);  // the first try again, refused too
+  ASSERT_TRUE(runMainQueueUntil([&] { return refusals() == 2; }));
+  EXPECT_EQ(statuses, (std::vector<std::int64_t>{KQRoomUpdateJoining, KQRoomUpdateJoining}));
+  EXPECT_FALSE(room->isConnected());
+
+  squatter->leaveRoom();
+  ASSERT_TRUE(runMainQueueUntil([&] { return operatorEvents->count("didLeave") == 1; }));
+  clock->advance(2s);  // the second waits longer
+  ASSERT_TRUE(runMainQueueUntil([&] { return room->isConnected() && !room->isRoomJoininng(); }));
+  EXPECT_EQ(refusals(), 2);
+  EXPECT_TRUE(room->sendMessage("in again"));
+  ASSERT_TRUE(runMainQueueUntil([&] { return statuses.back() == KQRoomUpdateOwnMessage; }));
+  squatter->deactivate();
 }
 
 TEST_F(KQVisitorRoomProsodyTest, StartingAChatByIdAnswersOnceTheRoomIsJoined) {
