@@ -25,8 +25,6 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kCookie = "kqconsole";
-// A live stream says something this often, so that a closed page is noticed and let go of.
-constexpr auto kKeepAlive = std::chrono::seconds(15);
 // Each live stream holds one of the web server's few threads: more would starve the service.
 constexpr int kMostStreams = 4;
 
@@ -73,16 +71,19 @@ struct SandboxConsole::Impl {
   SandboxStore& store;
   SayOverXMPP say;
   Log log;
+  // A live stream says something this often, so that a closed page is noticed and let go of.
+  std::chrono::milliseconds keepAlive;
   bool secure = false;
   kq::Mutex mutex;
   std::map<std::string, std::string> sessions KQ_GUARDED_BY(mutex);  // token: operator id
   std::uint64_t version KQ_GUARDED_BY(mutex) = 0;                    // grows with every change
   bool stopping KQ_GUARDED_BY(mutex) = false;
-  int streams KQ_GUARDED_BY(mutex) = 0;  // live streams open
+  int streams KQ_GUARDED_BY(mutex) = 0;                     // live streams open
+  std::map<std::string, int> pagesOf KQ_GUARDED_BY(mutex);  // operator id: its live streams
   std::condition_variable changes;
 
-  Impl(SandboxStore& store_, SayOverXMPP say_, Log log_)
-      : store(store_), say(std::move(say_)), log(std::move(log_)) {}
+  Impl(SandboxStore& store_, SayOverXMPP say_, Log log_, std::chrono::milliseconds keepAlive_)
+      : store(store_), say(std::move(say_)), log(std::move(log_)), keepAlive(keepAlive_) {}
 
   void changed() {
     {
@@ -219,7 +220,10 @@ struct SandboxConsole::Impl {
     return std::nullopt;
   }
 
-  void stream(httplib::Response& response) {
+  // The live stream of a page of `operatorId`. While the operator has one open the script
+  // stays quiet; when the last one ends (the page was closed, which the next write notices)
+  // the script answers again, as after a sign-out, until a page of the operator comes back.
+  void stream(const std::string& operatorId, httplib::Response& response) {
     {
       kq::MutexLock lock(mutex);
       if (streams >= kMostStreams) {
@@ -229,7 +233,9 @@ struct SandboxConsole::Impl {
         return;
       }
       ++streams;
+      ++pagesOf[operatorId];
     }
+    store.setAtConsole(operatorId, true);
     response.set_header("Cache-Control", "no-cache");
     response.set_chunked_content_provider(
         "text/event-stream",
@@ -238,7 +244,7 @@ struct SandboxConsole::Impl {
           {
             kq::MutexLock lock(mutex);
             if (!first) {
-              lock.waitUntil(changes, std::chrono::steady_clock::now() + kKeepAlive);
+              lock.waitUntil(changes, std::chrono::steady_clock::now() + keepAlive);
             }
             if (stopping) {
               sink.done();
@@ -255,15 +261,24 @@ struct SandboxConsole::Impl {
           static constexpr std::string_view kEvent = "event: changed\ndata: {}\n\n";
           return sink.write(kEvent.data(), kEvent.size());
         },
-        [this](bool /*success*/) {
-          kq::MutexLock lock(mutex);
-          --streams;
+        [this, operatorId](bool /*success*/) {
+          bool gone = false;
+          {
+            kq::MutexLock lock(mutex);
+            --streams;
+            gone = --pagesOf[operatorId] == 0 && !stopping;
+          }
+          if (gone) {
+            store.setAtConsole(operatorId, false);
+            log("console: no page of operator " + operatorId + " is open; its script answers");
+          }
         });
   }
 };
 
-SandboxConsole::SandboxConsole(SandboxStore& store, SayOverXMPP say, Log log)
-    : impl_(std::make_shared<Impl>(store, std::move(say), std::move(log))) {
+SandboxConsole::SandboxConsole(SandboxStore& store, SayOverXMPP say, Log log,
+                               std::chrono::milliseconds keepAlive)
+    : impl_(std::make_shared<Impl>(store, std::move(say), std::move(log), keepAlive)) {
   // Weak: a change reported on another thread while the console goes away must not reach it.
   store.setChangeListener([weak = std::weak_ptr<Impl>(impl_)] {
     if (const auto impl = weak.lock()) {
@@ -379,8 +394,8 @@ void SandboxConsole::mount(httplib::Server& server, bool secure) {
               });
   server.Get("/console/api/events",
              [impl](const httplib::Request& request, httplib::Response& response) {
-               if (impl->operatorOf(request, response)) {
-                 impl->stream(response);
+               if (const auto person = impl->operatorOf(request, response)) {
+                 impl->stream(person->id, response);
                }
              });
 }

@@ -2,6 +2,7 @@
 
 #include "SandboxStore.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -35,7 +36,10 @@ class SandboxConsole {
                                              const std::string& chatId, const std::string& text)>;
   using Log = std::function<void(const std::string& line)>;
 
-  SandboxConsole(SandboxStore& store, SayOverXMPP say, Log log);
+  /// A live page hears from the console at least every `keepAlive`; a page closed is noticed
+  /// by its next write, and with the last page of an operator gone its script answers again.
+  SandboxConsole(SandboxStore& store, SayOverXMPP say, Log log,
+                 std::chrono::milliseconds keepAlive = std::chrono::seconds(15));
   ~SandboxConsole();
   SandboxConsole(const SandboxConsole&) = delete;
   SandboxConsole& operator=(const SandboxConsole&) = delete;

@@ -36,7 +36,7 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kUsage =
     "usage: kqvisitor-sandbox [--data DIR] [--fixture FILE] [--port PORT] [--xmpp-port PORT] "
-    "[--poll-interval SECONDS] [--plain] [--operator-console]";
+    "[--poll-interval SECONDS] [--console-keepalive SECONDS] [--plain] [--operator-console]";
 
 struct Options {
   std::optional<std::string> data;
@@ -44,6 +44,7 @@ struct Options {
   int port = 0;
   int xmppPort = 0;
   double pollInterval = 2.0;
+  double consoleKeepAlive = 15.0;
   bool plain = false;
   bool operatorConsole = false;
 };
@@ -63,6 +64,8 @@ void printHelp() {
       << "  --port PORT            serve HTTP on PORT (default: a free port)\n"
       << "  --xmpp-port PORT       run the XMPP server on PORT (default: a free port)\n"
       << "  --poll-interval SECS   the library's HTTP poll interval written to the settings\n"
+      << "  --console-keepalive SECS  how often an open console page hears from the sandbox\n"
+      << "                         (default 15); a closed page is noticed by then\n"
       << "  --plain                serve plain HTTP and XMPP without TLS; by default both use\n"
       << "                         a certificate the sandbox makes (its authority: "
          "DIR/tls/ca.pem)\n\n"
@@ -98,11 +101,11 @@ std::optional<std::string> parse(const std::vector<std::string>& arguments, Opti
         return name + " takes a port from 0 to 65535, not \"" + value + "\"";
       }
       (name == "--port" ? options.port : options.xmppPort) = static_cast<int>(port);
-    } else if (name == "--poll-interval") {
-      options.pollInterval = std::strtod(value.c_str(), &end);
-      if (value.empty() || *end != '\0' || !(options.pollInterval > 0) ||
-          options.pollInterval > 3600) {
-        return "--poll-interval takes seconds above 0 and at most 3600, not \"" + value + "\"";
+    } else if (name == "--poll-interval" || name == "--console-keepalive") {
+      double& seconds = name == "--poll-interval" ? options.pollInterval : options.consoleKeepAlive;
+      seconds = std::strtod(value.c_str(), &end);
+      if (value.empty() || *end != '\0' || !(seconds > 0) || seconds > 3600) {
+        return name + " takes seconds above 0 and at most 3600, not \"" + value + "\"";
       }
     } else {
       return "unknown argument \"" + name + "\"";
@@ -347,7 +350,9 @@ int main(int argc, char** argv) {
               },
               kqsandbox::SandboxConsole::Delivery::NotInRoom);
         },
-        logLine);
+        logLine,
+        std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::duration<double>(options.consoleKeepAlive)));
     kqsandbox::SandboxServer server(store, script, https, logLine);
     server.mountConsole(console);
     server.start(options.port);

@@ -1,7 +1,7 @@
 """The sandbox's operator console in a real browser (headless Chromium through Selenium), with
 kqvisitor-chat as the visitor: sign in, see the visitor's chat appear, answer it over XMPP and
 over HTTP, see the visitor's lines live and an upload inline, end the chat; a wrong password;
-markup from a visitor shown as text.
+markup from a visitor shown as text; the script answering again once the page is closed.
 
 Run by CTest with KQ_SANDBOX and KQ_CHAT_TOOL naming the programs. With KQ_CONSOLE_SCREENSHOT
 set, the XMPP chat leaves a screenshot of the console mid-chat at that path.
@@ -94,7 +94,8 @@ class Child:
 class ConsoleTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="kqconsole-")
-        self.sandbox = Child([SANDBOX, "--data", self.folder, "--poll-interval", "0.05"])
+        self.sandbox = Child([SANDBOX, "--data", self.folder, "--poll-interval", "0.05",
+                              "--console-keepalive", "0.5"])
         address = self.sandbox.wait_for(lambda line: "operator console on " in line, "the console")
         self.console = address.split("operator console on ")[1].split(" ")[0]
         self.sandbox.wait_for(lambda line: line.endswith(" ready"), "ready")
@@ -240,6 +241,23 @@ class ConsoleTest(unittest.TestCase):
                                 timeout=PATIENCE)
         self.assertEqual(result.returncode, 1, result.stdout)
         self.assertIn("No operator is online", result.stderr)
+
+    def test_the_script_answers_again_once_the_operators_page_is_closed(self):
+        self.sign_in("42", "secret")
+        self.until(lambda: self.browser.find_element(By.ID, "desk").is_displayed(), "the desk")
+        # The console's tab closed without signing out (another tab keeps the browser open).
+        console = self.browser.current_window_handle
+        self.browser.switch_to.new_window("tab")
+        other = self.browser.current_window_handle
+        self.browser.switch_to.window(console)
+        self.browser.close()
+        self.browser.switch_to.window(other)
+        self.sandbox.wait_for(lambda line: "no page of operator 42 is open" in line,
+                              "the closed page noticed")
+        visitor = self.visitor("--http")
+        visitor.send("Anyone there?")
+        visitor.wait_for(lambda line: line.startswith('{"event":"message"') and
+                         json.loads(line)["sender"] == "Omar", "the script's answer")
 
 
 if __name__ == "__main__":
