@@ -23,15 +23,6 @@ using kq::test::ChatSurvival;
 using Kind = ChatSurvival::FaultKind;
 using namespace std::chrono_literals;
 
-const char* nameOf(Kind kind) {
-  switch (kind) {
-    case Kind::Reset: return "reset";
-    case Kind::SilentDrop: return "silent drop";
-    case Kind::Restart: return "restart";
-  }
-  return "?";
-}
-
 std::string seconds(const std::optional<ChatSurvival::Seconds>& duration) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f s", duration ? duration->count() : 0.0);
@@ -39,8 +30,9 @@ std::string seconds(const std::optional<ChatSurvival::Seconds>& duration) {
 }
 
 void printDirection(const char* name, const ChatSurvival::Direction& direction) {
-  std::printf("%-24s %6d %8d %6d %11d %13d\n", name, direction.sent, direction.arrived,
-              direction.lost, direction.duplicated, direction.outOfOrder);
+  std::printf("%-24s %6d %8d %6d %11d %13d\n", name, direction.sent,
+              direction.sent - direction.lost, direction.lost, direction.duplicated,
+              direction.outOfOrder);
   for (std::size_t i = 0; i < direction.problems.size() && i < 20; ++i) {
     std::printf("    %s\n", direction.problems[i].c_str());
   }
@@ -165,7 +157,7 @@ int main(int argc, char** argv) {
   }
   std::printf("\nflowing again after\n");
   for (const Kind kind : {Kind::Reset, Kind::SilentDrop, Kind::Restart}) {
-    std::printf("  %-12s %s\n", nameOf(kind), spread(recovery[kind]).c_str());
+    std::printf("  %-12s %s\n", ChatSurvival::nameOf(kind), spread(recovery[kind]).c_str());
   }
   if (unhealed > 0) {
     std::printf("  %d faults never healed within 120 s\n", unhealed);

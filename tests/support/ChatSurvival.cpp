@@ -9,26 +9,36 @@
 #include <KQVisitorCore/Platform/Timer.h>
 #include <KQVisitorCore/Rooms/KQVisitorOutbox.h>
 #include <KQVisitorCore/Rooms/KQVisitorRoom.h>
+#include <KQVisitorCore/Rooms/XMPPMessage+KQVisitor.h>
+#include <KQVisitorCore/Rooms/XMPPRoom+KQVisitor.h>
 #include <KQVisitorCore/Session/KQVisitorSitesManager.h>
+#include <KQVisitorCore/XMPP/XMPPPlainAuthentication.h>
+#include <KQVisitorCore/XMPP/XMPPPresence.h>
 #include <KQVisitorCore/XMPP/XMPPReconnect.h>
-#include <KQVisitorCore/XMPP/XMPPStreamDelegate.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomArchive.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
 #include "tests/support/PostedNotifications.h"
 #include "tests/support/ProsodyServer.h"
-#include "tests/support/RejoiningOperator.h"
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
+#include <deque>
+#include <future>
 #include <map>
 #include <set>
-#include <thread>
 
 namespace kq::test {
 
 namespace {
 
 const std::string kChatId = "90";
+// A room's messages as one side heard them, and when.
+struct Line {
+  std::string text;
+  Clock::TimePoint at;
+};
+using Transcript = std::vector<Line>;
 
 KQVisitorXMPPClient& client() {
   return KQVisitorXMPPClient::instance();
@@ -50,80 +60,250 @@ std::optional<int> numberOf(const std::string& text, const std::string& prefix) 
   return std::stoi(text.substr(prefix.size()));
 }
 
-const char* nameOf(ChatSurvival::FaultKind kind) {
-  switch (kind) {
-    case ChatSurvival::FaultKind::Reset: return "reset";
-    case ChatSurvival::FaultKind::SilentDrop: return "silent drop";
-    case ChatSurvival::FaultKind::Restart: return "restart";
-  }
-  return "?";
-}
-
-// " (after fault 3, a reset)": the last fault before `at`, to tell which one a problem followed.
+// " (after fault 3, reset)": the last fault before `at`, to tell which one a problem followed.
 std::string faultBefore(Clock::TimePoint at, const std::vector<ChatSurvival::Fault>& faults) {
-  std::size_t index = faults.size();
-  while (index > 0 && faults[index - 1].at > at) {
-    --index;
-  }
-  return index == 0 ? " (before any fault)"
-                    : " (after fault " + std::to_string(index) + ", " +
-                          nameOf(faults[index - 1].kind) + ")";
+  const auto after = std::count_if(faults.begin(), faults.end(),
+                                   [at](const auto& fault) { return fault.at <= at; });
+  return after == 0 ? " (before any fault)"
+                    : " (after fault " + std::to_string(after) + ", " +
+                          ChatSurvival::nameOf(faults[after - 1].kind) + ")";
 }
 
-// The lines `texts` held, which arrived at `arrivals`.
-ChatSurvival::Direction count(const std::vector<std::string>& texts,
-                              const std::vector<Clock::TimePoint>& arrivals,
+// The lines numbered with `prefix` in `transcript`.
+ChatSurvival::Direction count(const Transcript& transcript,
                               const std::vector<ChatSurvival::Fault>& faults,
                               const std::string& prefix, int sent) {
   ChatSurvival::Direction direction;
   direction.sent = sent;
   std::map<int, int> copies;
   int highest = 0;
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    const auto& text = texts[i];
+  for (const auto& [text, at] : transcript) {
     const auto number = numberOf(text, prefix);
     if (!number) {
       continue;
     }
-    const auto when = faultBefore(arrivals.at(i), faults);
     if (++copies[*number] > 1) {
       ++direction.duplicated;
-      direction.problems.push_back(text + " again" + when);
+      direction.problems.push_back(text + " again" + faultBefore(at, faults));
     } else if (*number < highest) {
       ++direction.outOfOrder;
-      direction.problems.push_back(text + " after " + prefix + std::to_string(highest) + when);
+      direction.problems.push_back(text + " after " + prefix + std::to_string(highest) +
+                                   faultBefore(at, faults));
     }
     highest = std::max(highest, *number);
   }
   for (int number = 1; number <= sent; ++number) {
-    if (copies.count(number) != 0) {
-      ++direction.arrived;
-    } else {
+    if (copies.count(number) == 0) {
+      ++direction.lost;
       direction.problems.push_back(prefix + std::to_string(number) + " lost");
     }
   }
-  direction.lost = sent - direction.arrived;
   return direction;
 }
 
-// Hears when the visitor's stream takes its link for dead.
-struct StreamWatch : xmpp::XMPPStreamDelegate {
+// The visitor stream's events; `lost` hears when it takes its link for dead.
+struct StreamWatch : StreamEvents {
   std::function<void()> lost;
-  void xmppStreamWillResume(xmpp::XMPPStream& /*sender*/, const KQError& /*error*/) override {
+  void xmppStreamWillResume(xmpp::XMPPStream& sender, const KQError& error) override {
+    StreamEvents::xmppStreamWillResume(sender, error);
     lost();
   }
-  void xmppStreamDidDisconnect(xmpp::XMPPStream& /*sender*/,
-                               const std::optional<KQError>& /*error*/) override {
+  void xmppStreamDidDisconnect(xmpp::XMPPStream& sender,
+                               const std::optional<KQError>& error) override {
+    StreamEvents::xmppStreamDidDisconnect(sender, error);
     lost();
   }
 };
 
+// The operator "42" straight to the server, in the room the visitor made, made to survive the
+// server's restart: it reconnects, joins the room again, and then
+// - catches up from the room's archive what was said while it was out (after the last stanza
+//   id it heard), each stanza once, in order, before what arrives live after the rejoin;
+// - sends again, in order and with the same "id" attribute, its lines the archive does not
+//   hold; lines written while it is out wait until it is back.
+// Made with std::make_shared; stop() before letting it go.
+class RejoiningOperator : public xmpp::XMPPStreamDelegate,
+                          public xmpp::XMPPRoomDelegate,
+                          public std::enable_shared_from_this<RejoiningOperator> {
+ public:
+  RejoiningOperator(std::uint16_t port, const xmpp::XMPPJID& roomJID)
+      : roomJID_(roomJID),
+        room_(std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
+                                               roomJID, DispatchQueue::main())),
+        archive_(std::make_shared<xmpp::XMPPRoomArchive>(roomJID, DispatchQueue::main())) {
+    stream_->setHostName("127.0.0.1");
+    stream_->setHostPort(port);
+    stream_->setMyJID(xmpp::XMPPJID::jidWithString("42@localhost/agent"));
+    // Back soon after the server is: the restarts here take a moment.
+    reconnect_->setReconnectDelay(ChatSurvival::Seconds(0.2));
+    reconnect_->setReconnectTimerInterval(ChatSurvival::Seconds(0.5));
+  }
+
+  // Logs in and joins, again after every reconnect; false when the first join did not happen
+  // within the tests' patience.
+  bool join() {
+    stream_->addDelegate(shared_from_this(), DispatchQueue::main());
+    room_->addDelegate(shared_from_this(), DispatchQueue::main());
+    reconnect_->activate(stream_);
+    room_->activate(stream_);
+    archive_->activate(stream_);
+    return stream_->connectWithTimeout(xmpp::XMPPStreamTimeoutNone) &&
+           runMainQueueUntil([this] { return isJoined(); });
+  }
+
+  // Sends `text` with `text` as its "id" attribute, once joined, until the room echoes it.
+  void say(const std::string& text) {
+    unsent_.push_back(text);
+    flush();
+  }
+
+  // Every room message heard, its own echoes included, in order; onHeard hears each.
+  [[nodiscard]] const Transcript& heard() const { return heard_; }
+  std::function<void(const Line&)> onHeard;
+
+  void stop() {
+    room_->removeDelegate(this);
+    reconnect_->deactivate();
+    stream_->disconnect();
+    runMainQueueUntil([this] { return stream_->isDisconnected(); });
+    stream_->removeDelegate(this);
+    for (const auto& module : stream_->registeredModules()) {
+      module->deactivate();
+    }
+    const std::weak_ptr<xmpp::XMPPStream> gone = stream_;
+    stream_.reset();
+    runMainQueueUntil([&] { return gone.expired(); });
+  }
+
+  void xmppStreamDidConnect(xmpp::XMPPStream& sender) override {
+    sender.authenticate(std::make_shared<xmpp::XMPPPlainAuthentication>("secret"));
+  }
+
+  void xmppStreamDidAuthenticate(xmpp::XMPPStream& sender) override {
+    sender.sendElement(xmpp::XMPPPresence());
+    xmpp::XMPPElement history("history");  // what was missed comes from the archive
+    history.addAttributeWithName("maxstanzas", "0");
+    room_->joinRoomUsingNickname("Operator", history);
+  }
+
+  void xmppStreamDidDisconnect(xmpp::XMPPStream& /*sender*/,
+                               const std::optional<KQError>& /*error*/) override {
+    joined_ = false;
+    catchingUp_ = false;
+    ++attempt_;
+    heldBack_.clear();  // the next catch-up brings them from the archive
+  }
+
+  void xmppRoomDidJoin(xmpp::XMPPRoom& /*sender*/) override {
+    joined_ = true;
+    if (std::exchange(everJoined_, true)) {
+      catchUp(lastStanzaId_);
+    } else {
+      flush();
+    }
+  }
+
+  void xmppRoomDidReceiveMessage(xmpp::XMPPRoom& /*sender*/, const xmpp::XMPPMessage& message,
+                                 const xmpp::XMPPJID& /*occupant*/) override {
+    if (message.type() == "error") {
+      return;
+    }
+    if (catchingUp_) {
+      heldBack_.push_back(message);
+    } else {
+      take(message, xmpp::XMPPRoomArchive::stanzaId(message, roomJID_));
+    }
+  }
+
+ private:
+  [[nodiscard]] bool isJoined() const { return joined_ && !catchingUp_; }
+
+  void flush() {
+    for (; isJoined() && !unsent_.empty(); unsent_.pop_front()) {
+      auto message =
+          makeKQVisitorMessage(roomJID_, unsent_.front(), "42", "W1", "42", "Omar", kChatId);
+      message.addAttributeWithName("id", unsent_.front());
+      room_->sendMessage(message);
+      unechoed_.push_back(unsent_.front());
+    }
+  }
+
+  void catchUp(const std::optional<std::string>& after) {
+    catchingUp_ = true;
+    const auto attempt = ++attempt_;
+    std::weak_ptr<RejoiningOperator> weak = weak_from_this();
+    archive_->fetchMessages({after, std::nullopt, 0}, [weak, attempt](const auto& items) {
+      const auto self = weak.lock();
+      if (self && attempt == self->attempt_ && self->catchingUp_) {
+        self->caughtUp(items);
+      }
+    });
+  }
+
+  void caughtUp(const std::optional<std::vector<xmpp::XMPPRoomArchive::Item>>& items) {
+    if (!items) {
+      catchUp(std::nullopt);  // the whole archive then; what was heard already is skipped
+      return;
+    }
+    for (const auto& item : *items) {
+      take(item.message, item.archiveId);
+    }
+    for (const auto& message : std::exchange(heldBack_, {})) {
+      take(message, xmpp::XMPPRoomArchive::stanzaId(message, roomJID_));
+    }
+    catchingUp_ = false;
+    // What the room never had goes again, in order, before what was written meanwhile.
+    unsent_.insert(unsent_.begin(), unechoed_.begin(), unechoed_.end());
+    unechoed_.clear();
+    flush();
+  }
+
+  void take(const xmpp::XMPPMessage& message, const std::optional<std::string>& stanzaId) {
+    if (stanzaId) {
+      if (!stanzaIds_.insert(*stanzaId).second) {
+        return;  // heard already
+      }
+      lastStanzaId_ = stanzaId;
+    }
+    if (const auto id = message.elementID()) {
+      std::erase(unechoed_, *id);
+    }
+    heard_.push_back({kqChatMessage(message), Clock::shared()->now()});
+    if (onHeard) {
+      onHeard(heard_.back());
+    }
+  }
+
+  const xmpp::XMPPJID roomJID_;
+  std::shared_ptr<xmpp::XMPPStream> stream_ = xmpp::XMPPStream::create();
+  std::shared_ptr<xmpp::XMPPReconnect> reconnect_ =
+      std::make_shared<xmpp::XMPPReconnect>(DispatchQueue::main());
+  std::shared_ptr<xmpp::XMPPRoom> room_;
+  std::shared_ptr<xmpp::XMPPRoomArchive> archive_;
+  bool everJoined_ = false;
+  bool joined_ = false;
+  bool catchingUp_ = false;
+  std::uint64_t attempt_ = 0;  // answers to an earlier catch-up are dropped
+  std::vector<xmpp::XMPPMessage> heldBack_;
+  std::deque<std::string> unsent_;
+  std::vector<std::string> unechoed_;  // sent, not heard back yet, in order
+  std::set<std::string> stanzaIds_;
+  std::optional<std::string> lastStanzaId_;
+  Transcript heard_;
+};
 }  // namespace
 
+const char* ChatSurvival::nameOf(FaultKind kind) {
+  switch (kind) {
+    case FaultKind::Reset: return "reset";
+    case FaultKind::SilentDrop: return "silent drop";
+    case FaultKind::Restart: return "restart";
+  }
+  return "?";
+}
+
 bool ChatSurvival::Report::clean() const {
-  const auto whole = [](const Direction& d) {
-    return d.lost == 0 && d.duplicated == 0 && d.outOfOrder == 0;
-  };
+  const auto whole = [](const Direction& d) { return d.problems.empty(); };
   return drained && whole(visitorToOperator) && whole(operatorToVisitor) && whole(visitorEchoes);
 }
 
@@ -149,22 +329,17 @@ struct ChatSurvival::Impl {
   // When each line was written, by number - 1; what reached whom.
   std::vector<Clock::TimePoint> visitorWritten;
   std::vector<Clock::TimePoint> operatorWritten;
-  std::set<std::string> operatorHeard;
-  std::set<std::string> visitorHeard;             // both sides' lines
-  std::vector<Clock::TimePoint> visitorArrivals;  // of the visitor's transcript, by index
+  Transcript visitorTranscript;  // KQVisitorRoom::messages(), with when each arrived
   std::vector<Fault> faults;
   // Of the last fault: when a line written since reached the operator, and the visitor.
   std::optional<Clock::TimePoint> reachedOperator;
   std::optional<Clock::TimePoint> reachedVisitor;
 
-  // The one place the visitor writes: through the outbox, which keeps each line until the room
-  // gives it back.
-  void visitorSays(const std::string& text) const { outbox->send(text); }
-
+  // The visitor writes through the outbox, which keeps each line until the room gives it back.
   void write() {
     const auto now = Clock::shared()->now();
     visitorWritten.push_back(now);
-    visitorSays("v-" + std::to_string(visitorWritten.size()));
+    outbox->send("v-" + std::to_string(visitorWritten.size()));
     operatorWritten.push_back(now);
     agent->say("o-" + std::to_string(operatorWritten.size()));
   }
@@ -186,42 +361,34 @@ struct ChatSurvival::Impl {
 
   void scanVisitorTranscript() {
     const auto messages = room->messages();
-    while (visitorArrivals.size() < messages.size()) {
-      const auto text = messages[visitorArrivals.size()]->message().value_or("");
-      visitorArrivals.push_back(Clock::shared()->now());
-      visitorHeard.insert(text);
+    while (visitorTranscript.size() < messages.size()) {
+      const auto text = messages[visitorTranscript.size()]->message().value_or("");
+      visitorTranscript.push_back({text, Clock::shared()->now()});
       arrived(text, "o-", operatorWritten, reachedVisitor);
     }
   }
 
   void fault(FaultKind kind) {
-    faults.push_back({kind, Clock::shared()->now(), std::nullopt, std::nullopt, std::nullopt});
+    faults.push_back({kind, Clock::shared()->now(), std::nullopt, std::nullopt});
     reachedOperator.reset();
     reachedVisitor.reset();
   }
 
-  // Every line written so far is held where it should be.
-  [[nodiscard]] bool allArrived() const {
-    const auto has = [](const std::set<std::string>& heard, const std::string& prefix, int n) {
-      for (int number = 1; number <= n; ++number) {
-        if (heard.count(prefix + std::to_string(number)) == 0) {
-          return false;
-        }
-      }
-      return true;
-    };
-    const int visitorLines = static_cast<int>(visitorWritten.size());
-    return has(operatorHeard, "v-", visitorLines) && has(visitorHeard, "v-", visitorLines) &&
-           has(visitorHeard, "o-", static_cast<int>(operatorWritten.size()));
+  [[nodiscard]] Report report() const {
+    const auto lines = [](const auto& written) { return static_cast<int>(written.size()); };
+    Report made;
+    made.visitorToOperator = count(agent->heard(), faults, "v-", lines(visitorWritten));
+    made.operatorToVisitor = count(visitorTranscript, faults, "o-", lines(operatorWritten));
+    made.visitorEchoes = count(visitorTranscript, faults, "v-", lines(visitorWritten));
+    made.faults = faults;
+    return made;
   }
 };
 
 ChatSurvival::ChatSurvival(Options options) : impl_(std::make_unique<Impl>()) {
   impl_->options = options;
-  ProsodyServer::Options serverOptions;
-  serverOptions.tls = options.tls;
-  serverOptions.accounts["42"] = "secret";
-  impl_->server = std::make_unique<ProsodyServer>(serverOptions);
+  impl_->server = std::make_unique<ProsodyServer>(
+      ProsodyServer::Options{.tls = options.tls, .accounts = {{"42", "secret"}}});
   impl_->relay = std::make_unique<FaultRelay>(impl_->server->port());
 }
 
@@ -287,13 +454,7 @@ bool ChatSurvival::start() {
   chat.website->setSiteId("W1");
   chat.manager->setKqWebsite(chat.website);
   client().setSitesManager(chat.manager);
-  const auto roomJID = xmpp::XMPPJID::jidWithString("room" + kChatId + "@conference.localhost");
-  chat.agent = std::make_shared<RejoiningOperator>(chat.server->port(), *roomJID, kChatId);
-  chat.agent->onHeard = [&chat](const RejoiningOperator::Heard& heard) {
-    chat.operatorHeard.insert(heard.text);
-    chat.arrived(heard.text, "v-", chat.visitorWritten, chat.reachedOperator);
-  };
-  if (!chat.agent->login() || !client().connectUser(chat.visitor) ||
+  if (!client().connectUser(chat.visitor) ||
       !runMainQueueUntil([&] { return chat.logins.posted.size() == 1U; })) {
     return false;
   }
@@ -316,11 +477,13 @@ bool ChatSurvival::start() {
   if (!runMainQueueUntil([&] { return chat.room->isConnected(); })) {
     return false;
   }
-  // After a restart the operator goes back in after the visitor: the visitor's join of a room
-  // the operator has made again and not configured yet is refused, and nothing in the library
-  // joins again, so that the visitor would stay out for good.
-  chat.agent->join([&chat] { return chat.room->isConnected(); });
-  if (!runMainQueueUntil([&] { return chat.agent->isJoined(); })) {
+  // The operator joins the room the visitor made (and the server keeps through a restart).
+  const auto roomJID = xmpp::XMPPJID::jidWithString("room" + kChatId + "@conference.localhost");
+  chat.agent = std::make_shared<RejoiningOperator>(chat.server->port(), *roomJID);
+  chat.agent->onHeard = [&chat](const Line& heard) {
+    chat.arrived(heard.text, "v-", chat.visitorWritten, chat.reachedOperator);
+  };
+  if (!chat.agent->join()) {
     return false;
   }
   chat.writer = Timer::scheduledTimer(DispatchQueue::main(), chat.options.interval, true,
@@ -340,27 +503,18 @@ void ChatSurvival::beginSilentDrop() {
 
 void ChatSurvival::endSilentDrop() {
   impl_->relay->dropSilently(false);
-  impl_->faults.back().length = Clock::shared()->now() - impl_->faults.back().at;
 }
 
 void ChatSurvival::restartServer() {
   impl_->fault(FaultKind::Restart);
-  std::atomic<bool> done = false;
-  std::exception_ptr failure;
-  std::thread restarting([&] {
-    try {
-      impl_->server->stop();
-      impl_->server->start();
-    } catch (...) {
-      failure = std::current_exception();
-    }
-    done = true;
+  auto restarted = std::async(std::launch::async, [this] {
+    impl_->server->stop();
+    impl_->server->start();
   });
-  runMainQueueUntil([&] { return done.load(); }, 2 * kPatience);
-  restarting.join();
-  if (failure) {
-    std::rethrow_exception(failure);
-  }
+  runMainQueueUntil(
+      [&] { return restarted.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
+      2 * kPatience);
+  restarted.get();  // throws what the restart threw
 }
 
 const ChatSurvival::Fault& ChatSurvival::lastFault() const {
@@ -379,6 +533,10 @@ FaultRelay::Counts ChatSurvival::relayCounts() const {
   return impl_->relay->counts();
 }
 
+const StreamEvents& ChatSurvival::visitorEvents() const {
+  return *impl_->watch;
+}
+
 void ChatSurvival::runFor(Clock::Duration duration) {
   runMainQueueUntil([] { return false; }, duration);
 }
@@ -386,36 +544,29 @@ void ChatSurvival::runFor(Clock::Duration duration) {
 ChatSurvival::Report ChatSurvival::finish(Clock::Duration bound) {
   Impl& chat = *impl_;
   chat.writer->invalidate();
-  Report report;
-  report.drained = runMainQueueUntil([&] { return chat.allArrived(); }, bound);
-  if (report.drained) {
+  const auto whole = [&chat] {
+    const auto report = chat.report();
+    return report.visitorToOperator.lost == 0 && report.operatorToVisitor.lost == 0 &&
+           report.visitorEchoes.lost == 0;
+  };
+  bool drained = runMainQueueUntil(whole, bound);
+  if (drained) {
     // One more line each way: once they are in, so is anything written before them.
-    chat.visitorSays("v-end");
+    chat.outbox->send("v-end");
     chat.agent->say("o-end");
-    report.drained = runMainQueueUntil([&] {
-      return chat.operatorHeard.count("v-end") != 0 && chat.visitorHeard.count("o-end") != 0 &&
-             chat.visitorHeard.count("v-end") != 0;
+    const auto holds = [](const Transcript& transcript, const std::string& text) {
+      return std::any_of(transcript.begin(), transcript.end(),
+                         [&text](const auto& heard) { return heard.text == text; });
+    };
+    drained = runMainQueueUntil([&] {
+      return holds(chat.agent->heard(), "v-end") && holds(chat.visitorTranscript, "o-end") &&
+             holds(chat.visitorTranscript, "v-end");
     });
     drainMainQueue();
   }
-  std::vector<std::string> operatorTexts;
-  std::vector<Clock::TimePoint> operatorArrivals;
-  for (const auto& heard : chat.agent->heard()) {
-    operatorTexts.push_back(heard.text);
-    operatorArrivals.push_back(heard.at);
-  }
   chat.scanVisitorTranscript();
-  std::vector<std::string> visitorTexts;
-  for (const auto& message : chat.room->messages()) {
-    visitorTexts.push_back(message->message().value_or(""));
-  }
-  const int visitorLines = static_cast<int>(chat.visitorWritten.size());
-  const int operatorLines = static_cast<int>(chat.operatorWritten.size());
-  const auto& faults = chat.faults;
-  report.visitorToOperator = count(operatorTexts, operatorArrivals, faults, "v-", visitorLines);
-  report.operatorToVisitor = count(visitorTexts, chat.visitorArrivals, faults, "o-", operatorLines);
-  report.visitorEchoes = count(visitorTexts, chat.visitorArrivals, faults, "v-", visitorLines);
-  report.faults = chat.faults;
+  auto report = chat.report();
+  report.drained = drained;
   return report;
 }
 

@@ -5,6 +5,7 @@
 
 #include "tests/support/FaultRelay.h"
 #include "tests/support/MainQueue.h"
+#include "tests/support/XMPPTestDelegates.h"
 
 #include <chrono>
 #include <memory>
@@ -15,9 +16,9 @@
 namespace kq::test {
 
 /// A chat kept up while the network fails: the visitor (the library's client singleton, its
-/// room, reaching the server through a FaultRelay) and an operator (RejoiningOperator, straight
-/// to the server) in one room on a Prosody with stream management and a room archive, each
-/// writing a numbered line ("v-1", "o-1", ...) every interval on a timer of the main queue.
+/// room, reaching the server through a FaultRelay) and an operator (straight to the server) in
+/// one room on a Prosody with stream management and a room archive, each writing a numbered
+/// line ("v-1", "o-1", ...) every interval on a timer of the main queue.
 /// The caller breaks the network meanwhile; finish() stops the writing, waits for what is owed
 /// and reports what each side's transcript holds, and how long each fault took to heal.
 ///
@@ -35,11 +36,11 @@ class ChatSurvival {
   };
 
   enum class FaultKind { Reset, SilentDrop, Restart };
+  static const char* nameOf(FaultKind kind);
   /// One fault; the durations are counted from `at`.
   struct Fault {
     FaultKind kind;
     Clock::TimePoint at;
-    std::optional<Seconds> length;   ///< a silent drop's, once it ended
     std::optional<Seconds> noticed;  ///< the visitor's stream took the link for dead
     std::optional<Seconds> flowing;  ///< a line written since `at` arrived, each way
   };
@@ -47,7 +48,6 @@ class ChatSurvival {
   /// The lines of one direction, as the receiving transcript holds them.
   struct Direction {
     int sent = 0;
-    int arrived = 0;  ///< of those sent, the ones held at least once
     int lost = 0;
     int duplicated = 0;                 ///< extra copies
     int outOfOrder = 0;                 ///< held after a later line
@@ -84,6 +84,8 @@ class ChatSurvival {
   bool waitUntilFlowing(Clock::Duration patience = kPatience);
   bool waitUntilNoticed(Clock::Duration patience = kPatience);
   [[nodiscard]] FaultRelay::Counts relayCounts() const;
+  /// What the visitor's stream told since start().
+  [[nodiscard]] const StreamEvents& visitorEvents() const;
   /// Pumps the main queue for `duration`.
   static void runFor(Clock::Duration duration);
 
