@@ -23,6 +23,7 @@
 #include "tests/support/ProsodyServer.h"
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <future>
 #include <map>
@@ -291,20 +292,17 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
   std::optional<std::string> lastStanzaId_;
   Transcript heard_;
 };
+
 }  // namespace
 
 const char* ChatSurvival::nameOf(FaultKind kind) {
-  switch (kind) {
-    case FaultKind::Reset: return "reset";
-    case FaultKind::SilentDrop: return "silent drop";
-    case FaultKind::Restart: return "restart";
-  }
-  return "?";
+  static constexpr std::array<const char*, 3> kNames{"reset", "silent drop", "restart"};
+  return kNames.at(static_cast<std::size_t>(kind));
 }
 
 bool ChatSurvival::Report::clean() const {
-  const auto whole = [](const Direction& d) { return d.problems.empty(); };
-  return drained && whole(visitorToOperator) && whole(operatorToVisitor) && whole(visitorEchoes);
+  return drained && visitorToOperator.problems.empty() && operatorToVisitor.problems.empty() &&
+         visitorEchoes.problems.empty();
 }
 
 struct ChatSurvival::Impl {
@@ -321,10 +319,7 @@ struct ChatSurvival::Impl {
   PostedNotifications logins{"ConnectNotification"};
   KQVisitorRoom::RoomUpdatesCallbackRef recorder;
   std::shared_ptr<Timer> writer;
-  // The client's settings changed here, to be put back.
-  Seconds acknowledgementTimeout{};
-  Seconds reconnectDelay{};
-  Seconds reconnectInterval{};
+  std::function<void()> restoreSettings;  // of the client, changed here
 
   // When each line was written, by number - 1; what reached whom.
   std::vector<Clock::TimePoint> visitorWritten;
@@ -410,10 +405,8 @@ ChatSurvival::~ChatSurvival() {
   client().disconnect();
   runMainQueueUntil([] { return client().xmppStream()->isDisconnected(); });
   client().removeStreamDelegate(chat.watch.get());
-  if (chat.acknowledgementTimeout.count() > 0) {
-    client().xmppStream()->setAcknowledgementTimeout(chat.acknowledgementTimeout);
-    client().xmppReconnect()->setReconnectDelay(chat.reconnectDelay);
-    client().xmppReconnect()->setReconnectTimerInterval(chat.reconnectInterval);
+  if (chat.restoreSettings) {
+    chat.restoreSettings();
   }
   client().setSitesManager(nullptr);
   KQVisitorWebService::sharedInstance().setCurrentUser(nullptr);
@@ -436,9 +429,13 @@ bool ChatSurvival::start() {
   const auto reconnect = client().xmppReconnect();
   stream->setHostName("127.0.0.1");
   stream->setHostPort(chat.relay->port());
-  chat.acknowledgementTimeout = stream->acknowledgementTimeout();
-  chat.reconnectDelay = reconnect->reconnectDelay();
-  chat.reconnectInterval = reconnect->reconnectTimerInterval();
+  chat.restoreSettings = [stream, reconnect, timeout = stream->acknowledgementTimeout(),
+                          delay = reconnect->reconnectDelay(),
+                          interval = reconnect->reconnectTimerInterval()] {
+    stream->setAcknowledgementTimeout(timeout);
+    reconnect->setReconnectDelay(delay);
+    reconnect->setReconnectTimerInterval(interval);
+  };
   stream->setAcknowledgementTimeout(chat.options.acknowledgementTimeout);
   // Back soon after a restarted server is: it takes a moment.
   reconnect->setReconnectDelay(Seconds(0.2));
