@@ -77,7 +77,9 @@ std::string_view FakeXMPPPeer::readMore(std::chrono::steady_clock::time_point de
 std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   std::size_t found = 0;
-  while ((found = buffer_.find(marker)) == std::string::npos) {
+  std::size_t from = 0;  // what was searched already cannot hold the whole marker
+  while ((found = buffer_.find(marker, from)) == std::string::npos) {
+    from = buffer_.size() - std::min(buffer_.size(), marker.size() - 1);
     if (const auto failure = readMore(deadline); !failure.empty()) {
       ADD_FAILURE() << "FakeXMPPPeer: \"" << marker << "\" never arrived (" << failure
                     << "); got: " << buffer_;
@@ -85,20 +87,6 @@ std::string FakeXMPPPeer::receiveUntil(std::string_view marker) {
     }
   }
   std::string result = buffer_.substr(0, found + marker.size());
-  buffer_.erase(0, result.size());
-  return result;
-}
-
-std::string FakeXMPPPeer::receiveCount(std::size_t count) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  while (buffer_.size() < count) {
-    if (const auto failure = readMore(deadline); !failure.empty()) {
-      ADD_FAILURE() << "FakeXMPPPeer: " << count << " bytes never arrived (" << failure << "); got "
-                    << buffer_.size();
-      break;
-    }
-  }
-  std::string result = buffer_.substr(0, std::min(count, buffer_.size()));
   buffer_.erase(0, result.size());
   return result;
 }

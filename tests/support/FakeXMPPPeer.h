@@ -25,8 +25,6 @@ class FakeXMPPPeer {
   /// Reads until `marker` has arrived; returns everything received before and including it
   /// (what follows stays for the next read).
   std::string receiveUntil(std::string_view marker);
-  /// Reads exactly `count` bytes (fewer only when the client closes or kPatience passes).
-  std::string receiveCount(std::size_t count);
   /// Everything received until the client closes the connection (or kPatience passes).
   std::string receiveUntilClosed();
   void send(std::string_view text) const;
