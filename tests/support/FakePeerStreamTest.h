@@ -3,6 +3,8 @@
 #include <KQVisitorCore/Platform/DispatchQueue.h>
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/XMPPModule.h>
+#include <KQVisitorCore/XMPP/XMPPRoom.h>
+#include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 #include <KQVisitorCore/XMPP/XMPPStream.h>
 
 #include "tests/support/FakeXMPPPeer.h"
@@ -75,6 +77,43 @@ class FakePeerStreamTest : public ::testing::Test {
   FakeXMPPPeer peer;
   std::shared_ptr<xmpp::XMPPStream> stream;
   std::shared_ptr<StreamEvents> events = std::make_shared<StreamEvents>();
+};
+
+/// The same, logged in, with room42@conference.localhost active on the stream: its events are
+/// recorded on the main queue, its messages kept in a storage of its own.
+class FakePeerRoomTest : public FakePeerStreamTest {
+ protected:
+  void SetUp() override {
+    FakePeerStreamTest::SetUp();
+    room = std::make_shared<xmpp::XMPPRoom>(
+        storage, *xmpp::XMPPJID::jidWithString("room42@conference.localhost"),
+        DispatchQueue::main());
+    room->addDelegate(roomEvents, DispatchQueue::main());
+    room->activate(stream);
+    login();
+  }
+
+  bool waitForRoom(const std::string& event, int times = 1) {
+    return runMainQueueUntil([&] { return roomEvents->count(event) >= times; });
+  }
+
+  /// Joins as Visitor; the server confirms with our own presence (plus `extra` in its x).
+  /// Returns the presence sent.
+  std::string join(const std::string& extra = "") {
+    room->joinRoomUsingNickname("Visitor", std::nullopt);
+    std::string sent = peer.receiveUntil("</presence>");
+    peer.send(
+        "<presence from='room42@conference.localhost/Visitor'><x "
+        "xmlns='http://jabber.org/protocol/muc#user'>" +
+        extra + "<status code='110'/></x></presence>");
+    EXPECT_TRUE(waitForRoom("didJoin", roomEvents->count("didJoin") + 1));
+    return sent;
+  }
+
+  std::shared_ptr<xmpp::XMPPRoomMemoryStorage> storage =
+      std::make_shared<xmpp::XMPPRoomMemoryStorage>();
+  std::shared_ptr<xmpp::XMPPRoom> room;
+  std::shared_ptr<RoomEvents> roomEvents = std::make_shared<RoomEvents>();
 };
 
 }  // namespace kq::test
