@@ -2,6 +2,7 @@
 #include <KQVisitorCore/XMPP/XMPPAnonymousAuthentication.h>
 #include <KQVisitorCore/XMPP/detail/XMPPStreamNegotiation.h>
 
+#include "tests/support/FakeXMPPPeer.h"
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Calls = std::vector<std::string>;
+constexpr auto idOf = &test::FakeXMPPPeer::idOf;
 
 const std::string kMechanisms =
     "<mechanisms xmlns='urn:ietf:params:xml:ns:xmpp-sasl'><mechanism>PLAIN</mechanism>"
@@ -27,12 +29,6 @@ const std::string kBind = "<bind xmlns='urn:ietf:params:xml:ns:xmpp-bind'/>";
 std::string features(const std::string& inside) {
   return "<stream:features xmlns:stream='http://etherx.jabber.org/streams'>" + inside +
          "</stream:features>";
-}
-
-// The id of the IQ that the last call sent.
-std::string sentID(const Calls& calls) {
-  const auto start = calls.back().find("id=\"") + 4;
-  return calls.back().substr(start, calls.back().find('"', start) - start);
 }
 
 // `calls` with every id sent written "ID".
@@ -199,10 +195,10 @@ TEST_F(XMPPStreamNegotiationTest, BindingAndTheSessionAsTheServerOffersAndAnswer
     EXPECT_EQ(receive("<iq type='result' id='other'/>"), Calls{});  // not the bind result
     const Calls afterBind =
         receive("<iq type='" + std::string(row.bound.empty() ? "error" : "result") + "' id='" +
-                sentID(offered) + "'>" + row.bound + "</iq>");
+                idOf(offered.back()) + "'>" + row.bound + "</iq>");
     EXPECT_EQ(withoutIDs(afterBind), row.afterBind);
     if (!row.session.empty()) {
-      EXPECT_EQ(receive("<iq type='" + row.session + "' id='" + sentID(afterBind) + "'/>"),
+      EXPECT_EQ(receive("<iq type='" + row.session + "' id='" + idOf(afterBind.back()) + "'/>"),
                 row.afterSession);
     }
     const bool authenticated =
