@@ -338,7 +338,7 @@ TEST_F(XMPPRoomTest, JoinCreatedRoomConfigureAndLeave) {
   EXPECT_EQ(storage->occupantNicknames(room->roomJID()), std::vector<std::string>{"Operator"});
 }
 
-TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
+TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyRefusalsAndDestroyOutcomes) {
   join();
   peer.send(
       "<message type='groupchat' from='room42@conference.localhost/Operator' "
@@ -357,6 +357,18 @@ TEST_F(XMPPRoomTest, MessagesFromTheRoomOnlyAndDestroyOutcomes) {
   EXPECT_EQ(roomEvents->occupants[0].full(), "room42@conference.localhost/Operator");
   EXPECT_TRUE(roomEvents->messages[1].isErrorMessage());
   EXPECT_EQ(storage->messages(room->roomJID()).size(), 1U);
+  // "not-acceptable": the room no longer has us, and we are out before the error is handed on.
+  EXPECT_FALSE(room->isJoined());
+  EXPECT_EQ(roomEvents->events, (std::vector<std::string>{"didJoin", "didReceiveMessage",
+                                                          "didLeave", "didReceiveMessage"}));
+  // A join the room refuses is told, and leaves us out.
+  room->joinRoomUsingNickname("Visitor", std::nullopt);
+  peer.receiveUntil("</presence>");
+  peer.send(
+      "<presence type='error' from='room42@conference.localhost/Visitor'><error type='cancel'>"
+      "<conflict xmlns='urn:ietf:params:xml:ns:xmpp-stanzas'/></error></presence>");
+  ASSERT_TRUE(waitForRoom("didNotJoin"));
+  EXPECT_FALSE(room->isJoined());
 
   room->destroyRoom();
   std::string destroy = peer.receiveUntil("</iq>");

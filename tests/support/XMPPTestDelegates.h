@@ -94,6 +94,10 @@ struct RoomEvents : xmpp::XMPPRoomDelegate {
   void xmppRoomDidCreate(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didCreate"); }
   void xmppRoomDidJoin(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didJoin"); }
   void xmppRoomDidLeave(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didLeave"); }
+  void xmppRoomDidNotJoin(xmpp::XMPPRoom& /*sender*/,
+                          const xmpp::XMPPPresence& /*error*/) override {
+    events.push_back("didNotJoin");
+  }
   void xmppRoomDidDestroy(xmpp::XMPPRoom& /*sender*/) override { events.push_back("didDestroy"); }
   void xmppRoomDidFailToDestroy(xmpp::XMPPRoom& /*sender*/, const xmpp::XMPPIQ& iq) override {
     events.push_back("didFailToDestroy");
