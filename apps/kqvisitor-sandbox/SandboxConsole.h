@@ -16,7 +16,8 @@ namespace kqsandbox {
 /// The operator's desk in a browser, under /console of the sandbox's web server: an operator
 /// signs in with the fixture's id and password, sees its chats live (Server-Sent Events), reads
 /// a chat, answers, ends it, and goes online or offline for the pre-chat check. While an
-/// operator is signed in, the script stays quiet for it and the person answers.
+/// operator is signed in with a page open, the script stays quiet for it and the person
+/// answers.
 ///
 /// The page and its script come with the program. Every request but the sign-in needs the
 /// session cookie it sets (401 otherwise); an operator sees only its own chats (403 otherwise).

@@ -74,7 +74,7 @@ void printHelp() {
       << "The operator console, a page for a browser, is at ORIGIN/console/ (printed at\n"
       << "start-up): sign in with an operator's id and password from the fixture (built-in:\n"
       << "42 / secret) to see its chats live, answer them, end them, and go online or offline\n"
-      << "for new chats; while signed in, the script stays quiet for that operator.\n\n"
+      << "for new chats; while its page is open, the script stays quiet for that operator.\n\n"
       << "Once ready it prints 'ready' and the settings file to export as KQVISITOR_CONFIG,\n"
       << "then one line per request and chat event. Stops on Ctrl-C, SIGTERM or SIGHUP.\n";
 }
