@@ -100,8 +100,9 @@ TEST(UserDefaultsTest, ADamagedFileIsSetAsideAndReported) {
   }
 }
 
-// A folder where the file should be is reported, and left as it is with its contents.
-TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
+// A folder where the file should be is reported, and left as it is with its contents; a file
+// where its folder should be fails each write, reported, until it is gone, and loses nothing.
+TEST(UserDefaultsTest, AnUnusablePathIsReportedNotFatalAndAFailedWriteIsRetried) {
   test::TemporaryDirectory folder;
   const std::string path = folder.file("defaults.json");
   std::filesystem::create_directory(path);
@@ -115,24 +116,17 @@ TEST(UserDefaultsTest, AnUnreadablePathIsReportedNotFatal) {
   EXPECT_TRUE(std::filesystem::is_directory(path));
   EXPECT_EQ(test::readFile(folder.file("defaults.json/keep.txt")), "the user's own file");
   EXPECT_EQ(filesIn(folder.path()), std::vector<std::string>{"defaults.json"});
-}
 
-TEST(UserDefaultsTest, AFailedWriteIsReportedAndRetriedByTheNextSynchronize) {
-  test::TemporaryDirectory folder;
   const std::string blocker = folder.file("not-a-folder");
   test::writeFile(blocker, "a file where the settings' folder should be");
-  const std::string path = blocker + "/defaults.json";
-  UserDefaults defaults(path);
-  defaults.setObject("kept", "d_time");
-  {
-    test::LogCapture log;
-    EXPECT_FALSE(defaults.synchronize());
-    EXPECT_TRUE(log.contains("cannot create the folder " + blocker)) << "the log says what failed";
-  }
-  EXPECT_EQ(defaults.stringForKey("d_time"), "kept") << "a failed write loses nothing";
+  UserDefaults blocked(blocker + "/defaults.json");
+  blocked.setObject("kept", "d_time");
+  EXPECT_FALSE(blocked.synchronize());
+  EXPECT_TRUE(log.contains("cannot create the folder " + blocker)) << "the log says what failed";
+  EXPECT_EQ(blocked.stringForKey("d_time"), "kept") << "a failed write loses nothing";
   std::filesystem::remove(blocker);
-  EXPECT_TRUE(defaults.synchronize()) << "the change is still unsaved, so it is written now";
-  EXPECT_EQ(UserDefaults(path).stringForKey("d_time"), "kept");
+  EXPECT_TRUE(blocked.synchronize()) << "the change is still unsaved, so it is written now";
+  EXPECT_EQ(UserDefaults(blocker + "/defaults.json").stringForKey("d_time"), "kept");
 }
 
 }  // namespace
