@@ -436,7 +436,7 @@ class HTTPSessionTLSTest : public ::testing::Test {
 
 // The configured authority is trusted beside the system's; an unknown authority, a certificate
 // for another name and an unreadable authority file (named in the error) are refused.
-TEST_F(HTTPSessionTLSTest, TrustsTheConfiguredAuthorityForTheRightNameOnly) {
+TEST_F(HTTPSessionTLSTest, TrustsTheConfiguredAuthorityForTheRightNameOnlyAndStaysOnHTTPS) {
   const Outcome trusted = get(matching, {matching.caFile, true, "kq.test"});
   EXPECT_FALSE(trusted.error) << trusted.error->description();
   EXPECT_EQ(trusted.data, "secret");
@@ -458,9 +458,8 @@ TEST_F(HTTPSessionTLSTest, TrustsTheConfiguredAuthorityForTheRightNameOnly) {
   ASSERT_TRUE(unreadable.error);
   EXPECT_EQ(unreadable.error->code, HTTPSession::kErrorTrustStoreUnusable);
   EXPECT_NE(description(unreadable).find(missing), std::string::npos);
-}
 
-TEST_F(HTTPSessionTLSTest, AnHTTPSRequestNeverFollowsARedirectToPlainHTTP) {
+  // A redirect from HTTPS to plain HTTP is never followed; one that stays on HTTPS is.
   RecordingHTTPServer plain;
   plain.setDefaultResponse({200, "in the clear", "text/plain", {}});
   RecordingHTTPServer secure(RecordingHTTPServer::TLS{matching.certFile, matching.keyFile});
@@ -472,7 +471,6 @@ TEST_F(HTTPSessionTLSTest, AnHTTPSRequestNeverFollowsARedirectToPlainHTTP) {
   ASSERT_TRUE(downgraded.error);
   EXPECT_FALSE(downgraded.data);
   EXPECT_TRUE(plain.requests().empty()) << "nothing was sent in the clear";
-  // A redirect that stays on HTTPS is followed as before.
   const Outcome followed = run(session, HTTPRequest(secure.origin() + "/"));
   EXPECT_FALSE(followed.error) << followed.error->description();
   EXPECT_EQ(followed.data, "still secret");
