@@ -118,10 +118,10 @@ TEST_F(KQVisitorChatServiceCommandsTest, SoapAndUploadPrintTheirOutcomes) {
   ASSERT_EQ(server.requests().size(), 2U);
   EXPECT_NE(server.requests()[0].body.find("<Name>Ann</Name><Email>a@b.test</Email>"),
             std::string::npos);
-  const auto uploaded = uploads.requests();
+  const auto uploaded = uploads.rawRequests();
   ASSERT_EQ(uploaded.size(), 1U) << "nothing is sent for an over-size file";
-  EXPECT_NE(uploaded[0].body.find("filename=\"notes.txt\"\r\n"), std::string::npos);
-  EXPECT_NE(uploaded[0].body.find("\r\n\r\nfile body\r\n"), std::string::npos);
+  EXPECT_NE(uploaded[0].find("filename=\"notes.txt\"\r\n"), std::string::npos);
+  EXPECT_NE(uploaded[0].find("\r\n\r\nfile body\r\n"), std::string::npos);
 }
 
 TEST_F(KQVisitorChatServiceCommandsTest, BadArgumentsAndSettingsExitWithStatusTwo) {

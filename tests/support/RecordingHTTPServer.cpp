@@ -12,6 +12,7 @@
 
 #include <strings.h>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <mutex>
 #include <stdexcept>
@@ -183,31 +184,21 @@ namespace {
 std::string readRequest(int fd) {
   std::string data;
   char buffer[4096];
-  std::size_t wanted = std::string::npos;
-  for (;;) {
-    if (wanted == std::string::npos) {
-      const auto headEnd = data.find("\r\n\r\n");
-      if (headEnd != std::string::npos) {
-        std::size_t length = 0;
-        std::string head = data.substr(0, headEnd);
-        for (auto& c : head) {
-          c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-        if (const auto field = head.find("\r\ncontent-length:"); field != std::string::npos) {
-          length = std::stoul(head.substr(field + 17));
-        }
-        wanted = headEnd + 4 + length;
-      }
-    }
-    if (wanted != std::string::npos && data.size() >= wanted) {
-      return data;
-    }
+  for (std::size_t wanted = std::string::npos;
+       wanted == std::string::npos || data.size() < wanted;) {
     const ssize_t received = recv(fd, buffer, sizeof buffer, 0);
     if (received <= 0) {
-      return data;
+      break;
     }
     data.append(buffer, static_cast<std::size_t>(received));
+    const auto headEnd = wanted == std::string::npos ? data.find("\r\n\r\n") : std::string::npos;
+    if (headEnd != std::string::npos) {
+      const std::string head = data.substr(0, headEnd);
+      const char* field = strcasestr(head.c_str(), "\r\ncontent-length:");
+      wanted = headEnd + 4 + (field != nullptr ? std::stoul(field + 17) : 0);
+    }
   }
+  return data;
 }
 
 }  // namespace
@@ -283,34 +274,6 @@ void RawHTTPServer::enqueueResponse(std::string rawResponse) {
 std::vector<std::string> RawHTTPServer::rawRequests() const {
   std::scoped_lock lock(impl_->mutex);
   return impl_->requests;
-}
-
-std::vector<RecordedRequest> RawHTTPServer::requests() const {
-  std::vector<RecordedRequest> parsed;
-  for (const std::string& raw : rawRequests()) {
-    RecordedRequest request;
-    const auto headEnd = raw.find("\r\n\r\n");
-    const std::string head = raw.substr(0, headEnd);
-    request.body = headEnd == std::string::npos ? std::string() : raw.substr(headEnd + 4);
-    std::size_t lineEnd = head.find("\r\n");
-    const std::string requestLine = head.substr(0, lineEnd);
-    const auto firstSpace = requestLine.find(' ');
-    const auto lastSpace = requestLine.rfind(' ');
-    request.method = requestLine.substr(0, firstSpace);
-    request.target = requestLine.substr(firstSpace + 1, lastSpace - firstSpace - 1);
-    while (lineEnd != std::string::npos) {
-      const std::size_t start = lineEnd + 2;
-      lineEnd = head.find("\r\n", start);
-      const std::string line = head.substr(start, lineEnd - start);
-      const auto colon = line.find(':');
-      const auto valueStart = line.find_first_not_of(' ', colon + 1);
-      request.headers.emplace_back(line.substr(0, colon), valueStart == std::string::npos
-                                                              ? std::string()
-                                                              : line.substr(valueStart));
-    }
-    parsed.push_back(std::move(request));
-  }
-  return parsed;
 }
 
 std::string rawResponse(int status, const std::string& body) {

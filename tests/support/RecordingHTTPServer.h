@@ -92,8 +92,6 @@ class RawHTTPServer {
   void enqueueResponse(std::string rawResponse);
   /// Each request's bytes, head and body, in arrival order.
   [[nodiscard]] std::vector<std::string> rawRequests() const;
-  /// The same, read as requests (remotePort is not set).
-  [[nodiscard]] std::vector<RecordedRequest> requests() const;
 
   struct Impl;
 
