@@ -58,10 +58,11 @@ ChildResult runChild(const std::vector<std::string>& arguments,
     throw std::runtime_error("runChild: cannot run " + arguments.front());
   }
   ChildResult result;
+  bool timedOut = false;
   pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
   const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kPatience);
   if (ended.fd >= 0 && poll(&ended, 1, static_cast<int>(patience.count())) == 0) {
-    result.timedOut = true;
+    timedOut = true;
     kill(child, SIGKILL);
   }
   close(ended.fd);
@@ -70,7 +71,7 @@ ChildResult runChild(const std::vector<std::string>& arguments,
   result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.out = readFile(out);
   result.err = readFile(err);
-  if (result.timedOut) {
+  if (timedOut) {
     result.err += "\n(killed: still running after " + std::to_string(kPatience.count()) + " s)";
   }
   return result;

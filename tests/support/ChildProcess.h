@@ -10,10 +10,9 @@ namespace kq::test {
 
 /// What a finished child process left.
 struct ChildResult {
-  int exitStatus = -1;    ///< exit status, or -1 when it did not exit normally
-  std::string out;        ///< everything written to stdout
-  std::string err;        ///< everything written to stderr
-  bool timedOut = false;  ///< killed after kPatience
+  int exitStatus = -1;  ///< exit status, or -1 when it did not exit normally
+  std::string out;      ///< everything written to stdout
+  std::string err;      ///< everything written to stderr, and a note when it was killed
 };
 
 /// Runs `arguments` (the program first) with the environment of this process plus
