@@ -233,45 +233,40 @@ TEST_F(ReachabilityTest, ARequestWithNoUsableNetworkFailsAsNotConnectedToTheInte
 }
 
 #ifdef KQ_CHAT_TOOL
-TEST_F(ReachabilityTest, TheCallCommandPrintsBothReportsAndEndsAfterTheAnswer) {
-  bringLoopbackUp();
-  test::RecordingHTTPServer server;
-  server.setDefaultResponse({200, R"({"d":"{\"status\":1}"})", "application/json", {}});
+// Without a network the chat command says so and exits at once; with the service on loopback
+// but no internet, the call command prints both reports and ends after the answer.
+TEST_F(ReachabilityTest, TheChatAndCallCommandsWithoutInternet) {
   test::TemporaryDirectory folder;
-  test::writeFile(folder.file("config.json"),
-                  Json({{"jsonServiceProductionOrigin", server.origin()}}).dump());
-  const auto result = test::runChild({KQ_CHAT_TOOL, "call", "GetWI", "parWI=12"},
-                                     {"KQVISITOR_CONFIG=" + folder.file("config.json")});
-  EXPECT_EQ(result.exitStatus, 0) << result.err;
-  std::vector<std::string> lines;
-  for (std::size_t start = 0, end = 0; (end = result.out.find('\n', start)) != std::string::npos;
-       start = end + 1) {
-    lines.push_back(result.out.substr(start, end - start));
-  }
-  std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(
-      lines,
-      (std::vector<std::string>{
-          R"({"callback":"failure","error":{"domain":"Request failed due to internet problem","code":400,"userInfo":{"status":3}}})",
-          R"({"callback":"success","result":{"d":{"status":1}}})"}));
-}
-
-TEST_F(ReachabilityTest, TheChatCommandWithoutANetworkSaysSoAndExitsAtOnce) {
-  test::TemporaryDirectory folder;
-  test::writeFile(folder.file("config.json"),
-                  Json({{"jsonServiceProductionOrigin", "http://192.0.2.10"},
-                        {"userDefaultsPath", folder.file("defaults.json")}})
-                      .dump());
-  const auto result = test::runChild({KQ_CHAT_TOOL, "chat", "--domain", "shop.example", "--json"},
-                                     {"KQVISITOR_CONFIG=" + folder.file("config.json")}, "Hi\n");
-  EXPECT_EQ(result.exitStatus, 1) << result.out << result.err;
-  const auto errors = test::named(test::jsonLines(result.out), "error");
-  ASSERT_FALSE(errors.empty()) << result.out;
+  const std::string config = folder.file("config.json");
+  test::writeFile(config, Json({{"jsonServiceProductionOrigin", "http://192.0.2.10"},
+                                {"userDefaultsPath", folder.file("defaults.json")}})
+                              .dump());
+  const auto chat = test::runChild({KQ_CHAT_TOOL, "chat", "--domain", "shop.example", "--json"},
+                                   {"KQVISITOR_CONFIG=" + config}, "Hi\n");
+  EXPECT_EQ(chat.exitStatus, 1) << chat.out << chat.err;
+  const auto errors = test::named(test::jsonLines(chat.out), "error");
+  ASSERT_FALSE(errors.empty()) << chat.out;
   EXPECT_EQ(
       errors.back(),
       (Json{{"event", "error"}, {"domain", "NSURLErrorDomain"}, {"code", -1009}, {"status", 8}}))
-      << result.out;
-  EXPECT_NE(result.err.find("no connection to the Internet"), std::string::npos) << result.err;
+      << chat.out;
+  EXPECT_NE(chat.err.find("no connection to the Internet"), std::string::npos) << chat.err;
+
+  bringLoopbackUp();
+  test::RecordingHTTPServer server;
+  server.setDefaultResponse({200, R"({"d":"{\"status\":1}"})", "application/json", {}});
+  test::writeFile(config, Json({{"jsonServiceProductionOrigin", server.origin()}}).dump());
+  const auto result =
+      test::runChild({KQ_CHAT_TOOL, "call", "GetWI", "parWI=12"}, {"KQVISITOR_CONFIG=" + config});
+  EXPECT_EQ(result.exitStatus, 0) << result.err;
+  auto lines = test::jsonLines(result.out);
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(
+      lines,
+      (std::vector<Json>{
+          Json::parse(
+              R"({"callback":"failure","error":{"domain":"Request failed due to internet problem","code":400,"userInfo":{"status":3}}})"),
+          Json::parse(R"({"callback":"success","result":{"d":{"status":1}}})")}));
 }
 #endif
 
