@@ -1,6 +1,6 @@
-// kqvisitor-chat chat, run as a child process: the visitor's whole road over HTTP polling
-// against a JSON chat service on loopback that answers in the service's habits, and its
-// failures. (The road over XMPP is the sandbox's test.)
+// kqvisitor-chat chat, run as a child process, against a JSON chat service on loopback that
+// answers in the service's habits: each way a start fails, and bad arguments. (Whole chats are
+// the sandbox's tests.)
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/JSONLines.h"
@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <map>
 #include <mutex>
 
@@ -42,18 +41,6 @@ std::vector<std::string> transcript(const std::vector<Json>& all) {
   return lines;
 }
 
-// Whether `seen` holds each of `lines`, in this order.
-bool inOrder(const std::vector<std::string>& seen, const std::vector<std::string>& lines) {
-  auto at = seen.begin();
-  for (const auto& line : lines) {
-    at = std::find(at, seen.end(), line);
-    if (at == seen.end()) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // The operation a request called: the last path segment, without the query.
 std::string operationOf(const test::RecordedRequest& request) {
   const auto path = request.target.substr(0, request.target.find('?'));
@@ -61,11 +48,10 @@ std::string operationOf(const test::RecordedRequest& request) {
 }
 
 // A JSON chat service with one website ("shop.example", id 12) and one operator (42, Omar).
-// Each operation answers in the service's habits; tests change single answers. Over HTTP the
-// operator answers each visitor message with a scripted reply and, after the last, ends the chat.
+// Each operation answers in the service's habits; tests change single answers.
 class ChatService {
  public:
-  explicit ChatService(std::vector<std::string> replies = {}) : replies_(std::move(replies)) {
+  ChatService() {
     answers_ = {
         {"GetWI", R"("{\"W_I\":\"12\",\"T_Z\":\"3\",\"P_L\":\"1\",\"S_B\":\"true\"}")"},
         {"ReadValue", R"("stamp-1")"},
@@ -87,23 +73,6 @@ class ChatService {
     answers_[operation] = body;
   }
 
-  [[nodiscard]] std::vector<std::string> operations() const {
-    std::vector<std::string> names;
-    for (const auto& request : server.requests()) {
-      names.push_back(operationOf(request));
-    }
-    return names;
-  }
-
-  [[nodiscard]] std::string query(const std::string& operation) const {
-    for (const auto& request : server.requests()) {
-      if (operationOf(request) == operation) {
-        return request.target.substr(request.target.find('?') + 1);
-      }
-    }
-    return {};
-  }
-
  private:
   static test::ScriptedResponse json(int status, std::string body) {
     test::ScriptedResponse response;
@@ -114,30 +83,12 @@ class ChatService {
 
   std::optional<test::ScriptedResponse> answer(const test::RecordedRequest& request) {
     std::scoped_lock lock(mutex_);
-    const auto operation = operationOf(request);
-    if (operation == "InsertChatMessage" && nextReply_ < replies_.size()) {
-      outbox_.push_back(Json::array({replies_[nextReply_], std::to_string(nextReply_ + 1)}).dump());
-      if (++nextReply_ == replies_.size()) {
-        outbox_.push_back(Json::array({"[destroy room]", "99"}).dump());
-      }
-    }
-    if (operation == "GetChatMessagesAlt") {
-      if (outbox_.empty()) {
-        return json(200, R"(["","0"])");
-      }
-      auto body = std::move(outbox_.front());
-      outbox_.pop_front();
-      return json(200, std::move(body));
-    }
-    const auto found = answers_.find(operation);
+    const auto found = answers_.find(operationOf(request));
     return found == answers_.end() ? json(404, "null") : json(200, found->second);
   }
 
   std::mutex mutex_;
   std::map<std::string, std::string> answers_;
-  std::vector<std::string> replies_;
-  std::size_t nextReply_ = 0;
-  std::deque<std::string> outbox_;
 
  public:
   // Last, so that it stops first: its threads answer from the members above.
@@ -164,37 +115,6 @@ class KQVisitorChatCommandTest : public ::testing::Test {
 
   test::TemporaryDirectory folder;
 };
-
-TEST_F(KQVisitorChatCommandTest, AVisitorChatsOverHTTPAndLeavesWhenTheOperatorEndsIt) {
-  ChatService service({"Let me look", "It ships today"});
-  writeConfig(service);
-  // (No "?" in the lines: the query keeps it as typed, and this test server refuses a second
-  // "?" in a request line.)
-  const auto result = chat({"--http", "--json", "--linger", "20", "--email", "ann@example.com",
-                            "--message", "I need help"},
-                           "Where is my order\nThanks\n");
-  ASSERT_EQ(result.exitStatus, 0) << result.out << result.err;
-  const auto seen = transcript(test::jsonLines(result.out));
-  ASSERT_EQ(seen.size(), 8U) << result.out;
-  EXPECT_EQ(std::vector(seen.begin(), seen.begin() + 3),
-            (std::vector<std::string>{"panel", "message 4 Omar: Hello, I am Omar", "started"}));
-  EXPECT_EQ(seen.back(), "room 1");
-  // The visitor's lines in the order typed, each answer after its question.
-  EXPECT_TRUE(inOrder(seen, {"message 1 Ann: Where is my order", "message 1 Ann: Thanks",
-                             "message 4 Omar: It ships today"}))
-      << result.out;
-  EXPECT_TRUE(inOrder(seen, {"message 1 Ann: Where is my order", "message 4 Omar: Let me look",
-                             "message 4 Omar: It ships today"}))
-      << result.out;
-  // The survey form of the start, the chat's end told to the service, and no XMPP at all.
-  const auto start = service.query("InsertCInfoMwithSurvey");
-  EXPECT_NE(start.find("parEmail=ann@example.com&"), std::string::npos) << start;
-  EXPECT_NE(start.find("parCM=I%20need%20help&"), std::string::npos) << start;
-  auto called = service.operations();
-  std::erase(called, "GetChatMessagesAlt");
-  EXPECT_EQ(called.back(), "ET");
-  EXPECT_EQ(service.query("ET").substr(0, 13), "parChatId=31&");
-}
 
 TEST_F(KQVisitorChatCommandTest, AFailedStartOrBadArgumentsExitAtOnceSayingWhatToDo) {
   struct Case {

@@ -101,9 +101,10 @@ const std::vector<std::string> kScriptedAnswers = {
 TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
   Sandbox sandbox;
   ASSERT_TRUE(sandbox.ready) << sandbox.process->output();
-  const auto first = sandbox.chat(
-      {"chat", "--domain", "shop.example", "--http", "--json", "--name", "Ann", "--linger", "20"},
-      "Where is my order?\nThanks\nBye\n");
+  const auto first =
+      sandbox.chat({"chat", "--domain", "shop.example", "--http", "--json", "--name", "Ann",
+                    "--email", "ann@example.com", "--message", "I need help", "--linger", "20"},
+                   "Where is my order?\nThanks\nBye\n");
   ASSERT_EQ(first.exitStatus, 0) << first.out << first.err;
   const auto said = conversation(first.out);
   // The operator answers each line in turn; the visitor's own lines come back as they are
@@ -114,8 +115,9 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
       sandbox.query("SELECT sender, text FROM messages WHERE sender = 'visitor'"),
       (std::vector<std::string>{"visitor|Where is my order?", "visitor|Thanks", "visitor|Bye"}))
       << "the \"?\" of a line reaches the service";
-  EXPECT_EQ(sandbox.query("SELECT ended, survey FROM chats"),
-            std::vector<std::string>{R"(1|{"name":"Ann"})"});
+  EXPECT_EQ(sandbox.query("SELECT ended, opening, survey FROM chats"),
+            std::vector<std::string>{R"(1|I need help|{"name":"Ann","email":"ann@example.com"})"})
+      << "the survey form of the start";
 
   // A second launch: the visitor registered before is reused.
   const auto second = sandbox.chat(
@@ -124,8 +126,9 @@ TEST(KQVisitorSandboxTest, AVisitorChatsOverHTTPUntilTheOperatorEndsTheChat) {
   EXPECT_EQ(sandbox.query("SELECT count(*) FROM visitors"), std::vector<std::string>{"1"});
   EXPECT_EQ(sandbox.query("SELECT count(DISTINCT visitor_id) FROM chats"),
             std::vector<std::string>{"1"});
-  EXPECT_NE(sandbox.process->output().find("GET ET "), std::string::npos)
-      << "the visitor who leaves tells the service";
+  EXPECT_EQ(sandbox.query("SELECT id, ended FROM chats ORDER BY id"),
+            (std::vector<std::string>{"1|1", "2|1"}))
+      << "the visitor who leaves ends its own chat at the service";
 }
 
 // The server goes down hard in the middle of the chat; the sandbox starts it again, and the
