@@ -66,6 +66,12 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
     KQVisitorConfig::setShared(KQVisitorConfig());
   }
 
+  // Moves the clock on and runs the timers due.
+  void tick(Clock::Duration by) {
+    clock->advance(by);
+    test::drainMainQueue();
+  }
+
   // Waits (up to kPatience) for `count` refresh notifications.
   std::vector<std::shared_ptr<KQVisitorMessage>> waitForRefreshes(std::size_t count) {
     std::unique_lock lock(mutex);
@@ -84,6 +90,7 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
     return result;
   }
 
+  test::ManualClockScope clock;
   RecordingHTTPServer server;
   std::shared_ptr<KQVisitorUser> visitor = std::make_shared<KQVisitorUser>();
   std::shared_ptr<KQVisitorSite> website = std::make_shared<KQVisitorSite>();
@@ -96,22 +103,25 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
   std::vector<std::pair<std::int64_t, std::string>> updates;  // main queue: status, own line
 };
 
-TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingStopsEveryTimer) {
-  test::ManualClockScope clock;
-  server.enqueueResponse({200, R"(["Hi, I am Omar","15"])", "application/json; charset=utf-8", {}});
-  server.enqueueResponse(
+// One poll at a time: a tick while the last poll is unanswered sends nothing, as two polls from
+// the same cursor would hand the same message out twice.
+TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsOneAtATimeFollowsTheCursorUntilLeft) {
+  server.setDefaultResponse(
       {200, R"(["How can I help?","16"])", "application/json; charset=utf-8", {}});
-  server.setDefaultResponse({200, R"(["more","17"])", "application/json; charset=utf-8", {}});
-
   room->joinHTTPRoom();
-  clock->advance(1900ms);
-  test::drainMainQueue();
+  tick(1900ms);
+  test::flushSharedWebService();
   EXPECT_TRUE(polls().empty()) << "polled before 2 s";
-  clock->advance(100ms);
-  test::drainMainQueue();
+  server.enqueueResponse({200, R"(["Hi, I am Omar","15"])", "application/json; charset=utf-8", {}});
+  server.holdResponses();
+  tick(100ms);
+  ASSERT_TRUE(test::runMainQueueUntil([&] { return polls().size() == 1; }));
+  tick(2s);  // the first poll is still unanswered
+  server.release();
   ASSERT_EQ(waitForRefreshes(1).size(), 1U);
-  clock->advance(2s);
-  test::drainMainQueue();
+  test::flushSharedWebService();
+  EXPECT_EQ(polls().size(), 1U) << "a second poll while the first was unanswered";
+  tick(2s);  // answered: the next tick polls again, from the new cursor
   const auto received = waitForRefreshes(2);
   ASSERT_EQ(received.size(), 2U);
 
@@ -135,44 +145,14 @@ TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsFollowsTheCursorAndLeavingSt
   // A second join polls beside the first; leaving stops both and closes the chat on the server.
   room->joinHTTPRoom();
   room->leaveHTTPRoom();
-  for (int i = 0; i < 2; ++i) {
-    clock->advance(2s);
-    test::drainMainQueue();
-  }
+  tick(2s);
+  tick(2s);
   test::flushSharedWebService();
   EXPECT_EQ(polls().size(), 2U) << "a timer polls for a chat that has ended";
   const auto all = server.requests();
   EXPECT_TRUE(std::any_of(all.begin(), all.end(), [](const auto& request) {
     return request.target.find("/ET?parChatId=7&parChatEndTime=") != std::string::npos;
   })) << "leaving closes the chat on the server";
-}
-
-TEST_F(KQVisitorRoomHTTPTest, ATickWhileAPollIsUnansweredSendsNoSecondPoll) {
-  test::ManualClockScope clock;
-  // Each refresh wakes the wait.
-  const auto waitForMessages = [this](std::size_t count) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, test::kPatience,
-                            [&] { return room->messages().size() >= count; });
-  };
-  server.holdResponses();
-  server.setDefaultResponse({200, R"(["Hi","15"])", "application/json; charset=utf-8", {}});
-  room->joinHTTPRoom();
-  clock->advance(2s);
-  test::drainMainQueue();
-  ASSERT_TRUE(server.waitForRequests(1));
-  clock->advance(2s);  // the first poll is still unanswered
-  test::drainMainQueue();
-  server.release();
-  ASSERT_TRUE(waitForMessages(1));
-  EXPECT_EQ(polls().size(), 1U);
-  EXPECT_EQ(room->messages().size(), 1U) << "the message is not handed out twice";
-  clock->advance(2s);  // answered: the next tick polls again, from the new cursor
-  test::drainMainQueue();
-  ASSERT_TRUE(waitForMessages(2));
-  ASSERT_EQ(polls().size(), 2U);
-  EXPECT_NE(polls()[1].target.find("parMessageId=15"), std::string::npos);
-  room->leaveHTTPRoom();
 }
 
 TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
@@ -241,7 +221,6 @@ TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
 // Lines go one at a time, in order: one that could not reach the service goes again, later,
 // and holds back those after it; one that waits beyond the give-up time is given up.
 TEST_F(KQVisitorRoomHTTPTest, TheOutboxRetriesUnreachedLinesInOrderAndGivesUpLateOnes) {
-  test::ManualClockScope clock;
   std::vector<std::string> fates;
   const auto outbox =
       KQVisitorOutbox::make(room, [&](const auto& line, auto fate, const auto& /*error*/) {
@@ -258,8 +237,7 @@ TEST_F(KQVisitorRoomHTTPTest, TheOutboxRetriesUnreachedLinesInOrderAndGivesUpLat
   })) << "the same line again, after a while";
   EXPECT_EQ(fates, (std::vector<std::string>{"one:sent", "one:sent"}));
 
-  const test::ScriptedResponse stored{200, R"({"response":"1"})", "application/json", {}};
-  server.setDefaultResponse(stored);
+  server.setDefaultResponse({200, R"({"response":"1"})", "application/json; charset=utf-8", {}});
   test::pointServicesAt(server.origin());
   ASSERT_TRUE(test::runMainQueueUntil([&] {
     clock->advance(500ms);
@@ -285,8 +263,7 @@ TEST_F(KQVisitorRoomHTTPTest, TheOutboxRetriesUnreachedLinesInOrderAndGivesUpLat
     clock->advance(1s);
     return !outbox->lines().empty() && outbox->lines().front().sends >= 3;
   }));
-  clock->advance(10s);
-  test::drainMainQueue();
+  tick(10s);
   EXPECT_TRUE(outbox->lines().empty());
   EXPECT_EQ(fates.back(), "four:given up");
   EXPECT_FALSE(UserDefaults::standard().objectForKey("kqoutbox7")) << "nothing left to send";

@@ -17,7 +17,7 @@
 #include "tests/support/MainQueue.h"
 #include "tests/support/ManualClockScope.h"
 #include "tests/support/PostedNotifications.h"
-#include "tests/support/RecordingHTTPServer.h"
+#include "tests/support/WebServiceFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -127,10 +127,9 @@ TEST_F(KQVisitorRoomTest, MessageTypesIgnoredTextsAndTheInvitationText) {
   EXPECT_EQ(KQVisitorRoom::getMessageType("7", "12"), 3);
   EXPECT_EQ(KQVisitorRoom::getMessageType("7", "abc"), 1);
   EXPECT_EQ(KQVisitorRoom::getMessageType(std::nullopt, std::nullopt), 1);
+  // Which texts are ignored, exactly: XMPPMessageKQVisitorTest.
   EXPECT_TRUE(KQVisitorRoom::ignoreMessage("[LockChat]"));
-  EXPECT_TRUE(KQVisitorRoom::ignoreMessage("This room is not anonymous."));
   EXPECT_FALSE(KQVisitorRoom::ignoreMessage("[destroy room]"));
-  EXPECT_FALSE(KQVisitorRoom::ignoreMessage("[dnd]"));
 
   EXPECT_EQ(room->getReasonPacket(), "7|W1|v1|Ann|Ann|Hello, how can I help?");
   room->setGreetingMessage(std::nullopt);
@@ -263,10 +262,7 @@ TEST_F(KQVisitorRoomTest, ADestroyedRoomClosesItsSiteAndIsRemovedFourSecondsLate
 TEST_F(KQVisitorRoomTest, SendingNeedsAConnectedStreamUnlessTheRoomIsAnHTTPRoom) {
   EXPECT_FALSE(room->sendMessage("hello")) << "its stream is not connected";
   // An HTTP room answers yes at once, even when the service cannot be reached.
-  KQVisitorConfig config;
-  config.jsonServiceProductionOrigin = "http://127.0.0.1:" + std::to_string(test::unusedPort());
-  config.jsonServiceBetaOrigin = config.jsonServiceProductionOrigin;
-  KQVisitorConfig::setShared(config);
+  test::pointServicesAt("http://127.0.0.1:" + std::to_string(test::unusedPort()));
   room->setXmppRoom(nullptr);
   EXPECT_TRUE(room->isHttpRoom());
   EXPECT_TRUE(room->sendMessage("over HTTP"));

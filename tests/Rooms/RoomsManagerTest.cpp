@@ -19,8 +19,10 @@ class HostRoom : public RegisteredRoom {
   std::string id_;
 };
 
-TEST(RoomsManagerTest, RoomsAreFiledByIdAndTheConditionalRemovalsTestNothing) {
+TEST(RoomsManagerTest, RoomsAreFiledByIdAndTheRemovalsTestNothingButTheirFilter) {
   RoomsManager manager;
+  manager.removeAllQCRooms();  // empty: nothing is evaluated, nothing thrown
+  manager.removeOperatorRooms();
   const auto first = std::make_shared<HostRoom>("1");
   const auto second = std::make_shared<HostRoom>("1");
   manager.addRoom(first);
@@ -38,14 +40,8 @@ TEST(RoomsManagerTest, RoomsAreFiledByIdAndTheConditionalRemovalsTestNothing) {
   manager.addRoom(first);
   manager.removeRoomByIdIfNotUsedByObject(first);
   EXPECT_TRUE(manager.roomsDict().empty());
-  EXPECT_EQ(&RoomsManager::sharedInstance(), &RoomsManager::sharedInstance());
-}
 
-TEST(RoomsManagerTest, GroupRemovalsEvaluateTheirFilterAndRemoveNothing) {
-  RoomsManager manager;
-  manager.removeAllQCRooms();  // empty: nothing is evaluated, nothing thrown
-  manager.removeOperatorRooms();
-  manager.addRoom(std::make_shared<HostRoom>("1"));
+  manager.addRoom(first);
   manager.addRoom(std::make_shared<HostRoom>("2"));
   manager.removeAllQCRooms();
   manager.removeOperatorRooms();

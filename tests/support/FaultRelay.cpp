@@ -85,10 +85,7 @@ void FaultRelay::Impl::accept() {
     if (!error) {
       auto connection = std::make_shared<Connection>(std::move(socket), io);
       connections.insert(connection);
-      counts.with([](Counts& now) {
-        ++now.accepted;
-        ++now.open;
-      });
+      counts.with([](Counts& now) { ++now.accepted; });
       connection->server.async_connect(
           tcp::endpoint(asio::ip::address_v4::loopback(), targetPort),
           [this, connection](std::error_code connectError) {
@@ -166,7 +163,6 @@ void FaultRelay::Impl::close(const ConnectionPtr& connection, bool resetClient) 
   connection->client.close(ignored);
   connection->server.close(ignored);
   connections.erase(connection);
-  counts.with([](Counts& now) { --now.open; });
 }
 
 FaultRelay::FaultRelay(std::uint16_t targetPort) : impl_(std::make_unique<Impl>(targetPort)) {

@@ -19,7 +19,6 @@ class FaultRelay {
   /// What went through the relay so far.
   struct Counts {
     int accepted = 0;  ///< connections accepted since the start
-    int open = 0;      ///< connections open now
   };
 
   /// Starts listening. Throws std::runtime_error when it cannot.

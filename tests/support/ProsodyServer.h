@@ -18,9 +18,8 @@ namespace kq::test {
 class ProsodyServer {
  public:
   struct Options {
-    bool tls = true;               ///< offer STARTTLS
-    bool streamManagement = true;  ///< offer XEP-0198 with resumption
-    bool roomArchive = true;       ///< rooms keep an archive (XEP-0313) that survives a restart
+    bool tls = true;          ///< offer STARTTLS
+    bool roomArchive = true;  ///< rooms keep an archive (XEP-0313) that survives a restart
     /// Names the certificate carries (the client checks the host it connects to against them).
     std::vector<std::string> certificateNames = {"127.0.0.1", "localhost"};
     std::map<std::string, std::string> accounts;  ///< name -> password, logging in with PLAIN
