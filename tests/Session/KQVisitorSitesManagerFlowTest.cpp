@@ -27,9 +27,11 @@ using namespace std::chrono_literals;
 using Json = nlohmann::ordered_json;
 using test::RecordingHTTPServer;
 
+// What a launch or a chat start answered.
 struct Answer {
   std::optional<KQError> error;
   Json result;
+  bool joined = false;
 };
 
 // The bootstrap of a new sites manager against a scripted JSON service on loopback. The web
@@ -60,14 +62,20 @@ class KQVisitorSitesManagerFlowTest : public ::testing::Test {
     }
   }
 
-  Answer launch() {
+  // Calls `call` with a callback and waits for its answer.
+  template <class Call>
+  static Answer answerOf(Call call) {
     std::promise<Answer> done;
-    manager->visitorPanelWithResult([&](std::optional<KQError> error, Json result) {
-      done.set_value({std::move(error), std::move(result)});
+    call([&](std::optional<KQError> error, Json result, bool joined = false) {
+      done.set_value({std::move(error), std::move(result), joined});
     });
     auto future = done.get_future();
     EXPECT_EQ(future.wait_for(test::kPatience), std::future_status::ready);
     return future.get();
+  }
+
+  Answer launch() {
+    return answerOf([&](auto callback) { manager->visitorPanelWithResult(callback); });
   }
 
   // The services called so far, in order, each with its query.
@@ -273,24 +281,12 @@ TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecon
   KQVisitorWebService::sharedInstance().setIsHTTPClient(true);
 }
 
-struct Start {
-  std::optional<KQError> error;
-  Json result;
-  bool joined = false;
-};
-
 TEST_F(KQVisitorSitesManagerFlowTest, AStartedChatOverHTTPIsRegisteredThenPolled) {
   test::ManualClockScope clock;
   script({kWebsite, R"("stamp-4")", kVisitor, R"("0")", R"("0")", kOperator, R"("g8")"});
   ASSERT_FALSE(launch().error);
   const auto start = [&](const std::optional<std::string>& message) {
-    std::promise<Start> done;
-    manager->startChat(message, [&](std::optional<KQError> error, Json result, bool joined) {
-      done.set_value({std::move(error), std::move(result), joined});
-    });
-    auto future = done.get_future();
-    EXPECT_EQ(future.wait_for(test::kPatience), std::future_status::ready);
-    return future.get();
+    return answerOf([&](auto callback) { manager->startChat(message, callback); });
   };
 
   // A registration that cannot reach the service, and a chat id that is no number, fail before
@@ -299,7 +295,7 @@ TEST_F(KQVisitorSitesManagerFlowTest, AStartedChatOverHTTPIsRegisteredThenPolled
   for (const auto& origin : {unreachable(), server.origin()}) {
     SCOPED_TRACE(origin);
     test::pointServicesAt(origin);
-    const Start failed = start("Hello");
+    const Answer failed = start("Hello");
     ASSERT_TRUE(failed.error);
     EXPECT_EQ(failed.error->domain, "Network");
     EXPECT_EQ(failed.error->code, 400);
@@ -309,7 +305,7 @@ TEST_F(KQVisitorSitesManagerFlowTest, AStartedChatOverHTTPIsRegisteredThenPolled
   }
 
   script({R"(["77"])"});
-  const Start started = start(std::nullopt);
+  const Answer started = start(std::nullopt);
   ASSERT_FALSE(started.error) << started.error->description();
   EXPECT_EQ(started.result, (Json{{"websiteID", "12"}}));
   EXPECT_TRUE(started.joined);
