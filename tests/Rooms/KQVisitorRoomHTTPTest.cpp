@@ -17,9 +17,7 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
-#include <mutex>
 
 namespace kq {
 namespace {
@@ -29,7 +27,7 @@ using namespace std::string_literals;
 using test::RecordingHTTPServer;
 
 // The session's current room, chatting over HTTP with the shared web service pointed at a
-// recording server. Counts the refresh notifications, which arrive on the HTTP thread, and
+// recording server. Records the refresh notifications, which arrive on the HTTP thread, and
 // records the room's updates, which must arrive on the main queue as they do over XMPP.
 class KQVisitorRoomHTTPTest : public ::testing::Test {
  protected:
@@ -45,10 +43,8 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
     website->rooms()->setObject(room, "currentRoom");
     observer = NotificationCenter::defaultCenter().addObserver(
         "KQVisitor_HTTP_Refresh", [this](const Notification& notification) {
-          std::scoped_lock lock(mutex);
-          refreshed.push_back(
-              std::any_cast<std::shared_ptr<KQVisitorMessage>>(notification.object));
-          changed.notify_all();
+          const auto line = std::any_cast<std::shared_ptr<KQVisitorMessage>>(notification.object);
+          refreshes.record(line->message().value_or(""));
         });
     room->addRoomUpdatesCallBack(std::make_shared<KQVisitorRoom::RoomUpdatesCallback>(
         [this](const std::any& object, std::int64_t status) {
@@ -72,13 +68,6 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
     test::drainMainQueue();
   }
 
-  // Waits (up to kPatience) for `count` refresh notifications.
-  std::vector<std::shared_ptr<KQVisitorMessage>> waitForRefreshes(std::size_t count) {
-    std::unique_lock lock(mutex);
-    changed.wait_for(lock, test::kPatience, [&] { return refreshed.size() >= count; });
-    return refreshed;
-  }
-
   // The polling requests the server has seen.
   std::vector<test::RecordedRequest> polls() const {
     std::vector<test::RecordedRequest> result;
@@ -97,9 +86,7 @@ class KQVisitorRoomHTTPTest : public ::testing::Test {
   std::shared_ptr<KQVisitorSitesManager> manager = std::make_shared<KQVisitorSitesManager>();
   std::shared_ptr<KQVisitorRoom> room = std::make_shared<KQVisitorRoom>();
   NotificationCenter::Token observer = 0;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::shared_ptr<KQVisitorMessage>> refreshed;   // guarded by mutex
+  test::CallbackRecorder refreshes;                           // each line's text
   std::vector<std::pair<std::int64_t, std::string>> updates;  // main queue: status, own line
 };
 
@@ -118,12 +105,12 @@ TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsOneAtATimeFollowsTheCursorUn
   ASSERT_TRUE(test::runMainQueueUntil([&] { return polls().size() == 1; }));
   tick(2s);  // the first poll is still unanswered
   server.release();
-  ASSERT_EQ(waitForRefreshes(1).size(), 1U);
+  ASSERT_EQ(refreshes.waitFor(1).size(), 1U);
   test::flushSharedWebService();
   EXPECT_EQ(polls().size(), 1U) << "a second poll while the first was unanswered";
   tick(2s);  // answered: the next tick polls again, from the new cursor
-  const auto received = waitForRefreshes(2);
-  ASSERT_EQ(received.size(), 2U);
+  ASSERT_EQ(refreshes.waitFor(2).size(), 2U);
+  EXPECT_EQ(refreshes.events()[0].kind, "Hi, I am Omar");
 
   const auto requests = polls();
   ASSERT_EQ(requests.size(), 2U);
@@ -131,11 +118,12 @@ TEST_F(KQVisitorRoomHTTPTest, PollingEveryTwoSecondsOneAtATimeFollowsTheCursorUn
       << requests[0].target;
   EXPECT_NE(requests[1].target.find("parMessageId=15"), std::string::npos) << "cursor moved";
   EXPECT_EQ(room->httpMessageId(), "16");
+  const auto received = room->messages();
+  ASSERT_EQ(received.size(), 2U);
   EXPECT_EQ(received[0]->message(), "Hi, I am Omar");
   EXPECT_EQ(received[0]->messageType(), KQVisitorMessageTypeOperator);
   EXPECT_EQ(received[0]->managerId(), "0");
   EXPECT_EQ(received[0]->sender()->username(), "Omar");
-  EXPECT_EQ(room->messages().size(), 2U);
   test::drainMainQueue();
   using Update = std::pair<std::int64_t, std::string>;
   EXPECT_EQ(updates,
@@ -202,7 +190,8 @@ TEST_F(KQVisitorRoomHTTPTest, TheHTTPOperationsReportWhatTheServiceAnswered) {
   other->setRoomId("8");
   server.enqueueResponse({200, R"("2")", "application/json; charset=utf-8", {}});
   EXPECT_TRUE(other->sendMessage("hi8"));
-  ASSERT_EQ(waitForRefreshes(1).size(), 1U);
+  ASSERT_EQ(refreshes.waitFor(1).size(), 1U);
+  EXPECT_EQ(refreshes.events()[0].kind, "hi8");
   EXPECT_NE(server.requests().back().target.find("?parMessage=hi8&parChatId=8&"), std::string::npos)
       << server.requests().back().target;
   EXPECT_EQ(other->lastMessage()->message(), "hi8");
