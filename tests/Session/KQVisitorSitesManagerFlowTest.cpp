@@ -267,11 +267,6 @@ TEST_F(KQVisitorSitesManagerFlowTest, AChatAlreadyOpenOnTheServerGoesOnFiveSecon
       EXPECT_EQ(manager->allRooms(), KQVisitorSitesManager::Rooms{room});
       tick(clock, 2s);
       ASSERT_TRUE(test::runMainQueueUntil([&] { return polls() == 1; }));
-      const std::size_t before = server.requests().size();
-      EXPECT_TRUE(room->sendMessage("Hi"));
-      ASSERT_TRUE(server.waitForRequests(before + 1));
-      EXPECT_TRUE(calls().back().starts_with("InsertChatMessage?parMessage=Hi&parChatId=77&"))
-          << calls().back();
       room->closeRoom();
       manager->setKqWebsite(nullptr);  // a new website and room for the next round
     }
