@@ -99,17 +99,26 @@ TEST_F(KQVisitorWebServiceUploadTest, SendsOnePartByteForByteWithANewBoundaryEac
 TEST_F(KQVisitorWebServiceUploadTest, AcceptsSixMegabytesAndRefusesOneByteMoreAtOnce) {
   uploads.enqueueResponse(test::rawResponse(200, R"("http://files.test/big")"));
   std::vector<std::pair<std::int64_t, std::int64_t>> reports;  // session thread only
-  EXPECT_EQ(
-      upload(fileParameters(std::string(6291456, 'a'), "big.bin"),
-             [&](std::int64_t sent, std::int64_t total) { reports.emplace_back(sent, total); }),
-      Json({"success", "http://files.test/big"}));
+  bool allOnSession = true;
+  EXPECT_EQ(upload(fileParameters(std::string(6291456, 'a'), "big.bin"),
+                   [&](std::int64_t sent, std::int64_t total) {
+                     reports.emplace_back(sent, total);
+                     allOnSession = allOnSession && session->isCurrent();
+                   }),
+            Json({"success", "http://files.test/big"}));
   ASSERT_EQ(uploads.rawRequests().size(), 1U);
   const std::string body = bodyOf(uploads.rawRequests()[0]);
   EXPECT_EQ(body, multipartBody(boundaryOf(uploads.rawRequests()[0]), "big.bin",
                                 std::string(6291456, 'a')));
+  // Progress up to the whole body, never backwards, out of the same total, all on the session's
+  // thread, before the outcome.
   ASSERT_FALSE(reports.empty());
+  EXPECT_TRUE(allOnSession);
   EXPECT_EQ(reports.back().first, reports.back().second);
-  EXPECT_EQ(reports.back().second, static_cast<std::int64_t>(body.size()));
+  for (std::size_t i = 0; i < reports.size(); ++i) {
+    EXPECT_LE(i == 0 ? 0 : reports[i - 1].first, reports[i].first);
+    EXPECT_EQ(reports[i].second, static_cast<std::int64_t>(body.size()));
+  }
 
   bool refused = false;
   service->uploadFile(

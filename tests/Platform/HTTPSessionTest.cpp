@@ -32,18 +32,15 @@ struct Outcome {
 };
 
 // Starts a task and waits for its completion.
-Outcome run(const std::shared_ptr<HTTPSession>& session, HTTPRequest request,
-            HTTPSession::Progress progress = {}) {
+Outcome run(const std::shared_ptr<HTTPSession>& session, HTTPRequest request) {
   std::promise<Outcome> promise;
   auto future = promise.get_future();
   session->dataTaskWithRequest(
-      std::move(request),
-      [&](std::optional<std::string> data, std::optional<HTTPResponse> response,
-          std::optional<KQError> error) {
+      std::move(request), [&](std::optional<std::string> data, std::optional<HTTPResponse> response,
+                              std::optional<KQError> error) {
         promise.set_value(
             {std::move(data), std::move(response), std::move(error), session->isCurrent()});
-      },
-      std::move(progress));
+      });
   if (future.wait_for(test::kPatience) != std::future_status::ready) {
     ADD_FAILURE() << "the task never completed";
     return {};
@@ -393,25 +390,6 @@ TEST(HTTPSessionSetUpTest, ASessionThatCannotWakeItsLoopFailsEveryTaskInsteadOfH
         std::exit(problem.empty() ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(HTTPSessionTest, ReportsUploadProgressUpToTheWholeBodyBeforeTheCompletion) {
-  std::vector<std::pair<std::int64_t, std::int64_t>> reports;  // session thread only
-  bool allOnSession = true;
-  const Outcome outcome = run(
-      session, request(server.origin() + "/upload", "POST", std::string(std::size_t{3} << 20, 'x')),
-      [&](std::int64_t sent, std::int64_t total) {
-        reports.emplace_back(sent, total);
-        allOnSession = allOnSession && session->isCurrent();
-      });
-  EXPECT_FALSE(outcome.error);
-  ASSERT_FALSE(reports.empty());
-  EXPECT_TRUE(allOnSession);
-  EXPECT_EQ(reports.back(), std::make_pair(std::int64_t{3145728}, std::int64_t{3145728}));
-  for (std::size_t i = 1; i < reports.size(); ++i) {
-    EXPECT_LE(reports[i - 1].first, reports[i].first);
-    EXPECT_EQ(reports[i].second, 3145728);
-  }
 }
 
 class HTTPSessionTLSTest : public ::testing::Test {

@@ -1,5 +1,8 @@
 // The fault relay that the reconnection tests and the soak benchmark put between a client and
 // its server: plain sockets on both sides, so that what each side sees is the kernel's word.
+// (What a silent drop holds back, and lets through at its end, the chat survival test shows:
+// the visitor's stream notices the drop by a missing acknowledgement, its resume attempt
+// connects during the drop, and every line arrives once it ends.)
 
 #include "tests/support/FaultRelay.h"
 
@@ -7,7 +10,6 @@
 #include "tests/support/MainQueue.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -15,7 +17,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace kq::test {
 namespace {
@@ -87,30 +88,6 @@ TEST_F(FaultRelayTest, ForwardsBothWaysAndEndsTheOtherSideOnACloseOrAReset) {
   EXPECT_EQ(second.read(), "error: ECONNRESET");
   EXPECT_EQ(secondServer.read(), "(closed)");
   EXPECT_EQ(relay_.counts().accepted, 2);
-}
-
-TEST_F(FaultRelayTest, ASilentDropHoldsTheBytesOfEveryConnectionUntilItEnds) {
-  const Socket client(connectToLoopback(relay_.port()));
-  const Socket server(acceptFrom(listener_));
-  client.send("hello");
-  ASSERT_EQ(server.read(), "hello");
-
-  relay_.dropSilently(true);
-  client.send("up");
-  server.send("down");
-  // A connection made during the drop is accepted and reaches the server, but carries nothing.
-  const Socket late(connectToLoopback(relay_.port()));
-  const Socket lateServer(acceptFrom(listener_));
-  ASSERT_GE(lateServer.fd(), 0);
-  late.send("late");
-  std::vector<pollfd> receivers = {
-      {server.fd(), POLLIN, 0}, {client.fd(), POLLIN, 0}, {lateServer.fd(), POLLIN, 0}};
-  EXPECT_EQ(::poll(receivers.data(), receivers.size(), 100), 0) << "something went through";
-
-  relay_.dropSilently(false);
-  EXPECT_EQ(server.read(), "up");
-  EXPECT_EQ(client.read(), "down");
-  EXPECT_EQ(lateServer.read(), "late");
 }
 
 }  // namespace
