@@ -20,10 +20,12 @@
 #include <KQVisitorCore/XMPP/XMPPRoomMemoryStorage.h>
 
 #include "tests/support/PostedNotifications.h"
+#include "tests/support/ProsodyOperator.h"
 #include "tests/support/ProsodyServer.h"
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <deque>
 #include <future>
 #include <map>
@@ -54,11 +56,11 @@ std::shared_ptr<KQVisitorUser> user(const std::string& id, const std::string& na
 
 // 17 for "v-17" with prefix "v-"; nullopt for anything else.
 std::optional<int> numberOf(const std::string& text, const std::string& prefix) {
-  if (text.rfind(prefix, 0) != 0 || text.size() == prefix.size() ||
-      !std::all_of(text.begin() + static_cast<long>(prefix.size()), text.end(), ::isdigit)) {
-    return std::nullopt;
-  }
-  return std::stoi(text.substr(prefix.size()));
+  int number = 0;
+  const char* end = text.data() + text.size();
+  const bool numbered = text.starts_with(prefix) &&
+                        std::from_chars(text.data() + prefix.size(), end, number).ptr == end;
+  return numbered && text.size() > prefix.size() ? std::optional(number) : std::nullopt;
 }
 
 // " (after fault 3, reset)": the last fault before `at`, to tell which one a problem followed.
@@ -127,14 +129,12 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
                           public xmpp::XMPPRoomDelegate,
                           public std::enable_shared_from_this<RejoiningOperator> {
  public:
-  RejoiningOperator(std::uint16_t port, const xmpp::XMPPJID& roomJID)
-      : roomJID_(roomJID),
+  RejoiningOperator(const ProsodyServer& server, const xmpp::XMPPJID& roomJID)
+      : agent_(server),
+        roomJID_(roomJID),
         room_(std::make_shared<xmpp::XMPPRoom>(xmpp::XMPPRoomMemoryStorage::sharedInstance(),
                                                roomJID, DispatchQueue::main())),
         archive_(std::make_shared<xmpp::XMPPRoomArchive>(roomJID, DispatchQueue::main())) {
-    stream_->setHostName("127.0.0.1");
-    stream_->setHostPort(port);
-    stream_->setMyJID(xmpp::XMPPJID::jidWithString("42@localhost/agent"));
     // Back soon after the server is: the restarts here take a moment.
     reconnect_->setReconnectDelay(ChatSurvival::Seconds(0.2));
     reconnect_->setReconnectTimerInterval(ChatSurvival::Seconds(0.5));
@@ -143,13 +143,18 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
   // Logs in and joins, again after every reconnect; false when the first join did not happen
   // within the tests' patience.
   bool join() {
-    stream_->addDelegate(shared_from_this(), DispatchQueue::main());
+    const auto& stream = agent_.stream;
     room_->addDelegate(shared_from_this(), DispatchQueue::main());
-    reconnect_->activate(stream_);
-    room_->activate(stream_);
-    archive_->activate(stream_);
-    return stream_->connectWithTimeout(xmpp::XMPPStreamTimeoutNone) &&
-           runMainQueueUntil([this] { return isJoined(); });
+    reconnect_->activate(stream);
+    room_->activate(stream);
+    archive_->activate(stream);
+    if (!agent_.login()) {
+      return false;
+    }
+    // Its first login is the agent's own; it logs in again itself after each reconnect.
+    stream->addDelegate(shared_from_this(), DispatchQueue::main());
+    xmppStreamDidAuthenticate(*stream);
+    return runMainQueueUntil([this] { return isJoined(); });
   }
 
   // Sends `text` with `text` as its "id" attribute, once joined, until the room echoes it.
@@ -162,18 +167,11 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
   [[nodiscard]] const Transcript& heard() const { return heard_; }
   std::function<void(const Line&)> onHeard;
 
+  // Lets go of the room and the reconnects; the agent logs out when it goes.
   void stop() {
     room_->removeDelegate(this);
     reconnect_->deactivate();
-    stream_->disconnect();
-    runMainQueueUntil([this] { return stream_->isDisconnected(); });
-    stream_->removeDelegate(this);
-    for (const auto& module : stream_->registeredModules()) {
-      module->deactivate();
-    }
-    const std::weak_ptr<xmpp::XMPPStream> gone = stream_;
-    stream_.reset();
-    runMainQueueUntil([&] { return gone.expired(); });
+    agent_.stream->removeDelegate(this);
   }
 
   void xmppStreamDidConnect(xmpp::XMPPStream& sender) override {
@@ -275,8 +273,8 @@ class RejoiningOperator : public xmpp::XMPPStreamDelegate,
     }
   }
 
+  Operator agent_;
   const xmpp::XMPPJID roomJID_;
-  std::shared_ptr<xmpp::XMPPStream> stream_ = xmpp::XMPPStream::create();
   std::shared_ptr<xmpp::XMPPReconnect> reconnect_ =
       std::make_shared<xmpp::XMPPReconnect>(DispatchQueue::main());
   std::shared_ptr<xmpp::XMPPRoom> room_;
@@ -401,6 +399,7 @@ ChatSurvival::~ChatSurvival() {
   }
   if (chat.agent) {
     chat.agent->stop();
+    chat.agent.reset();
   }
   client().disconnect();
   runMainQueueUntil([] { return client().xmppStream()->isDisconnected(); });
@@ -476,7 +475,7 @@ bool ChatSurvival::start() {
   }
   // The operator joins the room the visitor made (and the server keeps through a restart).
   const auto roomJID = xmpp::XMPPJID::jidWithString("room" + kChatId + "@conference.localhost");
-  chat.agent = std::make_shared<RejoiningOperator>(chat.server->port(), *roomJID);
+  chat.agent = std::make_shared<RejoiningOperator>(*chat.server, *roomJID);
   chat.agent->onHeard = [&chat](const Line& heard) {
     chat.arrived(heard.text, "v-", chat.visitorWritten, chat.reachedOperator);
   };
