@@ -87,11 +87,6 @@ class KQVisitorSitesManagerFlowTest : public ::testing::Test {
     return result;
   }
 
-  // Where nothing listens.
-  static std::string unreachable() {
-    return "http://127.0.0.1:" + std::to_string(test::unusedPort());
-  }
-
   static std::string service(const std::string& call) { return call.substr(0, call.find('?')); }
 
   // The polls of chat `chatId` the server has seen.
@@ -206,7 +201,7 @@ TEST_F(KQVisitorSitesManagerFlowTest, EveryFailureAnswersOnceWithItsMessageCodeA
 
   // "InsGrtInfo" failing, whatever the reason, is reported under its own name with status 3:
   // the service becomes unreachable once it has named the operator.
-  const std::string nowhere = unreachable();
+  const std::string nowhere = "http://127.0.0.1:" + std::to_string(test::unusedPort());
   script({kWebsite, R"("stamp-7")", kVisitor, R"("0")", R"("0")", kOperator});
   server.setResponder([&](const test::RecordedRequest& request) {
     if (service(request.target.substr(request.target.rfind('/') + 1)) == "ChatPreByLan") {
@@ -279,7 +274,8 @@ TEST_F(KQVisitorSitesManagerFlowTest, AStartedChatOverHTTPIsRegisteredThenPolled
   // A registration that cannot reach the service, and a chat id that is no number, fail before
   // anything is joined.
   script({R"(["abc"])"});  // the answer the service gives once it is reached
-  for (const auto& origin : {unreachable(), server.origin()}) {
+  for (const auto& origin :
+       {"http://127.0.0.1:" + std::to_string(test::unusedPort()), server.origin()}) {
     SCOPED_TRACE(origin);
     test::pointServicesAt(origin);
     const Answer failed = start("Hello");

@@ -19,24 +19,14 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// The (event, text) of each line, the text being a message's "sender: text", a room's status
-// or an error's domain and status: the conversation as the visitor saw it.
+// The name of each event line, an error's with its domain, code and status.
 std::vector<std::string> transcript(const std::vector<Json>& all) {
   std::vector<std::string> lines;
   for (const auto& event : all) {
     const std::string name = event["event"];
-    if (name == "message") {
-      lines.push_back("message " + std::to_string(event["type"].get<int>()) + " " +
-                      (event["sender"].is_string() ? event["sender"].get<std::string>() : "-") +
-                      ": " + event["text"].get<std::string>());
-    } else if (name == "room") {
-      lines.push_back("room " + event["status"].dump());
-    } else if (name == "error") {
-      lines.push_back("error " + event["domain"].get<std::string>() + " " + event["code"].dump() +
-                      " " + event["status"].dump());
-    } else {
-      lines.push_back(name);
-    }
+    lines.push_back(name != "error" ? name
+                                    : "error " + event["domain"].get<std::string>() + " " +
+                                          event["code"].dump() + " " + event["status"].dump());
   }
   return lines;
 }
@@ -74,17 +64,13 @@ class ChatService {
   }
 
  private:
-  static test::ScriptedResponse json(int status, std::string body) {
-    test::ScriptedResponse response;
-    response.status = status;
-    response.body = std::move(body);
-    return response;
-  }
-
   std::optional<test::ScriptedResponse> answer(const test::RecordedRequest& request) {
     std::scoped_lock lock(mutex_);
     const auto found = answers_.find(operationOf(request));
-    return found == answers_.end() ? json(404, "null") : json(200, found->second);
+    return test::ScriptedResponse{found == answers_.end() ? 404 : 200,
+                                  found == answers_.end() ? "null" : found->second,
+                                  "application/json; charset=utf-8",
+                                  {}};
   }
 
   std::mutex mutex_;
